@@ -1,0 +1,52 @@
+#pragma once
+// The daemon's link to the controller's host service: JSON-RPC 2.0 over HTTP
+// POST on the loopback interface. It fetches the device configuration at
+// start-up and publishes values from the polling thread; relay outputs go to
+// the sensors service. Transport failures are never reported to the caller:
+// SendParameters retries until the host service answers with valid JSON.
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "hostlink/CDeviceConfig.h"
+#include "hostlink/CValueRecord.h"
+#include "shell/Defaults.h"
+
+namespace Json {
+class Value;
+}
+
+class CJSONRPCConnector {
+public:
+    explicit CJSONRPCConnector(std::string meterId, std::string hostUrl = mtd::defaults::kHostUrl,
+                               std::string sensorsUrl = mtd::defaults::kSensorsUrl);
+
+    const std::string& meterId() const { return m_meterId; }
+
+    // Builds the envelope, sends it with SendParameters; true when `reply` holds a parsed response.
+    bool ExecJSONRPCFunc(const std::string& method, const Json::Value& params, Json::Value& reply);
+    // The retrying exchange with the host service. Returns true once a reply was
+    // received and parsed; false only when the cancel flag was raised meanwhile.
+    bool SendParameters(const std::string& request, Json::Value& reply);
+
+    bool GetInitParameters1(CDeviceConfig& config);  // "get_config"
+    bool GetInitParameters2(CDeviceConfig& config);  // "get_config2"
+
+    void SendParameters2(const std::vector<CValueRecord>& values);       // "put_one_value" each
+    void SendParameters_right(const std::vector<CValueRecord>& values);  // "put_current_value" each
+    bool SendAllCurrentValues(const std::vector<CValueRecord>& values);  // one "put_all_current_values"
+
+    // Switches relay output 1 or 2 through the sensors service; at most 50 attempts.
+    bool ExecSensorsJSONRPCFunc(bool state, int rs232Number);
+
+    // A raised flag makes SendParameters give up (orderly shutdown while the host is down).
+    void setCancelFlag(const std::atomic<bool>* cancel) { m_cancel = cancel; }
+
+private:
+    std::string m_meterId;
+    std::string m_hostUrl;
+    std::string m_sensorsUrl;
+    int m_requestId = 1;
+    const std::atomic<bool>* m_cancel = nullptr;
+};

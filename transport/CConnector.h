@@ -1,0 +1,49 @@
+#pragma once
+// The one byte transport every driver talks through. Built once per process
+// from the first device's port parameters: "protocol" == "modbus" gives a
+// Modbus RTU line, anything else a plain UART. All calls are forwarded.
+
+#include <memory>
+#include <string>
+
+#include "shell/Defaults.h"
+#include "transport/CTransport.h"
+
+class CModbusConnectorItself;
+
+struct LedPaths {
+    std::string transmit = mtd::defaults::kLedTransmit;
+    std::string receive = mtd::defaults::kLedReceive;
+};
+
+class CConnector {
+public:
+    explicit CConnector(const PortParams& params, const LedPaths& leds = LedPaths());
+    ~CConnector();
+    CConnector(const CConnector&) = delete;
+    CConnector& operator=(const CConnector&) = delete;
+
+    int WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink);
+    int ReadBuffer(unsigned char* buffer, uint16_t length, bool blink);
+    int ReadBufferCycle(unsigned char* buffer, uint16_t length, bool blink, uint32_t timeout_ms);
+    bool open_device();
+    void close_device();
+    int FlushBuffers();
+    int DrainOutput();
+    void SetTimeout(uint32_t timeout_ms);
+    uint32_t GetTimeout() const;
+    bool is_open() const;
+
+    // Port parameter access ("" when absent); SetParam changes the transport's copy.
+    std::string GetParam(const std::string& key) const;
+    void SetParam(const std::string& key, const std::string& value);
+    PortParams& params();
+
+    // The Modbus transport for Modbus drivers; nullptr on a plain UART.
+    CModbusConnectorItself* modbus();
+    CTransport& transport() { return *m_transport; }
+
+private:
+    std::unique_ptr<CTransport> m_transport;
+    CModbusConnectorItself* m_modbus = nullptr;
+};

@@ -1,0 +1,34 @@
+#pragma once
+// The byte-transport surface shared by the plain serial port (CRSConnector) and
+// the Modbus RTU line (CModbusConnectorItself). CConnector holds one of them and
+// forwards every call; protocol layers and drivers only ever see CConnector.
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+// Port parameters from the host service: "protocol", "name", "speed", "data",
+// "parity", "stop", "timeout", ... (text key to text value).
+using PortParams = std::map<std::string, std::string>;
+
+class CTransport {
+public:
+    virtual ~CTransport() = default;
+
+    // One write; returns what write(2) returned (no retry on a short write).
+    virtual int WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink) = 0;
+    // One wait (the read time-out) and one read; -1 on time-out.
+    virtual int ReadBuffer(unsigned char* buffer, uint16_t length, bool blink) = 0;
+    // Reads until `length` bytes arrived or the line fell silent for `timeout_ms`
+    // (0: the read time-out); the partial count, or -1 when nothing came.
+    virtual int ReadBufferCycle(unsigned char* buffer, uint16_t length, bool blink, uint32_t timeout_ms) = 0;
+    virtual bool open_device() = 0;
+    virtual void close_device() = 0;
+    virtual int FlushBuffers() = 0;
+    virtual int DrainOutput() = 0;
+    virtual void SetTimeout(uint32_t timeout_ms) = 0;
+    virtual uint32_t GetTimeout() const = 0;
+    virtual bool is_open() const = 0;
+    // The transport's copy of the port parameters ("speed" is rewritten by a baud change).
+    virtual PortParams& params() = 0;
+};
