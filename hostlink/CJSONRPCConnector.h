@@ -44,6 +44,10 @@ public:
     void setCancelFlag(const std::atomic<bool>* cancel) { m_cancel = cancel; }
 
 private:
+    // The JSON-RPC 2.0 envelope of the next request (takes the next id), one line ending in "\n".
+    std::string BuildRequest(const std::string& method, const Json::Value& params);
+    bool cancelled() const { return m_cancel != nullptr && m_cancel->load(); }
+
     std::string m_meterId;
     std::string m_hostUrl;
     std::string m_sensorsUrl;

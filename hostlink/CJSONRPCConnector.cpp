@@ -1,0 +1,329 @@
+#include "hostlink/CJSONRPCConnector.h"
+
+#include <json/json.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <iostream>
+#include <thread>
+#include <utility>
+
+#include "hostlink/HttpClient.h"
+#include "shell/logger.h"
+
+namespace {
+
+// Pause between two attempts. The log texts say "wait 5 sec"; the host
+// service is local and comes back quickly, so the real pause is 5 ms.
+constexpr std::chrono::microseconds kRetryPause{5000};
+constexpr int kSensorsAttempts = 50;
+
+void pauseBeforeRetry()
+{
+    std::this_thread::sleep_until(std::chrono::steady_clock::now() + kRetryPause);
+}
+
+// Members of a reply that may not be an object at all (a misbehaving host
+// service): jsoncpp throws on operator[] of a non-object, so look first.
+const Json::Value& member(const Json::Value& v, const char* key)
+{
+    static const Json::Value null;
+    if (!v.isObject())
+        return null;
+    const Json::Value* found = v.find(key, key + std::char_traits<char>::length(key));
+    return found ? *found : null;
+}
+
+// Scalars as jsoncpp renders them with asString; nested objects and arrays,
+// which asString refuses, as their compact JSON text.
+std::string toText(const Json::Value& v)
+{
+    if (v.isObject() || v.isArray()) {
+        Json::FastWriter writer;
+        std::string text = writer.write(v);
+        if (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        return text;
+    }
+    return v.asString();
+}
+
+void fillMap(const Json::Value& object, ConfigMap& map)
+{
+    if (!object.isObject())
+        return;
+    for (auto it = object.begin(); it != object.end(); ++it)
+        map[it.name()] = toText(*it);
+}
+
+// Seconds between current-value reads for meters that must not be read often.
+// Exact, case-sensitive names; "km-5" also as part of a longer name.
+std::string periodCurrentDefault(const std::string& manufacturer, const char* otherwise)
+{
+    if (manufacturer == "vkt-7")
+        return "14400";
+    if (manufacturer == "vkt-9")
+        return "5400";
+    if (manufacturer.find("km-5") != std::string::npos)
+        return "300";
+    return otherwise;
+}
+
+long long parseDecimal(const std::string& text)
+{
+    return std::strtoll(text.c_str(), nullptr, 10);  // leading digits; "" or "abc" give 0
+}
+
+int parseDecimalInt(const std::string& text)
+{
+    long long v = parseDecimal(text);
+    if (v > INT_MAX)
+        return INT_MAX;
+    if (v < INT_MIN)
+        return INT_MIN;
+    return static_cast<int>(v);
+}
+
+}  // namespace
+
+CJSONRPCConnector::CJSONRPCConnector(std::string meterId, std::string hostUrl, std::string sensorsUrl)
+    : m_meterId(std::move(meterId)), m_hostUrl(std::move(hostUrl)), m_sensorsUrl(std::move(sensorsUrl))
+{
+}
+
+std::string CJSONRPCConnector::BuildRequest(const std::string& method, const Json::Value& params)
+{
+    Json::Value request(Json::objectValue);
+    request["jsonrpc"] = "2.0";
+    request["id"] = m_requestId;
+    // The id wraps like the host service's 32-bit counter would, without overflow.
+    m_requestId = static_cast<int>(static_cast<unsigned>(m_requestId) + 1u);
+    request["method"] = method;
+    if (!params.isNull())
+        request["params"] = params;
+    Json::FastWriter writer;
+    return writer.write(request);
+}
+
+bool CJSONRPCConnector::ExecJSONRPCFunc(const std::string& method, const Json::Value& params, Json::Value& reply)
+{
+    const std::string request = BuildRequest(method, params);
+    MTD_LOG(Info, "CJSONRPCConnector::ExecJSONRPCFunc query is %s", request.c_str());
+    return SendParameters(request, reply);
+}
+
+bool CJSONRPCConnector::SendParameters(const std::string& request, Json::Value& reply)
+{
+    while (!cancelled()) {
+        {
+            Json::Rpc::HttpClient client(m_hostUrl);
+            client.SetAbortFlag(m_cancel);
+            const int code = client.Send(request);
+            if (code != 0) {
+                MTD_LOG(Err,
+                        "CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error "
+                        "code - %d",
+                        code);
+            } else {
+                std::string response;
+                if (client.Recv(response) == -1) {
+                    MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec");
+                } else {
+                    std::cout << "result JSONRPC" << response << std::endl;
+                    Json::Reader reader;
+                    Json::Value parsed;
+                    if (reader.parse(response, parsed, true)) {
+                        reply = std::move(parsed);
+                        return true;
+                    }
+                    MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while parsing data! retry!!! wait 5 sec");
+                    MTD_LOG(Err, "Response String - %s", response.c_str());
+                }
+            }
+        }
+        pauseBeforeRetry();
+    }
+    return false;
+}
+
+bool CJSONRPCConnector::GetInitParameters1(CDeviceConfig& config)
+{
+    Json::Value params(Json::objectValue);
+    params["heat_meter"] = m_meterId;
+    Json::Value reply;
+    if (!ExecJSONRPCFunc("get_config", params, reply)) {
+        MTD_LOG(Err, "CJSONRPCConnector::GetInitParameters1 - Error while receiving data!");
+        return false;
+    }
+    config.meter_id = m_meterId;
+    const Json::Value& result = member(reply, "result");
+    fillMap(member(result, "port_params"), config.params);
+
+    if (config.get("period_current").empty())
+        config.params["period_current"] = periodCurrentDefault(config.get("manufacturer"), "20");
+
+    std::string& systems = config.params["systems"];
+    const Json::Value& list = member(result, "systems");
+    if (list.isArray()) {
+        for (const Json::Value& element : list) {
+            const std::string text = toText(element);
+            if (!text.empty())
+                systems += text + ";";
+        }
+    }
+
+    auto text = [&config](const char* key, std::string& field) {
+        if (config.has(key))
+            field = config.get(key);
+    };
+    text("true_serial", config.true_serial);
+    if (config.has("serial")) {
+        config.serial_text = config.get("serial");
+        config.serial = parseDecimal(config.serial_text);
+    }
+    text("password", config.password);
+    text("password_type", config.password_type);
+    text("password1", config.password1);
+    text("password2", config.password2);
+    text("manufacturer", config.manufacturer);
+    if (config.has("data_rate"))
+        config.data_rate = parseDecimalInt(config.get("data_rate"));
+    if (config.has("speed"))
+        config.speed = parseDecimalInt(config.get("speed"));
+    text("alias", config.alias);
+    return true;
+}
+
+bool CJSONRPCConnector::GetInitParameters2(CDeviceConfig& config)
+{
+    Json::Value reply;
+    if (!ExecJSONRPCFunc("get_config2", Json::Value(), reply)) {
+        MTD_LOG(Err, "CJSONRPCConnector::GetInitParameters2 - Error while receiving data!");
+        return false;
+    }
+    config.meter_id = m_meterId;
+    const Json::Value& result = member(reply, "result");
+    fillMap(member(result, "port_params"), config.params);
+
+    const Json::Value& drivers = member(result, "drivers");
+    if (drivers.isArray()) {
+        for (const Json::Value& element : drivers) {
+            ConfigMap entry;
+            fillMap(element, entry);
+            auto period = entry.find("period_current");
+            if (period == entry.end() || period->second.empty()) {
+                auto manufacturer = entry.find("manufacturer");
+                const std::string value =
+                    periodCurrentDefault(manufacturer == entry.end() ? std::string() : manufacturer->second, "");
+                if (!value.empty())
+                    entry["period_current"] = value;
+            }
+            config.drivers.push_back(std::move(entry));
+        }
+    }
+    return true;
+}
+
+void CJSONRPCConnector::SendParameters2(const std::vector<CValueRecord>& values)
+{
+    for (const CValueRecord& v : values) {
+        Json::Value params(Json::objectValue);
+        params["value_name"] = v.name;
+        params["value"] = v.value;
+        params["dim"] = v.dim;
+        params["opc_quality"] = v.quality;
+        params["error"] = v.error;
+        params["sys"] = v.sys;
+        params["timestamp"] = static_cast<Json::Int64>(v.timestamp);
+        const std::string request = BuildRequest("put_one_value", params);
+        MTD_LOG(Info, "CJSONRPCConnector::SendParameters2 query is %s", request.c_str());
+        Json::Value reply;
+        if (!SendParameters(request, reply))
+            return;  // shutting down
+    }
+}
+
+void CJSONRPCConnector::SendParameters_right(const std::vector<CValueRecord>& values)
+{
+    for (const CValueRecord& v : values) {
+        Json::Value params(Json::objectValue);
+        params["value_name"] = v.name;
+        params["value"] = v.value;
+        params["opc_quality"] = v.quality;
+        params["timestamp"] = static_cast<Json::Int64>(v.timestamp);
+        const std::string request = BuildRequest("put_current_value", params);
+        MTD_LOG(Info, "CJSONRPCConnector::SendParameters_right query is %s", request.c_str());
+        Json::Value reply;
+        if (!SendParameters(request, reply))
+            return;  // shutting down
+    }
+}
+
+bool CJSONRPCConnector::SendAllCurrentValues(const std::vector<CValueRecord>& values)
+{
+    Json::Value params(Json::arrayValue);
+    for (const CValueRecord& v : values) {
+        Json::Value item(Json::objectValue);
+        item["name"] = v.name;
+        item["value"] = v.value;
+        item["dim"] = v.dim;
+        item["quality"] = v.quality;
+        item["error"] = v.error;
+        item["sys"] = v.sys;
+        item["timestamp"] = static_cast<Json::Int64>(v.timestamp);
+        params.append(item);
+    }
+    Json::Value reply;
+    if (!ExecJSONRPCFunc("put_all_current_values", params, reply)) {
+        MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while sending data!");
+        return false;
+    }
+    return true;
+}
+
+bool CJSONRPCConnector::ExecSensorsJSONRPCFunc(bool state, int rs232Number)
+{
+    // The controller's two service relay outputs, as the sensors service names them.
+    const char* output = nullptr;
+    if (rs232Number == 1)
+        output = "teploKX.SRVC_OUT2";
+    else if (rs232Number == 2)
+        output = "teploKX.SRVC_OUT3";
+    else {
+        MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc - WRONG RS232 NUMBER %d", rs232Number);
+        return false;
+    }
+
+    Json::Value params(Json::arrayValue);
+    params.append("EventRelay");
+    params.append("SensorTeploKXbinary");
+    params.append(output);
+    params.append(state);
+    const std::string request = BuildRequest("create_action", params);
+    MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): request = '%s'", request.c_str());
+    MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): send request to '%s'", m_sensorsUrl.c_str());
+
+    for (int attempt = 0; attempt < kSensorsAttempts && !cancelled(); ++attempt) {
+        Json::Rpc::HttpClient client(m_sensorsUrl);
+        client.SetAbortFlag(m_cancel);
+        const int code = client.Send(request);
+        if (code != 0) {
+            MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR SENDING DATA = %d", code);
+            pauseBeforeRetry();
+            continue;
+        }
+        std::string response;
+        if (client.Recv(response) == -1) {
+            MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR RECEIVING DATA");
+            continue;
+        }
+        MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): response = '%s'", response.c_str());
+        Json::Reader reader;
+        Json::Value reply;
+        if (reader.parse(response, reply, true))
+            return true;
+        MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA");
+    }
+    return false;
+}
