@@ -11,11 +11,6 @@
 
 class CModbusConnectorItself;
 
-struct LedPaths {
-    std::string transmit = mtd::defaults::kLedTransmit;
-    std::string receive = mtd::defaults::kLedReceive;
-};
-
 class CConnector {
 public:
     explicit CConnector(const PortParams& params, const LedPaths& leds = LedPaths());
@@ -33,6 +28,7 @@ public:
     void SetTimeout(uint32_t timeout_ms);
     uint32_t GetTimeout() const;
     bool is_open() const;
+    void SetLengthByteMode(int mode);
 
     // Port parameter access ("" when absent); SetParam changes the transport's copy.
     std::string GetParam(const std::string& key) const;

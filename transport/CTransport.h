@@ -7,9 +7,17 @@
 #include <map>
 #include <string>
 
+#include "shell/Defaults.h"
+
 // Port parameters from the host service: "protocol", "name", "speed", "data",
 // "parity", "stop", "timeout", ... (text key to text value).
 using PortParams = std::map<std::string, std::string>;
+
+// Control files of the two traffic LEDs every transport owns: transmit (A) and receive (B).
+struct LedPaths {
+    std::string transmit = mtd::defaults::kLedTransmit;
+    std::string receive = mtd::defaults::kLedReceive;
+};
 
 class CTransport {
 public:
@@ -29,6 +37,9 @@ public:
     virtual void SetTimeout(uint32_t timeout_ms) = 0;
     virtual uint32_t GetTimeout() const = 0;
     virtual bool is_open() const = 0;
+    // 1 lets ReadBufferCycle return early for replies whose byte 4 gives their
+    // size (see CRSConnector); any other value turns it off. Ignored on Modbus.
+    virtual void SetLengthByteMode(int mode) { (void)mode; }
     // The transport's copy of the port parameters ("speed" is rewritten by a baud change).
     virtual PortParams& params() = 0;
 };

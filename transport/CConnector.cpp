@@ -1,0 +1,60 @@
+#include "transport/CConnector.h"
+
+#include "shell/logger.h"
+#include "transport/CModbusConnectorItself.h"
+#include "transport/CRSConnector.h"
+
+CConnector::CConnector(const PortParams& params, const LedPaths& leds) {
+    auto protocol = params.find("protocol");
+    if (protocol != params.end() && protocol->second == "modbus") {
+        auto modbus = std::make_unique<CModbusConnectorItself>(params, leds);
+        m_modbus = modbus.get();
+        m_transport = std::move(modbus);
+        MTD_LOG(Debug, "The CConnector is created in the \"Modbus\" mode.");
+    } else {
+        m_transport = std::make_unique<CRSConnector>(params, leds);
+        MTD_LOG(Debug, "The CConnector is created in as simple UART.");
+    }
+}
+
+CConnector::~CConnector() = default;
+
+int CConnector::WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink) {
+    return m_transport->WriteBuffer(buffer, length, blink);
+}
+
+int CConnector::ReadBuffer(unsigned char* buffer, uint16_t length, bool blink) {
+    return m_transport->ReadBuffer(buffer, length, blink);
+}
+
+int CConnector::ReadBufferCycle(unsigned char* buffer, uint16_t length, bool blink, uint32_t timeout_ms) {
+    return m_transport->ReadBufferCycle(buffer, length, blink, timeout_ms);
+}
+
+bool CConnector::open_device() { return m_transport->open_device(); }
+
+void CConnector::close_device() { m_transport->close_device(); }
+
+int CConnector::FlushBuffers() { return m_transport->FlushBuffers(); }
+
+int CConnector::DrainOutput() { return m_transport->DrainOutput(); }
+
+void CConnector::SetTimeout(uint32_t timeout_ms) { m_transport->SetTimeout(timeout_ms); }
+
+uint32_t CConnector::GetTimeout() const { return m_transport->GetTimeout(); }
+
+bool CConnector::is_open() const { return m_transport->is_open(); }
+
+void CConnector::SetLengthByteMode(int mode) { m_transport->SetLengthByteMode(mode); }
+
+std::string CConnector::GetParam(const std::string& key) const {
+    const PortParams& params = m_transport->params();
+    auto it = params.find(key);
+    return it == params.end() ? std::string() : it->second;
+}
+
+void CConnector::SetParam(const std::string& key, const std::string& value) { m_transport->params()[key] = value; }
+
+PortParams& CConnector::params() { return m_transport->params(); }
+
+CModbusConnectorItself* CConnector::modbus() { return m_modbus; }

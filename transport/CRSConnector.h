@@ -1,0 +1,54 @@
+#pragma once
+// The plain serial transport: one UART (RS-232 or RS-485) in raw mode.
+//
+// The port is configured from the parameter map each time it is opened
+// ("speed", "data", "parity", "stop"), so a protocol that rewrites "speed"
+// and reopens the port switches the line speed. Reads wait for the read
+// time-out ("timeout", 5000 ms by default) and never longer; a time-out is a
+// -1 result with one Err line, not an exception. Transmit and receive traffic
+// flash LEDs A and B.
+
+#include <cstdint>
+#include <string>
+
+#include "transport/CLed.h"
+#include "transport/CTransport.h"
+#include "transport/UniqueFd.h"
+
+class CRSConnector : public CTransport {
+public:
+    explicit CRSConnector(const PortParams& params, const LedPaths& leds = LedPaths());
+    ~CRSConnector() override;
+    CRSConnector(const CRSConnector&) = delete;
+    CRSConnector& operator=(const CRSConnector&) = delete;
+
+    int WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink) override;
+    int ReadBuffer(unsigned char* buffer, uint16_t length, bool blink) override;
+    int ReadBufferCycle(unsigned char* buffer, uint16_t length, bool blink, uint32_t timeout_ms) override;
+    // Opens "name" and sets raw mode with the configured line settings; false
+    // (with a Crit line) when the device cannot be opened. Reopening replaces
+    // the descriptor held.
+    bool open_device() override;
+    void close_device() override;
+    int FlushBuffers() override;
+    int DrainOutput() override;
+    void SetTimeout(uint32_t timeout_ms) override;
+    uint32_t GetTimeout() const override { return m_timeoutMs; }
+    bool is_open() const override { return m_fd.get() > 0; }
+    void SetLengthByteMode(int mode) override { m_lengthByteMode = mode; }
+    PortParams& params() override { return m_params; }
+
+    const std::string& devicePath() const { return m_path; }
+
+private:
+    // Waits up to `timeout_ms` for input: the poll result (1 readable, 0 time-out, -1 error).
+    int waitReadable(uint32_t timeout_ms) const;
+
+    PortParams m_params;
+    std::string m_path;
+    UniqueFd m_fd;
+    uint32_t m_timeoutMs;
+    int m_lengthByteMode = 0;
+    CLed m_ledTransmit;
+    CLed m_ledReceive;
+};
