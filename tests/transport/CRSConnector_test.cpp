@@ -1,0 +1,238 @@
+#include "transport/CRSConnector.h"
+
+#include <gtest/gtest.h>
+#include <termios.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "TransportTestSupport.h"
+#include "transport/CConnector.h"
+
+namespace {
+
+using namespace mtdtest;
+using Clock = std::chrono::steady_clock;
+
+long elapsedMs(Clock::time_point since) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+const char* const kCycleTimeout = "CRSConnector::ReadBufferCycle - Timeout receiving data.";
+
+class RSConnectorTest : public ::testing::Test {
+protected:
+    PortParams paramsWith(PortParams extra) {
+        extra["name"] = pty.slavePath;
+        return extra;
+    }
+    std::unique_ptr<CRSConnector> openWith(PortParams extra) {
+        auto c = std::make_unique<CRSConnector>(paramsWith(std::move(extra)), ledsIn(dir));
+        EXPECT_TRUE(c->open_device());
+        return c;
+    }
+    termios lineSettings() const {
+        termios tio{};
+        EXPECT_EQ(0, tcgetattr(pty.slave.get(), &tio));
+        return tio;
+    }
+
+    LogCapture log;
+    TempDir dir;
+    PtyPair pty;
+};
+
+// A pseudo-terminal forces CS8 and clears PARENB whatever it is given; the
+// odd-parity and stop-bit flags, the speed and VTIME are kept and read back.
+constexpr tcflag_t kPtyKeeps = PARODD | CSTOPB;
+
+TEST_F(RSConnectorTest, LineSettingsFromParameters) {
+    struct Row {
+        const char* legend;
+        PortParams params;
+        speed_t speed;
+        tcflag_t cflags;  // what the port asks for; see kPtyKeeps
+        cc_t vtime;
+    } rows[] = {
+        {"defaults 8N1 9600, 5000 ms", {}, B9600, CS8, 50},
+        {"9600", {{"speed", "9600"}}, B9600, CS8, 50},
+        {"rate not in the table", {{"speed", "12345"}}, B9600, CS8, 50},
+        {"not a number", {{"speed", "fast"}}, B9600, CS8, 50},
+        {"115200", {{"speed", "115200"}}, B115200, CS8, 50},
+        {"7E1", {{"data", "7"}, {"parity", "E"}, {"stop", "1"}}, B9600, CS7 | PARENB, 50},
+        {"odd, two stop bits", {{"data", "8"}, {"parity", "O"}, {"stop", "2"}}, B9600, CS8 | PARENB | PARODD | CSTOPB,
+         50},
+        {"9 data bits give 8", {{"data", "9"}}, B9600, CS8, 50},
+        {"5 data bits", {{"data", "5"}}, B9600, CS5, 50},
+        {"lower-case odd parity is no parity", {{"parity", "o"}}, B9600, CS8, 50},
+        {"250 ms: VTIME 2", {{"timeout", "250"}}, B9600, CS8, 2},
+        {"long time-out clamps VTIME", {{"timeout", "60000"}}, B9600, CS8, 255},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.legend);
+        auto c = openWith(row.params);
+        termios tio = lineSettings();
+        EXPECT_EQ(row.speed, cfgetospeed(&tio));
+        EXPECT_EQ(row.speed, cfgetispeed(&tio));
+        EXPECT_EQ(row.cflags & kPtyKeeps, tio.c_cflag & kPtyKeeps);
+        EXPECT_EQ(tcflag_t(CLOCAL | CREAD), tio.c_cflag & (CLOCAL | CREAD));
+        EXPECT_EQ(row.vtime, tio.c_cc[VTIME]);
+        EXPECT_EQ(0, tio.c_cc[VMIN]);
+        EXPECT_EQ(0u, tio.c_lflag & (ICANON | ECHO | ISIG));
+        EXPECT_EQ(0u, tio.c_oflag & OPOST);
+    }
+}
+
+TEST_F(RSConnectorTest, ReadBufferReturnsWhatArrivedOrMinusOneAfterTheTimeout) {
+    auto c = openWith({{"timeout", "150"}});
+    pty.send({0x06, 0x30, 0x31});
+    unsigned char buf[16] = {};
+    EXPECT_EQ(3, c->ReadBuffer(buf, sizeof buf, true));
+    EXPECT_EQ(0x31, buf[2]);
+
+    auto start = Clock::now();
+    EXPECT_EQ(-1, c->ReadBuffer(buf, sizeof buf, true));
+    EXPECT_GE(elapsedMs(start), 150);
+    EXPECT_LT(elapsedMs(start), 1000);
+    EXPECT_EQ(1, log.count(logger::ERR, "CRSConnector::ReadBuffer - Timeout receiving data. 0 - 0"));
+}
+
+TEST_F(RSConnectorTest, ReadBufferCycleCountsSilence) {
+    struct Row {
+        const char* legend;
+        std::vector<unsigned char> sent;
+        uint16_t asked;
+        int lengthByteMode;
+        int expected;
+        bool waitsForSilence;
+    } rows[] = {
+        {"complete reply", {1, 2, 3, 4, 5, 6}, 6, 0, 6, false},
+        {"3 bytes then silence", {1, 2, 3}, 10, 0, 3, true},
+        {"nothing", {}, 10, 0, -1, true},
+        {"length byte 20 allows 160: early return", {1, 2, 3, 4, 20, 6, 7, 8}, 100, 1, 8, false},
+        {"same reply without the mode", {1, 2, 3, 4, 20, 6, 7, 8}, 100, 0, 8, true},
+        {"length byte 0: keep reading", {1, 2, 3, 4, 0, 6, 7, 8}, 100, 1, 8, true},
+        {"mode 2 is off", {1, 2, 3, 4, 20, 6, 7, 8}, 100, 2, 8, true},
+        {"4 bytes are not enough for the mode", {1, 2, 3, 4}, 100, 1, 4, true},
+    };
+    auto c = openWith({});
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.legend);
+        log.clear();
+        c->SetLengthByteMode(row.lengthByteMode);
+        if (!row.sent.empty())
+            pty.send(row.sent);
+        unsigned char buf[128] = {};
+        auto start = Clock::now();
+        EXPECT_EQ(row.expected, c->ReadBufferCycle(buf, row.asked, false, 150));
+        if (row.waitsForSilence) {
+            EXPECT_GE(elapsedMs(start), 150);
+            EXPECT_EQ(1, log.count(logger::ERR, kCycleTimeout));
+        } else {
+            EXPECT_LT(elapsedMs(start), 150);
+            EXPECT_EQ(0, log.count(logger::ERR, kCycleTimeout));
+        }
+        if (row.expected > 0) {
+            EXPECT_TRUE(std::equal(row.sent.begin(), row.sent.end(), buf));
+        }
+    }
+}
+
+TEST_F(RSConnectorTest, ReadBufferCycleRestartsTheSilenceTimeoutForEveryChunk) {
+    auto c = openWith({{"timeout", "300"}});  // 0 below: the connector's read time-out
+    pty.send({1, 2, 3});
+    // The second chunk comes 200 ms after the first. A call-wide time-out would
+    // end the call at 300 ms; restarted before every wait it ends 300 ms after
+    // the second chunk.
+    std::thread late([this] {
+        std::this_thread::sleep_until(Clock::now() + std::chrono::milliseconds(200));
+        pty.send({4, 5, 6});
+    });
+    unsigned char buf[16] = {};
+    auto start = Clock::now();
+    int got = c->ReadBufferCycle(buf, 10, false, 0);
+    late.join();
+    EXPECT_EQ(6, got);
+    EXPECT_GE(elapsedMs(start), 200 + 300);
+}
+
+TEST_F(RSConnectorTest, WriteFlushDrainAndTheTransmitLed) {
+    auto c = openWith({});
+    FileWatch tx(dir.file("led_tx"));
+    const unsigned char frame[] = {0x2F, 0x3F, 0x21, 0x0D, 0x0A};
+    EXPECT_EQ(5, c->WriteBuffer(frame, sizeof frame, true));
+    EXPECT_EQ(0, c->DrainOutput());
+    EXPECT_EQ(std::vector<unsigned char>(frame, frame + 5), pty.receive(5));
+    EXPECT_TRUE(tx.waitContents("010", std::chrono::seconds(2)));
+
+    pty.send({9, 9, 9});
+    // The pty hands the bytes over asynchronously: wait until the line holds them.
+    pollfd p{pty.slave.get(), POLLIN, 0};
+    ASSERT_EQ(1, ::poll(&p, 1, 1000));
+    EXPECT_EQ(0, c->FlushBuffers());
+    c->SetTimeout(100);
+    unsigned char buf[8];
+    EXPECT_EQ(-1, c->ReadBuffer(buf, sizeof buf, false));
+}
+
+TEST_F(RSConnectorTest, OpenFailureAndClosedPort) {
+    PortParams params{{"name", dir.file("no_such_tty")}, {"timeout", "5000"}};
+    CRSConnector c(params, ledsIn(dir));
+    EXPECT_FALSE(c.open_device());
+    EXPECT_FALSE(c.is_open());
+    EXPECT_EQ(1, log.count(logger::CRIT, "CRSConnector::open_device - Unable open device " + params["name"] + "."));
+
+    // A closed port answers at once, without waiting for the 5 s time-out.
+    unsigned char buf[4];
+    auto start = Clock::now();
+    EXPECT_EQ(-1, c.ReadBuffer(buf, sizeof buf, false));
+    EXPECT_EQ(-1, c.ReadBufferCycle(buf, sizeof buf, false, 0));
+    EXPECT_EQ(-1, c.WriteBuffer(buf, sizeof buf, false));
+    EXPECT_LT(elapsedMs(start), 1000);
+
+    c.close_device();
+    c.close_device();
+    EXPECT_FALSE(c.is_open());
+}
+
+TEST_F(RSConnectorTest, CloseTwiceThenReopen) {
+    auto c = openWith({});
+    EXPECT_TRUE(c->is_open());
+    c->close_device();
+    c->close_device();
+    EXPECT_FALSE(c->is_open());
+    EXPECT_TRUE(c->open_device());
+    EXPECT_TRUE(c->is_open());
+}
+
+TEST_F(RSConnectorTest, ConnectorChoosesTheTransportAndReopensAtANewSpeed) {
+    struct Row {
+        const char* protocol;
+        bool modbus;
+    } rows[] = {{nullptr, false}, {"", false}, {"Modbus", false}, {"iec", false}, {"modbus", true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.protocol ? row.protocol : "(absent)");
+        log.clear();
+        PortParams params = paramsWith({});
+        if (row.protocol)
+            params["protocol"] = row.protocol;
+        CConnector c(params, ledsIn(dir));
+        EXPECT_EQ(row.modbus, c.modbus() != nullptr);
+        EXPECT_EQ(row.modbus ? 1 : 0, log.count(logger::DEBUG, "The CConnector is created in the \"Modbus\" mode."));
+        EXPECT_EQ(row.modbus ? 0 : 1, log.count(logger::DEBUG, "The CConnector is created in as simple UART."));
+    }
+
+    CConnector c(paramsWith({{"speed", "9600"}}), ledsIn(dir));
+    ASSERT_TRUE(c.open_device());
+    EXPECT_EQ("9600", c.GetParam("speed"));
+    EXPECT_EQ("", c.GetParam("no_such_key"));
+    c.SetParam("speed", "19200");
+    c.close_device();
+    ASSERT_TRUE(c.open_device());
+    termios tio = lineSettings();
+    EXPECT_EQ(B19200, cfgetospeed(&tio));
+    EXPECT_EQ("19200", c.params().at("speed"));
+}
+
+}  // namespace
