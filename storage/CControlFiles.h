@@ -27,13 +27,19 @@ public:
     // Removes "gmd_force_update_<id>"; true when it existed.
     bool takeForceUpdate(const std::string& meterId) const;
 
-    // "gmd_set_value_<id>"
+    // "gmd_set_value_<id>"; empty for an unsafe identifier.
     std::string passportPath(const std::string& meterId) const;
     enum PassportResult { PASSPORT_NONE, PASSPORT_OK, PASSPORT_REFUSED };
     // Reads the passport file: a JSON object from passport name to value text.
     // A file that is not regular, larger than 64 KiB or not such an object is
     // logged and removed (PASSPORT_REFUSED); nothing is half-applied.
     PassportResult readPassport(const std::string& meterId, std::map<std::string, std::string>& values) const;
+    // Deletes the passport file once its values were handled; logs the outcome
+    // (the lines of CMtdGasBaseDriver::RemovePasportFile). True when it was deleted.
+    bool RemovePasportFile(const std::string& meterId) const;
+
+    // Largest passport file accepted.
+    static constexpr long kMaxPassportBytes = 64 * 1024;
 
     const std::string& dir() const { return m_dir; }
 

@@ -1,0 +1,191 @@
+#include "storage/CControlFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "shell/logger.h"
+#include "storage/CUniqueFd.h"
+
+namespace {
+
+// Longest identifier accepted; keeps "/tmp/gmd_set_value_<id>" well under 256 bytes.
+constexpr size_t kMaxMeterIdLength = 128;
+
+// Passport values the gas drivers know how to write into a meter. Anything else
+// in the file is most likely an operator's typo ("PassC02"): the whole file is
+// refused rather than applying the names that happen to be right.
+const char* const kPassportNames[] = {"PassCO", "PassCO2", "PassH2", "PassN2",
+                                      "PassS",  "PassP",   "PassT",  "PassDateTime"};
+constexpr size_t kMaxPassportValueLength = 64;
+
+bool pathExists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+bool isKnownPassportName(const std::string& name) {
+    for (const char* known : kPassportNames)
+        if (name == known)
+            return true;
+    return false;
+}
+
+bool isPrintableText(const std::string& text) {
+    for (unsigned char c : text)
+        if (c < 0x20 || c == 0x7f)
+            return false;
+    return true;
+}
+
+}  // namespace
+
+bool isSafeMeterId(const std::string& meterId) {
+    if (meterId.empty() || meterId == "." || meterId == ".." || meterId.size() > kMaxMeterIdLength)
+        return false;
+    for (unsigned char c : meterId)
+        if (c == '/' || c < 0x20 || c == 0x7f)
+            return false;
+    return true;
+}
+
+CControlFiles::CControlFiles(std::string controlDir) : m_dir(std::move(controlDir)) {
+    if (!m_dir.empty() && m_dir.back() != '/')
+        m_dir += '/';
+}
+
+std::string CControlFiles::lockPath(int kind, const std::string& name) const {
+    // Any kind other than driver or reporter gets no prefix at all: other
+    // programs rely on that to test plain flag files with the same calls.
+    const char* prefix = kind == LOCK_DRIVER ? "DRV_LCK_" : kind == LOCK_REPORTER ? "RPRT_LCK_" : "";
+    return m_dir + prefix + name;
+}
+
+void CControlFiles::createLock(int kind, const std::string& name) const {
+    // O_NOFOLLOW: nobody may plant a symlink in /tmp that makes us create or
+    // truncate a file elsewhere. The outcome is deliberately not reported.
+    CUniqueFd fd(::open(lockPath(kind, name).c_str(), O_CREAT | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0644));
+}
+
+bool CControlFiles::lockExists(int kind, const std::string& name) const {
+    return pathExists(lockPath(kind, name));
+}
+
+void CControlFiles::removeLock(int kind, const std::string& name) const {
+    std::remove(lockPath(kind, name).c_str());
+}
+
+bool CControlFiles::pauseActive(const std::string& meterId) const {
+    if (pathExists(m_dir + "pause_gmd_all") || pathExists(m_dir + "pause_gmd"))
+        return true;
+    return isSafeMeterId(meterId) && pathExists(m_dir + "pause_gmd_" + meterId);
+}
+
+bool CControlFiles::forceUpdateRequested(const std::string& meterId) const {
+    return isSafeMeterId(meterId) && pathExists(m_dir + "gmd_force_update_" + meterId);
+}
+
+bool CControlFiles::takeForceUpdate(const std::string& meterId) const {
+    if (!isSafeMeterId(meterId))
+        return false;
+    return ::unlink((m_dir + "gmd_force_update_" + meterId).c_str()) == 0;
+}
+
+std::string CControlFiles::passportPath(const std::string& meterId) const {
+    if (!isSafeMeterId(meterId))
+        return std::string();
+    return m_dir + "gmd_set_value_" + meterId;
+}
+
+CControlFiles::PassportResult CControlFiles::readPassport(const std::string& meterId,
+                                                          std::map<std::string, std::string>& values) const {
+    values.clear();
+    const std::string path = passportPath(meterId);
+    if (path.empty()) {
+        MTD_LOG(Err, "CControlFiles::readPassport refused unsafe meter identifier");
+        return PASSPORT_REFUSED;
+    }
+
+    auto refuse = [&path](const char* why) {
+        MTD_LOG(Err, "CControlFiles::readPassport passport file refused (%s), removing [%s]", why, path.c_str());
+        ::unlink(path.c_str());
+        return PASSPORT_REFUSED;
+    };
+
+    // O_NONBLOCK: a FIFO planted under the name must not block the polling thread in open().
+    CUniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid()) {
+        if (errno == ENOENT)
+            return PASSPORT_NONE;
+        if (errno == ELOOP)
+            return refuse("symbolic link");
+        MTD_LOG(Err, "CControlFiles::readPassport passport file not readable [%s]: %s", path.c_str(),
+                strerror(errno));
+        return PASSPORT_REFUSED;
+    }
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return refuse("not a regular file");
+    if (st.st_size > kMaxPassportBytes)
+        return refuse("too large");
+
+    // Read one byte past the limit so that a file that grew after fstat is caught too.
+    std::string text;
+    char buf[4096];
+    for (;;) {
+        ssize_t n = ::read(fd.get(), buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return refuse("read error");
+        if (n == 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
+        if (text.size() > static_cast<size_t>(kMaxPassportBytes))
+            return refuse("too large");
+    }
+
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["rejectDupKeys"] = true;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject())
+        return refuse("not a JSON object");
+
+    std::map<std::string, std::string> parsed;
+    for (auto it = root.begin(); it != root.end(); ++it) {
+        const std::string name = it.name();
+        if (!isKnownPassportName(name))
+            return refuse("unknown passport name");
+        if (!it->isString())
+            return refuse("value is not text");
+        std::string value = it->asString();
+        if (value.empty() || value.size() > kMaxPassportValueLength || !isPrintableText(value))
+            return refuse("bad value text");
+        parsed.emplace(name, std::move(value));
+    }
+    values = std::move(parsed);
+    return PASSPORT_OK;
+}
+
+bool CControlFiles::RemovePasportFile(const std::string& meterId) const {
+    if (!isSafeMeterId(meterId))
+        return false;
+    char path[256];
+    std::snprintf(path, sizeof path, "%sgmd_set_value_%s", m_dir.c_str(), meterId.c_str());
+    if (::unlink(path) == 0) {
+        MTD_LOG(Debug, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful [%s]", path);
+        return true;
+    }
+    MTD_LOG(Err, "CMtdGasBaseDriver::RemovePasportFile passport file not delete [%s]", path);
+    return false;
+}
