@@ -7,6 +7,9 @@
 //
 // Exceptions thrown by a device operation end the cycle (see Exceptions.h);
 // the schedule survives and what was stored stays stored.
+//
+// A derived driver whose thread uses its own members must call StopPolling()
+// first thing in its destructor (the base destructor runs too late for that).
 
 #include <atomic>
 #include <cstdint>
@@ -15,13 +18,22 @@
 #include <string>
 #include <vector>
 
+#include "framework/CMtdClock.h"
 #include "framework/myThreadAttached.h"
 #include "hostlink/CDeviceConfig.h"
 #include "hostlink/CValueRecord.h"
+#include "shell/Defaults.h"
 #include "storage/ArchiveRecord.h"
 
 class CConnector;
 class CJSONRPCConnector;
+class GasFileConnector;
+
+// Where a driver keeps its archives and finds the control files.
+struct DriverPaths {
+    std::string storageRoot = mtd::defaults::kStorageRoot;
+    std::string controlDir = mtd::defaults::kControlDir;
+};
 
 class CMtdBaseDriver : public myThreadAttached {
 public:
@@ -32,6 +44,8 @@ public:
     // wires it to the host link and the shared connector and starts its thread.
     static std::unique_ptr<CMtdBaseDriver> create_and_init(const CDeviceConfig& config, CConnector* connector,
                                                            CJSONRPCConnector* rpc);
+    static std::unique_ptr<CMtdBaseDriver> create_and_init(const CDeviceConfig& config, CConnector* connector,
+                                                           CJSONRPCConnector* rpc, const DriverPaths& paths);
 
     // ---- device operations, in the drivers' slot order ----
     virtual int ReadHourlyArch();
@@ -71,11 +85,42 @@ public:
     // Name used in log lines ("[%lld][%s] ").
     virtual const char* driverName() const { return "CMtdBaseDriver"; }
 
-    void setJSONRPCConnector(CJSONRPCConnector* rpc) { m_rpc = rpc; }
+    // Also points the host link's retry loop at this driver's cancel flag, so
+    // that StopPolling() releases a thread waiting for an absent host service.
+    void setJSONRPCConnector(CJSONRPCConnector* rpc);
     void save_init_params(const CDeviceConfig& config);
+    // Before Start(): archive and control-file places, and the clock.
+    void setPaths(const DriverPaths& paths) { m_paths = paths; }
+    void setClock(std::shared_ptr<CMtdClock> clock);
+
+    // Ends the polling thread: cancels a pending host-link exchange, wakes the
+    // thread and joins it. The cycle in progress ends after its current device
+    // operation; what was stored stays stored. Idempotent.
+    void StopPolling();
+
+    // Schedule state, for the main thread's diagnostics and for tests.
+    time_t nextHourly() const { return when_next_arch_hourly.load(); }
+    time_t nextDaily() const { return when_next_arch_daily.load(); }
+    time_t nextJournalEvent() const { return when_next_arch_journal_event.load(); }
+    time_t nextJournalIntervent() const { return when_next_arch_journal_intervent.load(); }
 
 protected:
     void functionThread() override;
+
+    // The newest stored timestamp of an archive kind (0 when none), logged
+    // against the reader's start time.
+    time_t GetMaxTimestampIn(int archType, time_t start);
+    int ReadJournalEventArch();
+    int ReadJournalInterventArch();
+
+    time_t now() const { return m_clock->now(); }
+    // Blocks until the driver's clock reaches `target`; false when stopping.
+    bool waitUntilTime(time_t target);
+    // The archive store, from the start of the thread on (nullptr before).
+    GasFileConnector* archiveStore() { return m_store.get(); }
+    const DriverPaths& paths() const { return m_paths; }
+    // Seconds after midnight of the contract hour, from the configuration ("rate_hour").
+    time_t rateHourOffset() const;
 
     // The meter identifier as a number, for the "[%lld]" of log lines.
     long long logId() const { return m_logId; }
@@ -93,4 +138,23 @@ protected:
     std::atomic<time_t> when_next_arch_daily{0};
     std::atomic<time_t> when_next_arch_journal_event{0};
     std::atomic<time_t> when_next_arch_journal_intervent{0};
+    std::atomic<time_t> when_next_sync_window{0};
+
+private:
+    struct StopRequested {};
+    void initSchedule();
+    void runCycle();
+    void cycleBody();
+    bool waitForTurn();
+    void openConnector();
+    void checkStop() const;
+    // Hands what a reader appended to the store, then moves the reader's next time.
+    int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
+    int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
+
+    DriverPaths m_paths;
+    std::shared_ptr<CMtdClock> m_clock;
+    std::unique_ptr<GasFileConnector> m_store;
+    std::atomic<bool> m_cancel{false};
+    bool m_isEk270 = false;
 };

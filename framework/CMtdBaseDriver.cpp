@@ -1,0 +1,446 @@
+#include "framework/CMtdBaseDriver.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "hostlink/CJSONRPCConnector.h"
+#include "shell/logger.h"
+#include "storage/GasFileConnector.h"
+#include "transport/CConnector.h"
+
+namespace {
+
+// Day windows of the first read from an empty store.
+constexpr time_t kHourlyWindow = 1296000;  // 15 days
+constexpr time_t kDailyWindow = 5356800;   // 62 days
+// An archive interval is read only two minutes after it closed in the device:
+// the meter needs that long to write its record.
+constexpr time_t kArchiveMargin = 119;
+constexpr int kDefaultDataRate = 300;
+// Systems (channels) whose folders are taken back at start and released per cycle.
+constexpr int kFirstSystem = 1;
+constexpr int kLastSystem = 7;
+
+// ctime() text without its newline, for the "(%s)" of the schedule lines.
+struct TimeText {
+    char text[32];
+    explicit TimeText(time_t t) {
+        if (!ctime_r(&t, text))
+            std::strcpy(text, "?");
+        text[std::strcspn(text, "\n")] = '\0';
+    }
+};
+
+// A whole decimal number; false for anything else.
+bool parseDecimal(const std::string& text, long& value) {
+    if (text.empty())
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtol(text.c_str(), &end, 10);
+    return errno == 0 && end && *end == '\0';
+}
+
+}  // namespace
+
+CMtdBaseDriver::CMtdBaseDriver() : m_clock(std::make_shared<CMtdClock>()) {}
+
+CMtdBaseDriver::~CMtdBaseDriver() { StopPolling(); }
+
+void CMtdBaseDriver::StopPolling() {
+    m_cancel.store(true);
+    Stop();
+}
+
+void CMtdBaseDriver::setJSONRPCConnector(CJSONRPCConnector* rpc) {
+    m_rpc = rpc;
+    if (m_rpc)
+        m_rpc->setCancelFlag(&m_cancel);
+}
+
+void CMtdBaseDriver::save_init_params(const CDeviceConfig& config) {
+    m_config = config;
+    m_logId = std::strtoll(config.meter_id.c_str(), nullptr, 10);
+}
+
+void CMtdBaseDriver::setClock(std::shared_ptr<CMtdClock> clock) {
+    if (clock)
+        m_clock = std::move(clock);
+}
+
+time_t CMtdBaseDriver::rateHourOffset() const {
+    long hour = 0;
+    if (!m_config.has("rate_hour"))
+        return 0;
+    if (!parseDecimal(m_config.get("rate_hour"), hour) || hour < 0 || hour > 23) {
+        MTD_LOG(Warning, "CMtdBaseDriver::rateHourOffset() - wrong rate_hour '%s', 0 is used",
+                m_config.get("rate_hour").c_str());
+        return 0;
+    }
+    return static_cast<time_t>(hour) * 3600;
+}
+
+// ---- turn-taking ----
+
+void CMtdBaseDriver::GiveTurn() {
+    m_turn.store(1);
+    Wake();
+}
+
+bool CMtdBaseDriver::HasTurn() const { return m_turn.load() != 0; }
+
+bool CMtdBaseDriver::CycleDone() const { return m_cycleDone.load() != 0; }
+
+bool CMtdBaseDriver::waitForTurn() {
+    while (!isStopping()) {
+        // An idle driver sleeps until GiveTurn() or Stop() wakes it; the long
+        // deadline is only a safety net.
+        if (waitUntil(std::chrono::steady_clock::now() + std::chrono::hours(1), [this] { return m_turn.load() != 0; }))
+            return true;
+    }
+    return false;
+}
+
+bool CMtdBaseDriver::waitUntilTime(time_t target) {
+    while (!isStopping()) {
+        if (m_clock->now() >= target)
+            return true;
+        waitUntil(m_clock->deadlineFor(target), [this, target] { return m_clock->now() >= target; });
+    }
+    return false;
+}
+
+void CMtdBaseDriver::checkStop() const {
+    if (isStopping())
+        throw StopRequested{};
+}
+
+// ---- the polling thread ----
+
+void CMtdBaseDriver::functionThread() {
+    MTD_LOG(Info, "CMtdBaseDriver::functionThread begin execute thread.");
+    MTD_LOG(Info,
+            "CMtdBaseDriver::functionThread v. 01.04 - use GetMaxTimestampIn() to calculate daily/hourly time of "
+            "next request");
+    m_isEk270 = m_config.get("manufacturer") == "ek270";
+
+    m_store = std::make_unique<GasFileConnector>(m_config.meter_id, m_paths.storageRoot, m_paths.controlDir);
+    initSchedule();
+    for (int sys = kFirstSystem; sys <= kLastSystem; ++sys) {
+        m_store->RemoveTmpArchivesSys(sys, "tmp_archives");
+        m_store->RemoveTmpArchivesSys(sys, "tc_tmp_archives");
+        m_store->RemoveTmpArchivesSys(sys, "tc_archives");
+    }
+    data_rate = kDefaultDataRate;
+
+    try {
+        while (!isStopping())
+            runCycle();
+    } catch (const StopRequested&) {
+    }
+}
+
+void CMtdBaseDriver::initSchedule() {
+    const time_t t = now();
+    const time_t dayStart = t - t % 86400 - rateHourOffset();
+    const time_t hourlyBegin = dayStart - kHourlyWindow;
+    const time_t dailyBegin = dayStart - kDailyWindow;
+
+    const time_t hourlyLast = m_store->GetLastTimestamp(ARCH_HOURLY);
+    const time_t dailyLast = m_store->GetLastTimestamp(ARCH_DAILY);
+    const time_t eventLast = m_store->GetLastTimestamp(ARCH_JOURNAL_EVENT);
+    const time_t interventLast = m_store->GetLastTimestamp(ARCH_JOURNAL_INTERVENT);
+
+    when_next_arch_hourly = std::max(hourlyLast - hourlyLast % 60 + 3600, hourlyBegin);
+    when_next_arch_daily = std::max(dailyLast - dailyLast % 60 + 86400, dailyBegin);
+    when_next_arch_journal_event = std::max(eventLast + 1, dailyBegin);
+    when_next_arch_journal_intervent = std::max(interventLast + 1, dailyBegin);
+
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_hourly_begin     = %d (%s)", (int)hourlyBegin,
+            TimeText(hourlyBegin).text);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_hourly_last      = %d (%s)", (int)hourlyLast,
+            TimeText(hourlyLast).text);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_daily_begin      = %d (%s)", (int)dailyBegin,
+            TimeText(dailyBegin).text);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_daily_last       = %d (%s)", (int)dailyLast,
+            TimeText(dailyLast).text);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_event_last       = %d (%s)", (int)eventLast,
+            TimeText(eventLast).text);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_intervent_last   = %d (%s)", (int)interventLast,
+            TimeText(interventLast).text);
+    MTD_LOG(Debug,
+            "when_next_arch_hourly = %d, when_next_arch_daily = %d, when_next_arch_journal_event = %d, "
+            "when_next_arch_journal_intervent = %d, now = %d",
+            (int)when_next_arch_hourly.load(), (int)when_next_arch_daily.load(),
+            (int)when_next_arch_journal_event.load(), (int)when_next_arch_journal_intervent.load(), (int)t);
+}
+
+void CMtdBaseDriver::runCycle() {
+    if (!waitForTurn())
+        throw StopRequested{};
+    // The pause and force-update control files are looked at here, before the
+    // port is touched, once they are served.
+    m_cycleDone.store(0);
+    try {
+        cycleBody();
+    } catch (const StopRequested&) {
+        throw;
+    } catch (const std::exception& e) {
+        MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
+        MTD_LOG(Debug, "CMtdBaseDriver::functionThread - cycle ended by: %s", e.what());
+        sleepFor(std::chrono::milliseconds(2));
+        m_turn.store(0);
+    } catch (...) {
+        MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
+        sleepFor(std::chrono::milliseconds(2));
+        m_turn.store(0);
+    }
+}
+
+void CMtdBaseDriver::openConnector() {
+    if (!m_connector || m_connector->is_open())
+        return;
+    // Retry once a second rather than every millisecond: a missing adapter
+    // then costs one log line a second, not a thousand.
+    bool reported = false;
+    while (!m_connector->open_device()) {
+        if (!reported) {
+            MTD_LOG(Warning, "CMtdBaseDriver::functionThread - the port is not open, retrying every second.");
+            reported = true;
+        }
+        if (!sleepFor(std::chrono::seconds(1)))
+            throw StopRequested{};
+    }
+}
+
+void CMtdBaseDriver::cycleBody() {
+    MTD_LOG(Debug, "CMtdBaseDriver::functionThread - the original state of the connection controller.");
+    openConnector();
+    checkStop();
+
+    init();
+    if (get_all_system_values().empty())
+        MTD_LOG(Warning, "CMtdBaseDriver::functionThread system info is absent.");
+    MTD_LOG(Debug, "CMtdBaseDriver::functionThread - connecting to controller registered.");
+    checkStop();
+
+    if (m_config.has("data_rate")) {
+        long rate = 0;
+        if (parseDecimal(m_config.get("data_rate"), rate) && rate >= 0 && rate <= 86400 * 31)
+            data_rate = static_cast<int>(rate);
+        else
+            MTD_LOG(Warning, "CMtdBaseDriver::functionThread wrong data_rate '%s', %d is kept",
+                    m_config.get("data_rate").c_str(), data_rate);
+        MTD_LOG(Info, "CMtdBaseDriver::functionThread data_rate = %d", data_rate);
+    }
+
+    before_write_passport();
+    writeGasPasport();
+    checkStop();
+
+    MTD_LOG(Info, "CMtdBaseDriver::functionThread begin all current values.");
+    std::vector<CValueRecord> values = get_all_curtime_cur_integ_values();
+    if (m_rpc)
+        m_rpc->SendAllCurrentValues(values);
+    MTD_LOG(Info, "CMtdBaseDriver::functionThread end all current values.");
+    checkStop();
+
+    time_t t = now();
+    if (when_next_arch_daily + kArchiveMargin < t) {
+        const time_t last = m_store->GetLastTimestamp(ARCH_DAILY);
+        const time_t next = when_next_arch_daily;
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: current time   = %d (%s)", (int)t,
+                TimeText(t).text);
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: last time      = %d (%s)", (int)last,
+                TimeText(last).text);
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: next time      = %d (%s)", (int)next,
+                TimeText(next).text);
+        ReadDailyArch();
+        checkStop();
+    }
+
+    t = now();
+    if (when_next_arch_hourly + kArchiveMargin < t) {
+        const time_t last = m_store->GetLastTimestamp(ARCH_HOURLY);
+        const time_t next = when_next_arch_hourly;
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: current time  = %d (%s)", (int)t,
+                TimeText(t).text);
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: last time     = %d (%s)", (int)last,
+                TimeText(last).text);
+        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: next time     = %d (%s)", (int)next,
+                TimeText(next).text);
+        ReadHourlyArch();
+        checkStop();
+        ReadJournalEventArch();
+        checkStop();
+        ReadJournalInterventArch();
+        checkStop();
+        if (time_t window = sync_time(when_next_sync_window))
+            when_next_sync_window = window;
+        checkStop();
+    }
+
+    for (int sys = kFirstSystem; sys <= kLastSystem; ++sys) {
+        m_store->ReleaseArchives(sys, "tmp_archives");
+        m_store->ReleaseArchives(sys, "tc_tmp_archives");
+    }
+
+    m_turn.store(0);
+    m_cycleDone.store(1);
+    cycle_end();
+    if (m_store->PendingUpdate())
+        MTD_LOG(Debug, "CMtdBaseDriver::functionThread - new archive records were stored in this cycle.");
+
+    Wait(data_rate, false);
+}
+
+// ---- archive readers ----
+
+time_t CMtdBaseDriver::GetMaxTimestampIn(int archType, time_t start) {
+    const time_t last = m_store ? m_store->GetLastTimestamp(archType) : 0;
+    MTD_LOG(Info, "CMtdBaseDriver::GetMaxTimestampIn() start timestamp = %d, max read timestamp = %d (%s)", (int)start,
+            (int)last, TimeText(last).text);
+    return last;
+}
+
+int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>& records) {
+    if (records.empty() || !m_store)
+        return 0;
+    if (!m_store->StoreRecords(archType, records))
+        return 0;  // nothing became visible; the same window is read again next time
+    const time_t last = m_store->GetLastTimestamp(archType);
+    if (last <= 0)
+        return static_cast<int>(records.size());
+    switch (archType) {
+    case ARCH_HOURLY:
+        when_next_arch_hourly = std::max(when_next_arch_hourly.load(), last - last % 60 + 3600);
+        break;
+    case ARCH_DAILY: {
+        const time_t next = std::max(when_next_arch_daily.load(), last - last % 3600 + 86400);
+        when_next_arch_daily = next;
+        MTD_LOG(Info, "CMtdBaseDriver::ReadDaylyArch(First) next read daily timestamp = %d (%s)", (int)next,
+                TimeText(next).text);
+        break;
+    }
+    case ARCH_JOURNAL_EVENT:
+        when_next_arch_journal_event = std::max(when_next_arch_journal_event.load(), last + 1);
+        break;
+    case ARCH_JOURNAL_INTERVENT:
+        when_next_arch_journal_intervent = std::max(when_next_arch_journal_intervent.load(), last + 1);
+        break;
+    default:
+        break;
+    }
+    return static_cast<int>(records.size());
+}
+
+int CMtdBaseDriver::ReadHourlyArch() {
+    const time_t t = now();
+    const time_t next = when_next_arch_hourly;
+    if (next >= t) {
+        MTD_LOG(Info, "CMtdBaseDriver:: Time next param less than the current.");
+        return 0;
+    }
+    GetMaxTimestampIn(ARCH_HOURLY, next);
+    std::vector<ArchiveRecord> records;
+    try {
+        get_arch_values(ARCH_HOURLY, next, t, records);
+    } catch (...) {
+        storeArchive(ARCH_HOURLY, records);
+        throw;
+    }
+    return storeArchive(ARCH_HOURLY, records);
+}
+
+int CMtdBaseDriver::ReadDailyArch() {
+    const time_t t = now();
+    const time_t next = when_next_arch_daily;
+    if (next >= t) {
+        MTD_LOG(Info, "CMtdBaseDriver::ReadDailyArch Time next param less than the current.");
+        return 0;
+    }
+    time_t deviceTime = 0;
+    int rateHour = 0;
+    const int commerceHour = GetTimestamps(deviceTime, rateHour) ? rateHour : static_cast<int>(rateHourOffset() / 3600);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::ReadDailyArch:    commerceHour         = %d", commerceHour);
+    const time_t maxHour = GetMaxTimestampIn(ARCH_DAILY, next);
+    MTD_LOG(Info, "+++ CMtdBaseDriver::ReadDailyArch:    maxHour              = %d (%s)", (int)maxHour,
+            TimeText(maxHour).text);
+    std::vector<ArchiveRecord> records;
+    try {
+        get_arch_values(ARCH_DAILY, next, t, records);
+    } catch (...) {
+        storeArchive(ARCH_DAILY, records);
+        throw;
+    }
+    const int stored = storeArchive(ARCH_DAILY, records);
+    if (records.empty())
+        MTD_LOG(Info, "CMtdBaseDriver::ReadDailyArch archive hourly info is absent.");
+    return stored;
+}
+
+int CMtdBaseDriver::readJournal(int archType, std::atomic<time_t>& nextTime, const char* absentText) {
+    const time_t t = now();
+    const time_t next = nextTime;
+    if (next >= t) {
+        MTD_LOG(Info, "CMtdBaseDriver:: Time next param less than the current.");
+        return 0;
+    }
+    GetMaxTimestampIn(archType, next);
+    std::vector<ArchiveRecord> records;
+    try {
+        get_arch_values(archType, next, t, records);
+    } catch (...) {
+        storeArchive(archType, records);
+        throw;
+    }
+    const int stored = storeArchive(archType, records);
+    if (records.empty())
+        MTD_LOG(Info, "%s", absentText);
+    return stored;
+}
+
+int CMtdBaseDriver::ReadJournalEventArch() {
+    return readJournal(ARCH_JOURNAL_EVENT, when_next_arch_journal_event,
+                       "CMtdBaseDriver::ReadJournalEventArch archive info is absent.");
+}
+
+int CMtdBaseDriver::ReadJournalInterventArch() {
+    return readJournal(ARCH_JOURNAL_INTERVENT, when_next_arch_journal_intervent,
+                       "CMtdBaseDriver::ReadJournalInterventArch archive info is absent.");
+}
+
+bool CMtdBaseDriver::GetArchActual() {
+    const time_t t = now();
+    const time_t hourly = when_next_arch_hourly;
+    const time_t daily = when_next_arch_daily;
+    MTD_LOG(Debug, "CMtdBaseDriver::GetArchActual(): hourly = %d, dayly = %d, dt = %d, mod = %d, curr = %d",
+            (int)hourly, (int)daily, (int)(t - hourly), (int)(t % 3600), (int)t);
+    return hourly + kArchiveMargin < t || daily + kArchiveMargin < t;
+}
+
+// ---- default device operations: a driver overrides what its device has ----
+
+void CMtdBaseDriver::Wait(int seconds, bool /*flag*/) { waitUntilTime(now() + seconds); }
+
+void CMtdBaseDriver::SaveConnector(CConnector* connector) { m_connector = connector; }
+
+bool CMtdBaseDriver::init() { return true; }
+
+std::vector<CValueRecord> CMtdBaseDriver::get_all_curtime_cur_integ_values() { return {}; }
+
+std::vector<CValueRecord> CMtdBaseDriver::get_all_system_values() { return {}; }
+
+void CMtdBaseDriver::get_arch_values(int, time_t, time_t, std::vector<ArchiveRecord>&) {}
+
+bool CMtdBaseDriver::GetTimestamps(time_t&, int&) { return false; }
+
+void CMtdBaseDriver::before_write_passport() {}
+
+void CMtdBaseDriver::cycle_end() {}
+
+time_t CMtdBaseDriver::sync_time(time_t) { return 0; }
+
+void CMtdBaseDriver::writeGasPasport() {}

@@ -1,0 +1,5 @@
+#include "framework/CMtdEmptyDriver.h"
+
+CMtdEmptyDriver::CMtdEmptyDriver() = default;
+
+CMtdEmptyDriver::~CMtdEmptyDriver() { StopPolling(); }
