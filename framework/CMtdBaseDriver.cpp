@@ -93,6 +93,19 @@ bool CMtdBaseDriver::HasTurn() const { return m_turn.load() != 0; }
 
 bool CMtdBaseDriver::CycleDone() const { return m_cycleDone.load() != 0; }
 
+void CMtdBaseDriver::returnTurn() {
+    {
+        std::lock_guard<std::mutex> lock(m_turnMutex);
+        m_turn.store(0);
+    }
+    m_turnCv.notify_all();
+}
+
+bool CMtdBaseDriver::WaitTurnReturned(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(m_turnMutex);
+    return m_turnCv.wait_for(lock, timeout, [this] { return m_turn.load() == 0; });
+}
+
 bool CMtdBaseDriver::waitForTurn() {
     while (!isStopping()) {
         // An idle driver sleeps until GiveTurn() or Stop() wakes it; the long
@@ -191,11 +204,11 @@ void CMtdBaseDriver::runCycle() {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - cycle ended by: %s", e.what());
         sleepFor(std::chrono::milliseconds(2));
-        m_turn.store(0);
+        returnTurn();
     } catch (...) {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
         sleepFor(std::chrono::milliseconds(2));
-        m_turn.store(0);
+        returnTurn();
     }
 }
 
@@ -287,8 +300,8 @@ void CMtdBaseDriver::cycleBody() {
         m_store->ReleaseArchives(sys, "tc_tmp_archives");
     }
 
-    m_turn.store(0);
     m_cycleDone.store(1);
+    returnTurn();
     cycle_end();
     if (m_store->PendingUpdate())
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - new archive records were stored in this cycle.");

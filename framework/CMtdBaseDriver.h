@@ -12,9 +12,12 @@
 // first thing in its destructor (the base destructor runs too late for that).
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -80,6 +83,9 @@ public:
     void GiveTurn();                // main thread: set the turn flag and wake the thread
     bool HasTurn() const;           // true until the thread clears it at the end of its cycle
     bool CycleDone() const;
+    // Blocks until the thread has given the turn back (end of a cycle, normal
+    // or by exception) or `timeout` passes; true when the turn is back.
+    bool WaitTurnReturned(std::chrono::milliseconds timeout);
 
     const CDeviceConfig& config() const { return m_config; }
     // Name used in log lines ("[%lld][%s] ").
@@ -148,6 +154,7 @@ private:
     bool waitForTurn();
     void openConnector();
     void checkStop() const;
+    void returnTurn();
     // Hands what a reader appended to the store, then moves the reader's next time.
     int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
@@ -156,5 +163,7 @@ private:
     std::shared_ptr<CMtdClock> m_clock;
     std::unique_ptr<GasFileConnector> m_store;
     std::atomic<bool> m_cancel{false};
+    std::mutex m_turnMutex;
+    std::condition_variable m_turnCv;
     bool m_isEk270 = false;
 };
