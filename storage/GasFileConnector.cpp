@@ -21,6 +21,7 @@ namespace {
 // System numbers are small channel numbers of one meter; anything else is a driver bug.
 constexpr int kMaxSys = 255;
 constexpr const char* kBatchSuffix = ".jsonl";
+const char* const kReporterFolders[] = {"tmp_archives", "tc_tmp_archives", "tc_archives"};
 const int kArchTypes[] = {ARCH_HOURLY, ARCH_DAILY, ARCH_JOURNAL_EVENT, ARCH_JOURNAL_INTERVENT};
 
 std::string withSlash(std::string dir) {
@@ -228,8 +229,19 @@ GasFileConnector::GasFileConnector(std::string meterId, std::string storageRoot,
     listDir(m_root + m_meterId, entries);
     for (const std::string& name : entries) {
         long long sys = 0;
-        if (parseDecimal(name, sys) && sys <= kMaxSys && name == std::to_string(sys))
-            recoverSystem(static_cast<int>(sys));
+        if (!parseDecimal(name, sys) || sys > kMaxSys || name != std::to_string(sys))
+            continue;
+        recoverSystem(static_cast<int>(sys));
+        // Only this process releases this meter's folders, so a driver lock of
+        // ours that exists now was left by a run that was killed mid-release;
+        // the reporter would wait on it for ever.
+        for (const char* folder : kReporterFolders) {
+            const std::string lock = lockName(static_cast<int>(sys), folder);
+            if (m_control.lockExists(LOCK_DRIVER, lock)) {
+                MTD_LOG(Notice, "GasFileConnector: stale driver lock [%s] removed", lock.c_str());
+                m_control.removeLock(LOCK_DRIVER, lock);
+            }
+        }
     }
 }
 

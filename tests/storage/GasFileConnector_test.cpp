@@ -130,7 +130,12 @@ TEST_F(Store, LastTimestampsSurviveRestartAndReporterTakingFiles) {
     // A leftover of a batch being written when the process died.
     writeFile(staging(1, "tc_tmp_archives") + ".Journal_Intervent_JSONRPC-100-200.jsonl.tmp", "{\"half");
 
+    // And the driver lock of a run killed in the middle of a release.
+    CControlFiles cf(ctl.path);
+    cf.createLock(LOCK_DRIVER, "7_2_tmp_archives");
+
     GasFileConnector again("7", root.path, ctl.path);
+    EXPECT_FALSE(cf.lockExists(LOCK_DRIVER, "7_2_tmp_archives"));
     EXPECT_EQ(7200, again.GetLastTimestamp(ARCH_HOURLY));
     EXPECT_EQ(3600, again.GetLastTimestamp(ARCH_HOURLY, 1));
     EXPECT_EQ(99, again.GetLastTimestamp(ARCH_JOURNAL_INTERVENT));
