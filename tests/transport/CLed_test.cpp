@@ -47,19 +47,6 @@ TEST(Led, OneFlashPerBurstThenDarkBeforeTheNext) {
     EXPECT_EQ("010100", readFile(path));  // switched off once more on destruction
 }
 
-TEST(Led, CancellingARequestSwitchesOffOnlyWhenOneIsPending) {
-    TempDir dir;
-    const std::string path = dir.file("led");
-    CLed led(path, kOnTimeUs);  // thread not started: requests stay pending
-    led.Blink(false);
-    EXPECT_EQ("0", readFile(path));
-    led.Blink(true);
-    led.Blink(false);
-    EXPECT_EQ("00", readFile(path));
-    led.Blink(false);
-    EXPECT_EQ("00", readFile(path));
-}
-
 TEST(Led, MissingControlFileCostsNothing) {
     TempDir dir;
     LogCapture log;
