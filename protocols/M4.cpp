@@ -1,7 +1,5 @@
 #include "protocols/M4.h"
 
-#include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
