@@ -1,0 +1,218 @@
+#include "protocols/CGost61107.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "shell/logger.h"
+#include "transport/CConnector.h"
+
+namespace {
+
+constexpr auto kPause = std::chrono::milliseconds(100);
+constexpr int kAttempts = 3;
+constexpr int kMaxWrongFirst = 3;
+
+bool debugOn() {
+    return g_logger != nullptr && g_logger->isLevel(logger::DEBUG);
+}
+
+char shown(uint8_t c) {
+    return (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '.';
+}
+
+}  // namespace
+
+CGost61107::CGost61107(CConnector& connector, long long id, std::string name)
+    : CGost61107Connector(id, std::move(name)), m_connector(connector) {}
+
+bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8_t>& reply) {
+    const char* rq = request.name.c_str();
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (!makePacket(request))
+            return false;
+        if (debugOn()) {
+            std::string shownTx = printable(m_tx, m_txLength, (m_tx[0] & 0xFD) == SOH);
+            MTD_LOG(Debug, "[%lld][%s] CGost61107::send('%s'): Send: %s", m_id, m_name.c_str(), rq,
+                    shownTx.c_str());
+        }
+        m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
+        std::this_thread::sleep_for(kPause);
+        if (receive(request, reply))
+            return processReply(request, reply);
+        std::this_thread::sleep_for(kPause);
+        MTD_LOG(Warning, "[%lld][%s] CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", m_id,
+                m_name.c_str(), rq, attempt);
+    }
+    MTD_LOG(Err, "[%lld][%s] CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", m_id, m_name.c_str(), rq);
+    return false;
+}
+
+bool CGost61107::processReply(const SGost61107Request& request, const std::vector<uint8_t>& reply) {
+    return parse(request, m_values, reply.data(), reply.size());
+}
+
+bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>& reply) {
+    const char* rq = request.name.c_str();
+    const char* nm = m_name.c_str();
+    reply.clear();
+    if (m_expectedFirst == 0) {
+        MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): will not wait response", m_id, nm, rq);
+        return true;
+    }
+    uint8_t byte = 0;
+    auto readOne = [&]() {
+        if (m_connector.ReadBuffer(&byte, 1, true) == 1)
+            return true;
+        MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", m_id, nm, rq,
+                static_cast<int>(reply.size()));
+        return false;
+    };
+
+    // First byte: up to three wrong ones are dropped.
+    bool complete = false;
+    for (int wrong = 0;;) {
+        if (!readOne())
+            return false;
+        if (request.kind == SGost61107Request::OptionSelect && m_optionAltFirst != 0 && byte == m_optionAltFirst) {
+            complete = true;
+            break;
+        }
+        if (m_expectedFirst == ANY_REPLY) {
+            if (byte == ACK || byte == NAK) {
+                complete = true;
+                break;
+            }
+            if (byte == STX)
+                break;
+        } else if (byte == m_expectedFirst) {
+            break;
+        }
+        ++wrong;
+        uint8_t want = m_expectedFirst == ANY_REPLY ? STX : m_expectedFirst;
+        MTD_LOG(Warning, "[%lld][%s] CGost61107::receive('%s'): Recv #%d: 1ST MUST BE 0x%02x('%c'), BUT GOT 0x%02x('%c')",
+                m_id, nm, rq, wrong, want, shown(want), byte, shown(byte));
+        if (wrong > kMaxWrongFirst)
+            return false;
+    }
+    reply.push_back(byte);
+
+    if (!complete) {
+        for (;;) {
+            if (!readOne())
+                return false;
+            reply.push_back(byte);
+            if (byte == m_expectedEnd || (m_expectedAltEnd != 0 && byte == m_expectedAltEnd))
+                break;
+            if (reply.size() >= kMaxReply) {
+                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: NO END BYTE IN %d BYTES !!!", m_id, nm, rq,
+                        static_cast<int>(reply.size()));
+                return false;
+            }
+        }
+        if ((reply[0] & 0xFD) == SOH) {
+            uint8_t got = 0;
+            if (m_connector.ReadBuffer(&got, 1, true) != 1) {
+                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
+                return false;
+            }
+            uint8_t calc = bcc(reply.data() + 1, reply.size() - 1);
+            if (got != calc) {
+                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
+                        m_id, nm, rq, got, calc);
+                return false;
+            }
+            reply.push_back(got);
+        }
+    }
+    if (debugOn()) {
+        std::string shownRx = printable(reply.data(), reply.size(), reply.size() > 1 && (reply[0] & 0xFD) == SOH);
+        MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): Recv: %s", m_id, nm, rq, shownRx.c_str());
+    }
+    return true;
+}
+
+bool CGost61107::parse(const SGost61107Request& request, std::vector<std::string>& values, const uint8_t* reply,
+                       size_t length) {
+    const char* rq = request.name.c_str();
+    values.clear();
+    if (m_expectedFirst == 0 || m_expectedFirst == ANY_REPLY) {
+        MTD_LOG(Debug, "[%lld][%s] CGost61107::parse('%s'): will not parse response", m_id, m_name.c_str(), rq);
+        return true;
+    }
+    size_t pos = 0;
+    if (request.kind == SGost61107Request::SignOn && length > 0 && reply[0] == '/') {
+        size_t n = length - 1 < 3 ? length - 1 : 3;
+        values.emplace_back(reinterpret_cast<const char*>(reply) + 1, n);
+        pos = 1 + n;
+    }
+    long open = -1;
+    for (; pos < length; ++pos) {
+        if (reply[pos] == '(') {
+            if (open < 0)
+                open = static_cast<long>(pos);
+        } else if (reply[pos] == ')') {
+            if (open < 0) {
+                MTD_LOG(Err, "[%lld][%s] CGost61107::parse('%s') - NO OPEN '(' FOR CLOSE ')' AT POSITION %d", m_id,
+                        m_name.c_str(), rq, static_cast<int>(pos));
+                values.clear();
+                return false;
+            }
+            values.emplace_back(reinterpret_cast<const char*>(reply) + open + 1, pos - open - 1);
+            open = -1;
+        }
+    }
+    if (open >= 0) {
+        MTD_LOG(Err, "[%lld][%s] CGost61107::parse('%s') - NO CLOSE ')' FOR OPEN '(' AT POSITION %d", m_id,
+                m_name.c_str(), rq, static_cast<int>(open));
+        values.clear();
+        return false;
+    }
+    return true;
+}
+
+int CGost61107::SpeedSymbolToBaudRate(char symbol) {
+    static const int rates[] = {300, 600, 1200, 2400, 4800, 9600, 19200};
+    if (symbol >= '0' && symbol <= '6')
+        return rates[symbol - '0'];
+    MTD_LOG(Err, "[%lld][%s] CGost61107::SpeedSymbolToBaudRate('%c') - UNKNOWN SPEED SYMBOL !!! WILL RETURN 0.", m_id,
+            m_name.c_str(), symbol);
+    return 0;
+}
+
+bool CGost61107::ChangeBaudRate(char symbol) {
+    int rate = SpeedSymbolToBaudRate(symbol);
+    if (rate == 0) {
+        MTD_LOG(Err, "[%lld][%s] CGost61107::ChangeBaudRate() - UNKNOWN SPEED SYMBOL '%c'. CHANGING IS IMPOSSIBLE", m_id,
+                m_name.c_str(), symbol);
+        return true;
+    }
+    MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeBaudRate() - SPEED SYMBOL '%c' -> BAUD RATE %d", m_id, m_name.c_str(),
+            symbol, rate);
+    return ChangeBaudRate(rate);
+}
+
+bool CGost61107::ChangeBaudRate(int baudRate) {
+    int current = static_cast<int>(std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10));
+    if (current == 0) {
+        MTD_LOG(Warning, "[%lld][%s] CGost61107::ChangeBaudRate() - ZERO DEVICE BAUD RATE. CHANGING IS IMPOSSIBLE", m_id,
+                m_name.c_str());
+        return true;
+    }
+    if (current == baudRate) {
+        MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeBaudRate() - CURRENT BAUD RATE %d == DESIRED BAUD RATE %d. NO ACTION.",
+                m_id, m_name.c_str(), current, baudRate);
+        return true;
+    }
+    m_connector.SetParam("speed", std::to_string(baudRate));
+    m_connector.close_device();
+    bool ok = m_connector.open_device();
+    if (ok)
+        MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeSpeed() - CHANGE BAUD RATE FROM %d TO %d - Ok", m_id, m_name.c_str(),
+                current, baudRate);
+    else
+        MTD_LOG(Err, "[%lld][%s] CGost61107::ChangeBaudRate() - CAN'T CHANGE BAUD RATE FROM %d TO %d", m_id,
+                m_name.c_str(), current, baudRate);
+    return ok;
+}

@@ -1,0 +1,63 @@
+#pragma once
+// IEC 61107 (GOST 61107) mode-C master over a CConnector.
+//
+// The dialogue with a volume corrector:
+//   master "/?12345678!" CR LF        device "/XXX5EK270" CR LF   (5 = 9600 Bd offered)
+//   master ACK "051" CR LF            device SOH "P0" STX "(...)" ETX BCC, then both
+//                                     sides switch to the speed of the symbol
+//   master SOH "R1" STX "1:180.0()" ETX BCC   device STX "1:180.0(12345678)" ETX BCC
+//   master SOH "W1" STX "4:171.0(pass)" ETX BCC   device ACK (or NAK, or an error block)
+//   master SOH "B0" ETX BCC           device says nothing and drops the session
+// Long data sets (archives) come in blocks: EOT ends a block with more to come,
+// ETX the last one; the master asks for the next block with a bare ACK.
+//
+// Replies are read one byte per connector read, each with the connector's
+// time-out. Up to three wrong first bytes (echoes, a stale check byte) are
+// dropped. Only replies that start with SOH have their BCC read and checked;
+// a BCC that follows an STX block stays in the input queue and is dropped as a
+// wrong first byte of the next reply.
+//
+// Every failure is a false result and one log line; nothing throws.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "protocols/CGost61107Connector.h"
+
+class CConnector;
+
+class CGost61107 : public CGost61107Connector {
+public:
+    static constexpr size_t kMaxReply = 16384;
+
+    CGost61107(CConnector& connector, long long id, std::string name);
+
+    // Up to three attempts (100 ms after sending, 100 ms more after a failure);
+    // a good reply is handed to processReply(), whose result is returned.
+    bool SendRequest(const SGost61107Request& request, std::vector<uint8_t>& reply);
+    // Reads one reply as the last makePacket() described it.
+    bool receive(const SGost61107Request& request, std::vector<uint8_t>& reply);
+    // Splits the "(...)" values of a reply (for a sign-on reply the maker's
+    // three-letter identification comes first).
+    bool parse(const SGost61107Request& request, std::vector<std::string>& values,
+               const uint8_t* reply, size_t length);
+
+    // 0 for a symbol outside '0'..'6'.
+    int SpeedSymbolToBaudRate(char symbol);
+    bool ChangeBaudRate(char symbol);
+    // Reopens the port at `baudRate` when it differs from the port's "speed".
+    bool ChangeBaudRate(int baudRate);
+
+    // Values split by the default processReply() from the last good reply.
+    const std::vector<std::string>& values() const { return m_values; }
+    CConnector& connector() { return m_connector; }
+
+protected:
+    // What SendRequest does with a good reply; the default parses it into values().
+    virtual bool processReply(const SGost61107Request& request, const std::vector<uint8_t>& reply);
+
+    CConnector& m_connector;
+    std::vector<std::string> m_values;
+};
