@@ -140,6 +140,9 @@ void CMtdBaseDriver::functionThread() {
     m_isEk270 = m_config.get("manufacturer") == "ek270";
 
     m_store = std::make_unique<GasFileConnector>(m_config.meter_id, m_paths.storageRoot, m_paths.controlDir);
+    // A folder held by the reporter is looked at again after a pause; a stop
+    // ends the pause instead of waiting it out.
+    m_store->setLockWaiter([this](unsigned seconds) { return sleepFor(std::chrono::seconds(seconds)); });
     initSchedule();
     for (int sys = kFirstSystem; sys <= kLastSystem; ++sys) {
         m_store->RemoveTmpArchivesSys(sys, "tmp_archives");
