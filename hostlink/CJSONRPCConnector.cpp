@@ -260,7 +260,7 @@ void CJSONRPCConnector::SendParameters_right(const std::vector<CValueRecord>& va
     }
 }
 
-bool CJSONRPCConnector::SendAllCurrentValues(const std::vector<CValueRecord>& values)
+std::string CJSONRPCConnector::BuildAllCurrentValuesRequest(const std::vector<CValueRecord>& values)
 {
     Json::Value params(Json::arrayValue);
     for (const CValueRecord& v : values) {
@@ -274,8 +274,15 @@ bool CJSONRPCConnector::SendAllCurrentValues(const std::vector<CValueRecord>& va
         item["timestamp"] = static_cast<Json::Int64>(v.timestamp);
         params.append(item);
     }
+    return BuildRequest("put_all_current_values", params);
+}
+
+bool CJSONRPCConnector::SendAllCurrentValues(const std::vector<CValueRecord>& values)
+{
+    const std::string request = BuildAllCurrentValuesRequest(values);
+    MTD_LOG(Info, "CJSONRPCConnector::ExecJSONRPCFunc query is %s", request.c_str());
     Json::Value reply;
-    if (!ExecJSONRPCFunc("put_all_current_values", params, reply)) {
+    if (!SendParameters(request, reply)) {
         MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while sending data!");
         return false;
     }

@@ -36,6 +36,8 @@ public:
     void SendParameters2(const std::vector<CValueRecord>& values);       // "put_one_value" each
     void SendParameters_right(const std::vector<CValueRecord>& values);  // "put_current_value" each
     bool SendAllCurrentValues(const std::vector<CValueRecord>& values);  // one "put_all_current_values"
+    // The "put_all_current_values" request text for `values` (takes the next id); nothing is sent.
+    std::string BuildAllCurrentValuesRequest(const std::vector<CValueRecord>& values);
 
     // Switches relay output 1 or 2 through the sensors service; at most 50 attempts.
     bool ExecSensorsJSONRPCFunc(bool state, int rs232Number);
