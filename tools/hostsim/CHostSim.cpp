@@ -73,12 +73,19 @@ std::string recordLine(const std::string& body, bool parsed, const Json::Value& 
 // One HTTP listener on its own thread.
 class Listener {
 public:
-    Listener(CHostSim& sim) : m_sim(sim)
+    explicit Listener(CHostSim& sim) : m_sim(sim)
     {
         auto serve = [this](const httplib::Request& req, httplib::Response& res) {
             res.set_content(m_sim.handle(req.body), "application/json-rpc");
         };
         m_server.Post("/.*", serve);
+        // httplib's stop() does nothing until the accept loop has marked itself
+        // running, and the task queue is created right after that mark: the
+        // one moment Start can wait for, so that an early Stop is never lost.
+        m_server.new_task_queue = [this] {
+            markLoopEntered();
+            return new httplib::ThreadPool(4);
+        };
     }
     ~Listener() { Stop(); }
     Listener(const Listener&) = delete;
@@ -99,7 +106,12 @@ public:
             }
             m_port = port;
         }
-        m_thread = std::thread([this] { m_server.listen_after_bind(); });
+        m_thread = std::thread([this] {
+            m_server.listen_after_bind();
+            markLoopEntered();  // in case the loop ended before it began
+        });
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_loopEntered.wait(lock, [this] { return m_entered; });
         return true;
     }
 
@@ -114,7 +126,17 @@ public:
     int port() const { return m_port; }
 
 private:
+    void markLoopEntered()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entered = true;
+        m_loopEntered.notify_all();
+    }
+
     CHostSim& m_sim;
+    std::mutex m_mutex;
+    std::condition_variable m_loopEntered;
+    bool m_entered = false;
     httplib::Server m_server;
     std::thread m_thread;
     int m_port = 0;

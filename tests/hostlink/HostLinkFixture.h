@@ -1,0 +1,105 @@
+#pragma once
+// Shared helpers of the host-link tests: a logger whose lines can be awaited,
+// and a loopback port that refuses connections until it is released.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "shell/logger.h"
+
+class LogWatch {
+public:
+    struct Line {
+        int severity;
+        std::string text;
+        std::chrono::steady_clock::time_point at;
+    };
+
+    LogWatch() : m_log("/dev/null", false)
+    {
+        m_log.setLevel(logger::DEBUG);
+        m_log.setObserver([this](int severity, const std::string& text) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back({severity, text, std::chrono::steady_clock::now()});
+            m_changed.notify_all();
+        });
+        g_logger = &m_log;
+    }
+    ~LogWatch()
+    {
+        g_logger = nullptr;
+        m_log.setObserver(nullptr);
+    }
+    LogWatch(const LogWatch&) = delete;
+    LogWatch& operator=(const LogWatch&) = delete;
+
+    // Lines containing `part`.
+    std::vector<Line> matching(const std::string& part) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<Line> out;
+        for (const Line& l : m_lines)
+            if (l.text.find(part) != std::string::npos)
+                out.push_back(l);
+        return out;
+    }
+    size_t count(const std::string& part) const { return matching(part).size(); }
+
+    bool waitFor(const std::string& part, size_t n, std::chrono::seconds timeout = std::chrono::seconds(20))
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, timeout, [&] {
+            size_t c = 0;
+            for (const Line& l : m_lines)
+                c += l.text.find(part) != std::string::npos;
+            return c >= n;
+        });
+    }
+
+private:
+    logger m_log;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Line> m_lines;
+};
+
+// A loopback port bound but not listening: connections to it are refused
+// until release(), after which a server may take the port.
+class RefusingPort {
+public:
+    RefusingPort()
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof addr;
+        if (m_fd >= 0 && ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+            ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+            m_port = ntohs(addr.sin_port);
+    }
+    ~RefusingPort() { release(); }
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+
+    void release()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+    }
+    int port() const { return m_port; }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/"; }
+
+private:
+    int m_fd = -1;
+    int m_port = 0;
+};
