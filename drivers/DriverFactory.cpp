@@ -1,5 +1,6 @@
 #include "drivers/DriverFactory.h"
 
+#include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
 #include "shell/logger.h"
@@ -17,9 +18,9 @@ using Row = DriverModelRow;
 
 // Rows are tested top to bottom; the first match decides.
 const DriverModelRow kModelTable[] = {
-    {"ek270", Row::EXACT, "CmtdEK2xxTC2xx", 2, nullptr, 0, nullptr},
-    {"ek260", Row::EXACT, "CmtdEK2xxTC2xx", 1, nullptr, 0, nullptr},
-    {"tc220", Row::EXACT, "CmtdEK2xxTC2xx", 3, nullptr, 0, nullptr},
+    {"ek270", Row::EXACT, "CmtdEK2xxTC2xx", 2, nullptr, 0, &CmtdEK2xxTC2xx::create},
+    {"ek260", Row::EXACT, "CmtdEK2xxTC2xx", 1, nullptr, 0, &CmtdEK2xxTC2xx::create},
+    {"tc220", Row::EXACT, "CmtdEK2xxTC2xx", 3, nullptr, 0, &CmtdEK2xxTC2xx::create},
     {"vkg-3t", Row::EXACT, "CmtdWKG3T", 0, nullptr, 0, nullptr},
     {"micont186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
     {"mikont-186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
@@ -55,8 +56,8 @@ const DriverModelRow kModelTable[] = {
     // The TC-90K is served by the TC-90T driver; the TC-90K class is never chosen.
     {"tc-90k", Row::EXACT, "CmtdTC90T", 0, nullptr, 0, nullptr},
     {"tc-90t", Row::EXACT, "CmtdTC90T", 0, nullptr, 0, nullptr},
-    {"tc215", Row::EXACT, "CmtdEK2xxTC2xx", 5, nullptr, 0, nullptr},
-    {"tc210", Row::EXACT, "CmtdEK2xxTC2xx", 4, nullptr, 0, nullptr},
+    {"tc215", Row::EXACT, "CmtdEK2xxTC2xx", 5, nullptr, 0, &CmtdEK2xxTC2xx::create},
+    {"tc210", Row::EXACT, "CmtdEK2xxTC2xx", 4, nullptr, 0, &CmtdEK2xxTC2xx::create},
     {"bvr.m", Row::CONTAINS, "CmtdBVRM", 2, nullptr, 0, nullptr},
     {"bk-10a", Row::CONTAINS, "CmtdBKxx", 0, nullptr, 0, nullptr},
     {"superflow-23", Row::CONTAINS, "CmtdSuperFlow", 0, nullptr, 0, nullptr},

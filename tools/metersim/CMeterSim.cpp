@@ -283,6 +283,12 @@ void CMeterSim::serve() {
                 in.erase(0, end + 2);
                 handle(frame);
             } else if (c == ACK) {
+                if (in.size() == 1 && m_inArchive) {
+                    // Inside a transfer a lone ACK can only ask for the next block.
+                    in.erase(0, 1);
+                    handle(std::string(1, ACK));
+                    continue;
+                }
                 if (in.size() == 1 && !ackExpired) {
                     // A bare ACK (next block) or the start of an option select: wait a moment.
                     ackWait = true;

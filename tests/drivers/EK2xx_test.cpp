@@ -1,0 +1,239 @@
+// The EK2xx/TC2xx driver's device operations against the simulated corrector.
+#include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "framework/Exceptions.h"
+#include "shell/logger.h"
+#include "tools/metersim/CMeterSim.h"
+#include "transport/CConnector.h"
+
+namespace {
+
+constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 on the device clock (UTC)
+
+class Log {
+public:
+    Log() : m_log("/dev/null", false) {
+        m_log.setLevel(logger::DEBUG);
+        m_log.setObserver([this](int, const std::string& text) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (std::getenv("MTD_TEST_LOG"))
+                std::fprintf(stderr, "%s\n", text.c_str());
+            m_lines.push_back(text);
+        });
+        m_previous = g_logger;
+        g_logger = &m_log;
+    }
+    ~Log() { g_logger = m_previous; }
+    int count(const std::string& part) const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int n = 0;
+        for (const auto& l : m_lines)
+            n += l.find(part) != std::string::npos;
+        return n;
+    }
+
+private:
+    logger m_log;
+    logger* m_previous;
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+struct Rig {
+    Log log;
+    std::string dir;
+    CMeterSim sim;
+    std::unique_ptr<CConnector> conn;
+    CmtdEK2xxTC2xx driver;
+
+    Rig(SMeterSimConfig cfg, int model, const std::string& serial = "12345678")
+        : sim([&] {
+              cfg.timing = false;
+              cfg.now = kStart;
+              cfg.archiveDays = 2;
+              cfg.clockScale = 1e-9;  // the device clock stands still
+              return cfg;
+          }()),
+          driver(model) {
+        char tmpl[] = "/tmp/mtd_ek2xx_XXXXXX";
+        dir = mkdtemp(tmpl);
+        EXPECT_TRUE(sim.open());
+        EXPECT_TRUE(sim.start());
+        LedPaths leds;
+        leds.transmit = leds.receive = dir + "/led";
+        PortParams port{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", "300"}};
+        conn = std::make_unique<CConnector>(port, leds);
+        EXPECT_TRUE(conn->open_device());
+        CDeviceConfig config;
+        config.meter_id = "42";
+        config.params = {{"speed", "9600"}, {"systems", "3;"}, {"manufacturer", "ek270"}};
+        config.speed = 9600;
+        config.password1 = "00000000";
+        config.password2 = "11111111";
+        config.serial_text = serial;
+        driver.save_init_params(config);
+        DriverPaths paths;
+        paths.controlDir = dir + "/";
+        paths.storageRoot = dir + "/storage/";
+        driver.setPaths(paths);
+        driver.SaveConnector(conn.get());
+    }
+    ~Rig() { std::system(("rm -rf '" + dir + "'").c_str()); }
+};
+
+std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
+    std::map<std::string, CValueRecord> m;
+    for (const auto& r : v)
+        m[r.name] = r;
+    return m;
+}
+
+std::vector<std::string> names(const std::vector<CValueRecord>& v) {
+    std::vector<std::string> out;
+    for (const auto& r : v)
+        out.push_back(r.name);
+    return out;
+}
+
+TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
+    SMeterSimConfig cfg;
+    cfg.maxSpeedSymbol = '6';
+    cfg.errorRegisters = {"12:314.0"};
+    Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
+    ASSERT_TRUE(rig.driver.init());
+    EXPECT_EQ(rig.conn->GetParam("speed"), "19200");
+    EXPECT_EQ(rig.sim.currentBaud(), 19200);
+    EXPECT_EQ(rig.sim.registerValue("4:170.0"), "1");
+
+    auto sys = byName(rig.driver.get_all_system_values());
+    EXPECT_EQ(sys["SerialNumber"].value, "12345678");
+    EXPECT_EQ(sys["RateHour"].value, "6");
+    EXPECT_EQ(sys["ArchivePeriod"].value, "60");
+    EXPECT_EQ(sys["KcMode"].value, "2");
+
+    auto cur = rig.driver.get_all_curtime_cur_integ_values();
+    EXPECT_EQ(names(cur), (std::vector<std::string>{"DateTime", "Vstd", "Vw", "Vstd.crash", "Vw.crash", "Vstd.sum",
+                                                    "Vw.sum", "T", "P", "Kcorr", "Kcomp", "PassT", "PassP", "PassCO2",
+                                                    "PassN2", "PassS"}));
+    auto m = byName(cur);
+    EXPECT_EQ(m["DateTime"].value, "2024-05-01,10:15:00");
+    EXPECT_EQ(m["DateTime"].timestamp, kStart);
+    EXPECT_EQ(m["Vstd"].dim, "m3");
+    EXPECT_EQ(m["T"].dim, "grad");
+    EXPECT_EQ(m["T"].value, "12.34");
+    EXPECT_EQ(m["P"].dim, "kgs/sm2 (atm)");
+    EXPECT_NEAR(std::stod(m["P"].value), 1.7 * 1.0197162, 1e-4);  // 1.7 bar
+    EXPECT_EQ(m["Kcorr"].dim, "");
+    EXPECT_EQ(m["PassCO2"].dim, "procent");
+    EXPECT_EQ(m["Vstd"].quality, 192);
+    EXPECT_EQ(m["Vstd"].sys, "3");
+    EXPECT_EQ(rig.log.count("DEVICE RETURNS ERROR CODE '#0001' !!!"), 1);
+    EXPECT_EQ(rig.log.count(">>> CAN'T GET CURRENT PARAMETER 'Read PassH2'"), 1);
+}
+
+TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
+    Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK270);
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.get_all_system_values();
+
+    std::vector<ArchiveRecord> hourly;
+    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 5 * 3600, kStart + 3600, hourly);
+    ASSERT_EQ(hourly.size(), 5u);  // 06:00 .. 10:00; the end is clipped to the device time
+    EXPECT_EQ(hourly.front().timestamp, kStart - 4 * 3600 - 900);
+    EXPECT_EQ(hourly.back().timestamp, kStart - 900);
+    EXPECT_EQ(hourly[0].sys, 3);
+    ASSERT_EQ(hourly[0].fields.size(), 15u);
+    EXPECT_EQ(hourly[0].fields[2].first, "DateTime");
+    EXPECT_EQ(hourly[0].fields[14].first, "check sum");
+    EXPECT_EQ(rig.log.count("end_dt = curr_dt because end_dt > curr_dt"), 1);
+    EXPECT_EQ(rig.log.count("stop by device !!!"), 1);
+
+    std::vector<ArchiveRecord> daily;
+    rig.driver.get_arch_values(ARCH_DAILY, kStart - 2 * 86400, kStart, daily);
+    ASSERT_EQ(daily.size(), 2u);
+    EXPECT_EQ(daily.back().timestamp, kStart - 4 * 3600 - 900);  // 06:00, the rate hour
+
+    std::vector<ArchiveRecord> events;
+    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    ASSERT_FALSE(events.empty());
+    for (const auto& e : events) {
+        ASSERT_EQ(e.fields.size(), 8u);
+        EXPECT_EQ(e.fields[3].first, "Event");
+        EXPECT_NE(e.fields[5].second, "unknown");
+    }
+    EXPECT_EQ(rig.log.count("UNKNOWN EVENT CODE"), 0);
+    EXPECT_EQ(rig.log.count("this archive doen't support units !!!"), 1);
+
+    std::vector<ArchiveRecord> none;
+    rig.driver.get_arch_values(ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
+    EXPECT_TRUE(none.empty());
+    EXPECT_EQ(rig.log.count("ARCHIVE TYPE 3 (Journal_Intervent_JSONRPC) NOT SUPPORTED !!!"), 1);
+}
+
+TEST(EK2xx, DamagedRecordsAreSkippedAndSilenceEndsTheCycle) {
+    SMeterSimConfig cfg;
+    cfg.dropByteEvery = 9;
+    Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.get_all_system_values();
+    std::vector<ArchiveRecord> hourly;
+    try {
+        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 20 * 3600, kStart, hourly);
+    } catch (const CDisconnectException&) {
+        // a dropped end byte can cost the transfer; what was read stays
+    }
+    EXPECT_GE(rig.log.count("SKIP THIS RECORD !!!"), 1);
+    for (size_t i = 1; i < hourly.size(); ++i)
+        EXPECT_GT(hourly[i].timestamp, hourly[i - 1].timestamp);
+}
+
+TEST(EK2xx, WrongSerialThrowsAndTc220HasItsOwnTable) {
+    {
+        Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK260, "99999999");
+        ASSERT_TRUE(rig.driver.init());
+        EXPECT_THROW(rig.driver.get_all_system_values(), CWrongPacketException);
+        EXPECT_EQ(rig.log.count("READ SERIAL '12345678' != GIVEN SERIAL '99999999'"), 1);
+    }
+    SMeterSimConfig cfg;
+    cfg.model = "TC220";
+    cfg.pressureUnit = "kPa";
+    Rig rig(cfg, CmtdEK2xxTC2xx::TC220);
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.get_all_system_values();
+    auto cur = rig.driver.get_all_curtime_cur_integ_values();
+    EXPECT_EQ(names(cur), (std::vector<std::string>{"DateTime", "Vstd", "Vw", "Vstd.crash", "Vw.crash", "T", "P",
+                                                    "Kcorr", "Kcomp", "PassT", "PassP", "PassCO2", "PassH2", "PassN2",
+                                                    "PassS"}));
+    EXPECT_NEAR(std::stod(byName(cur)["P"].value), 170.0 * 0.0101972, 1e-3);
+    std::vector<ArchiveRecord> hourly, daily;
+    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 3 * 3600, kStart, hourly);
+    ASSERT_EQ(hourly.size(), 3u);
+    EXPECT_EQ(hourly[0].fields.size(), 11u);
+    rig.driver.get_arch_values(ARCH_DAILY, kStart - 3 * 86400, kStart, daily);
+    EXPECT_TRUE(daily.empty());  // a TC2xx archives hourly or daily, this one hourly
+}
+
+TEST(EK2xx, GasPassportWrittenBehindTheSupplierLock) {
+    Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK270);
+    std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8", "PassP": "1.0332"})";
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.get_all_system_values();
+    rig.driver.writeGasPasport();
+    EXPECT_EQ(rig.sim.registerValue("11:314.0"), "0.8");
+    EXPECT_NEAR(std::stod(rig.sim.registerValue("7:314_1.0")), 1.0332 / 1.0197162, 1e-4);  // bar
+    EXPECT_EQ(rig.log.count("CAN'T WRITE"), 0);
+    EXPECT_EQ(rig.sim.registerValue("3:170.0"), "1");
+}
+
+}  // namespace
