@@ -40,6 +40,8 @@ CSignalWatcher::CSignalWatcher() {
     int fds[2];
     if (m_signalFd.get() < 0 || pipe2(fds, O_CLOEXEC) != 0) {
         MTD_LOG(Crit, "CSignalWatcher - can't watch the stop signals: %s", std::strerror(errno));
+        // Leave them to their default action rather than make the daemon unstoppable.
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
         return;
     }
     m_quitRead = Fd(fds[0]);

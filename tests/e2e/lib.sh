@@ -35,7 +35,8 @@ e2e_enter_ns() {
 start_bg() {
     local out=$1
     shift
-    "$@" >"$out" 2>&1 &
+    : >"$out"  # now, not in the background job: a waiter must not see old lines
+    "$@" >>"$out" 2>&1 &
     BG_PID=$!
     STARTED_PIDS+=("$BG_PID")
 }
