@@ -176,16 +176,3 @@ CControlFiles::PassportResult CControlFiles::readPassport(const std::string& met
     values = std::move(parsed);
     return PASSPORT_OK;
 }
-
-bool CControlFiles::RemovePasportFile(const std::string& meterId) const {
-    if (!isSafeMeterId(meterId))
-        return false;
-    char path[256];
-    std::snprintf(path, sizeof path, "%sgmd_set_value_%s", m_dir.c_str(), meterId.c_str());
-    if (::unlink(path) == 0) {
-        MTD_LOG(Debug, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful [%s]", path);
-        return true;
-    }
-    MTD_LOG(Err, "CMtdGasBaseDriver::RemovePasportFile passport file not delete [%s]", path);
-    return false;
-}

@@ -34,9 +34,6 @@ public:
     // A file that is not regular, larger than 64 KiB or not such an object is
     // logged and removed (PASSPORT_REFUSED); nothing is half-applied.
     PassportResult readPassport(const std::string& meterId, std::map<std::string, std::string>& values) const;
-    // Deletes the passport file once its values were handled; logs the outcome
-    // (the lines of CMtdGasBaseDriver::RemovePasportFile). True when it was deleted.
-    bool RemovePasportFile(const std::string& meterId) const;
 
     // Largest passport file accepted.
     static constexpr long kMaxPassportBytes = 64 * 1024;

@@ -153,10 +153,6 @@ TEST(ControlFiles, PassportFiles) {
     std::map<std::string, std::string> values;
     ASSERT_EQ(CControlFiles::PASSPORT_OK, cf.readPassport("42", values));
     EXPECT_EQ("1.0332", values["PassP"]);
-    EXPECT_TRUE(cf.RemovePasportFile("42"));
-    EXPECT_FALSE(cf.RemovePasportFile("42"));
-    EXPECT_EQ(1, log.count(logger::DEBUG, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful ["));
-    EXPECT_EQ(1, log.count(logger::ERR, "CMtdGasBaseDriver::RemovePasportFile passport file not delete ["));
 }
 
 }  // namespace
