@@ -47,7 +47,8 @@ public:
 
 private:
     // The JSON-RPC 2.0 envelope of the next request (takes the next id), one line ending in "\n".
-    std::string BuildRequest(const std::string& method, const Json::Value& params);
+    // `params` is taken by value so a caller that is done with it can move it in.
+    std::string BuildRequest(const std::string& method, Json::Value params);
     bool cancelled() const { return m_cancel != nullptr && m_cancel->load(); }
 
     std::string m_meterId;

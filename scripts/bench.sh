@@ -1,0 +1,257 @@
+#!/usr/bin/env bash
+# Whole-daemon figures of mtd_main against the host-service and meter simulators:
+# line efficiency of a first archive read, idle cost between cycles, memory beside
+# the libraries' floor and its growth, CPU per current-value cycle.
+#
+#   scripts/bench.sh [--quick] [--no-build] [BUILD_DIR]
+#
+# BUILD_DIR defaults to build-bench (configure it with -DMTD_BUILD_BENCH=ON
+# -DCMAKE_BUILD_TYPE=Release). Everything runs inside `unshare -rmn`: own loopback,
+# tmpfs over /tmp and /mnt/storage, so the real ports and folders are private.
+# Prints a table and writes BUILD_DIR/bench-results.json. docs/performance.md
+# explains each figure. --quick shortens the idle windows and skips the slow
+# (timed 9600 Bd) first run.
+set -uo pipefail
+
+HERE=$(cd "$(dirname "$0")" && pwd)
+SRC=$(cd "$HERE/.." && pwd)
+QUICK=0
+BUILD=1
+BUILD_ARG=
+for arg in "$@"; do
+    case $arg in
+    --quick) QUICK=1 ;;
+    --no-build) BUILD=0 ;;
+    -h | --help)
+        sed -n '2,13p' "$0"
+        exit 0
+        ;;
+    *) BUILD_ARG=$arg ;;
+    esac
+done
+BUILD_DIR=$(cd "${BUILD_ARG:-$SRC/build-bench}" 2>/dev/null && pwd) || {
+    echo "bench.sh: no build directory ${BUILD_ARG:-$SRC/build-bench}" >&2
+    exit 2
+}
+export BUILD_DIR QUICK
+
+if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
+    if ((BUILD)); then
+        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_bench_floor >/dev/null || exit 2
+    fi
+    MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
+fi
+
+. "$SRC/tests/e2e/lib.sh"
+e2e_enter_ns
+trap stop_started EXIT
+METERSIM="$BUILD_DIR/mtd_metersim"
+FLOOR="$BUILD_DIR/bench/mtd_bench_floor"
+if ((QUICK)); then IDLE_SECS=15; else IDLE_SECS=60; fi
+HZ=$(getconf CLK_TCK)
+
+# ---------------------------------------------------------------- /proc sampling
+
+# CPU nanoseconds run by all live threads of PID (schedstat: on-CPU time).
+cpu_ns() {
+    cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{s += $1} END {printf "%d\n", s}'
+}
+
+# Voluntary plus involuntary context switches of all threads of PID.
+ctxsw() {
+    cat /proc/"$1"/task/*/status 2>/dev/null |
+        awk '/^(voluntary|nonvoluntary)_ctxt_switches:/ {s += $2} END {printf "%d\n", s}'
+}
+
+# Per-thread "tid:switches" list, to see which thread wakes.
+ctxsw_threads() {
+    local t
+    for t in /proc/"$1"/task/*; do
+        awk -v tid="${t##*/}" '/^(voluntary|nonvoluntary)_ctxt_switches:/ {s += $2} END {printf "%s:%d ", tid, s}' \
+            "$t/status" 2>/dev/null
+    done
+}
+
+# User plus system CPU seconds of the whole process, threads that ended included.
+cpu_total_s() {
+    awk -v hz="$HZ" '{sub(/^.*\) /, ""); printf "%.2f\n", ($12 + $13) / hz}' /proc/"$1"/stat
+}
+
+kib() { awk -v k="$2" '$1 == k":" {print $2}' "$1"; }
+private_dirty_kib() { kib /proc/"$1"/smaps_rollup Private_Dirty; }
+vmhwm_kib() { kib /proc/"$1"/status VmHWM; }
+vmrss_kib() { kib /proc/"$1"/status VmRSS; }
+threads_of() { ls /proc/"$1"/task | wc -l; }
+
+# ---------------------------------------------------------------- results
+
+declare -A R=()
+ORDER=()
+# put SECTION KEY VALUE (numbers as they are, anything else quoted)
+put() {
+    local k="$1.$2"
+    [[ -v R[$k] ]] || ORDER+=("$k")
+    R[$k]=$3
+}
+
+json_value() {
+    if [[ $1 =~ ^-?[0-9]+(\.[0-9]+)?$ ]]; then printf '%s' "$1"; else printf '"%s"' "${1//\"/\\\"}"; fi
+}
+
+write_json() {
+    local out=$1 section="" k s key first=1
+    {
+        printf '{'
+        for k in "${ORDER[@]}"; do
+            s=${k%%.*}
+            key=${k#*.}
+            if [ "$s" != "$section" ]; then
+                [ -n "$section" ] && printf '}'
+                ((first)) || printf ','
+                first=0
+                printf '\n  "%s": {' "$s"
+                section=$s
+                sep=""
+            fi
+            printf '%s"%s": ' "$sep" "$key"
+            json_value "${R[$k]}"
+            sep=", "
+        done
+        [ -n "$section" ] && printf '}'
+        printf '\n}\n'
+    } >"$out"
+}
+
+print_table() {
+    local k
+    printf '%-44s %s\n' "figure" "value"
+    printf '%-44s %s\n' "------" "-----"
+    for k in "${ORDER[@]}"; do
+        printf '%-44s %s\n' "$k" "${R[$k]}"
+    done
+}
+
+calc() { awk "BEGIN {printf \"%.${2:-3}f\n\", $1}"; }
+
+# ---------------------------------------------------------------- machine
+
+put machine cpu "$(lscpu | sed -n 's/^Model name: *//p' | head -1)"
+put machine cores "$(nproc)"
+put machine kernel "$(uname -r)"
+put machine idle_window_s "$IDLE_SECS"
+
+# ---------------------------------------------------------------- floor
+
+start_bg "$WORK/floor.out" "$FLOOR"
+floor_pid=$BG_PID
+if wait_for "$WORK/floor.out" '^ready' 5; then
+    put floor private_dirty_kib "$(private_dirty_kib "$floor_pid")"
+    put floor vmhwm_kib "$(vmhwm_kib "$floor_pid")"
+    put floor vmrss_kib "$(vmrss_kib "$floor_pid")"
+else
+    echo "bench.sh: the floor program did not start" >&2
+fi
+stop_pid "$floor_pid"
+FLOOR_HWM=${R[floor.vmhwm_kib]:-0}
+
+# ---------------------------------------------------------------- daemon runs
+
+# write_bench_config FILE MODEL PORT DATA_RATE ID...
+write_bench_config() {
+    local file=$1 model=$2 port=$3 rate=$4
+    shift 4
+    local sep="" id
+    {
+        printf '{"meters": {'
+        for id in "$@"; do
+            printf '%s"%s": {"port_params": {"manufacturer": "%s", "name": "%s", "speed": "9600", "timeout": "1000", ' \
+                "$sep" "$id" "$model" "$port"
+            printf '"data_rate": "%s", "serial": "12345678", "password": "00000000", "password1": "00000000", ' "$rate"
+            printf '"password2": "11111111", "rate_hour": "6"}, "systems": ["1"]}'
+            sep=", "
+        done
+        printf '}}\n'
+    } >"$file"
+}
+
+# start_daemon NAME LEVEL ID... : hostsim must run; sets PID and LOG
+start_daemon() {
+    local name=$1 level=$2
+    shift 2
+    local args=() id
+    for id in "$@"; do args+=(-i "$id"); done
+    LOG="$WORK/$name.log"
+    start_bg "$LOG" "$MTD_MAIN" -e -v "$level" "${args[@]}"
+    PID=$BG_PID
+}
+
+# idle_window SECTION PID METERS: CPU and wake-ups over IDLE_SECS while nothing is due
+idle_window() {
+    local section=$1 pid=$2 meters=$3
+    local c0 w0 c1 w1 t0 t1
+    local th0 th1
+    th0=$(ctxsw_threads "$pid")
+    c0=$(cpu_ns "$pid")
+    w0=$(ctxsw "$pid")
+    t0=$(date +%s.%N)
+    sleep "$IDLE_SECS"
+    c1=$(cpu_ns "$pid")
+    w1=$(ctxsw "$pid")
+    t1=$(date +%s.%N)
+    th1=$(ctxsw_threads "$pid")
+    local secs wakes cpu
+    secs=$(calc "$t1 - $t0" 2)
+    wakes=$((w1 - w0))
+    cpu=$(calc "($c1 - $c0) / 1e9" 4)
+    put "$section" meters "$meters"
+    put "$section" threads "$(threads_of "$pid")"
+    put "$section" cpu_s_per_min "$(calc "$cpu * 60 / $secs" 4)"
+    put "$section" core_percent "$(calc "$cpu * 100 / $secs" 4)"
+    put "$section" wakeups_per_min "$(calc "$wakes * 60 / $secs" 1)"
+    put "$section" wakeups_per_s_per_meter "$(calc "$wakes / $secs / $meters" 3)"
+    # the main loop's 5 s steps: 0.2/s, shared by all meters
+    put "$section" beyond_main_loop_per_s_per_meter "$(calc "($wakes / $secs - 0.2) / $meters" 3)"
+    put "$section" per_thread_switches "$(awk -v a="$th0" -v b="$th1" 'BEGIN {
+        n = split(a, x, " "); for (i = 1; i <= n; i++) { split(x[i], p, ":"); s[p[1]] = p[2] }
+        n = split(b, y, " "); for (i = 1; i <= n; i++) { split(y[i], p, ":"); out = out sep p[1] "=" (p[2] - s[p[1]]); sep = " " }
+        print out }')"
+}
+
+# memory SECTION PID
+memory() {
+    put "$1" private_dirty_kib "$(private_dirty_kib "$2")"
+    put "$1" vmhwm_kib "$(vmhwm_kib "$2")"
+    put "$1" vmhwm_over_floor_kib "$(($(vmhwm_kib "$2") - FLOOR_HWM))"
+}
+
+# ---- idle cost and memory with the empty driver (no meter traffic)
+for n in 1 4; do
+    ids=()
+    for ((i = 1; i <= n; i++)); do ids+=($((100 + i))); done
+    write_bench_config "$WORK/empty$n.json" "no-such-model" /dev/ptmx 300 "${ids[@]}"
+    start_hostsim "$WORK/empty$n.json" "$WORK/empty$n.rec" || exit 1
+    start_daemon "empty$n" 6 "${ids[@]}"
+    if wait_count "$WORK/empty$n.rec" put_all_current_values "$n" $((8 + 6 * n)); then
+        sleep 1  # let the last cycle's turn go back
+        idle_window "idle_empty_$n" "$PID" "$n"
+        memory "idle_empty_$n" "$PID"
+    else
+        echo "bench.sh: empty driver, $n meters: no publication" >&2
+    fi
+    stop_pid "$PID"
+    stop_pid "$HOSTSIM_PID"
+done
+
+# ---------------------------------------------------------------- EK270 runs
+ek_runs() { :; }
+# (need the EK driver in the factory; skipped without it)
+if ! strings "$MTD_MAIN" | grep -q CmtdEK2xxTC2xx; then
+    echo "bench.sh: mtd_main has no EK driver; EK figures skipped" >&2
+    put ek skipped "no EK driver in this build"
+else
+    ek_runs
+fi
+
+write_json "$BUILD_DIR/bench-results.json"
+print_table
+echo "written: $BUILD_DIR/bench-results.json"
