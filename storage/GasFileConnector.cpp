@@ -513,11 +513,10 @@ bool GasFileConnector::moveIntoReporterFolder(int sys, const std::string& folder
         else
             MTD_LOG(Crit, "CJSONRPCConnector::ReleaseArchives() data is read, but it is impossible to rewrite it in "
                           "the release folder, the reporter blocked the folder!");
-        bool goOn = m_waiter ? m_waiter(m_lockWaitSeconds) : true;
         if (!m_waiter)
             std::this_thread::sleep_for(std::chrono::seconds(m_lockWaitSeconds));
-        if (!goOn)
-            return false;
+        else if (!m_waiter(m_lockWaitSeconds))
+            return false;  // stopping: nothing moved, no lock taken
     }
 
     DriverLockGuard guard(m_control, lock);
