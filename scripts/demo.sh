@@ -1,7 +1,78 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and shows the daemon at work against simulators.
+# The daemon at work: installs what is missing, builds, then inside a private
+# namespace (own loopback, tmpfs over /tmp and /mnt/storage) runs mtd_hostsim
+# and an EK270 simulated by mtd_metersim (three days of archives, line timing
+# at 9600 Bd), lets mtd_main -e do one full cycle, stops it with SIGINT and
+# shows what was read.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh
-dir=$(scripts/build.sh | tail -n 1)
-"$dir/mtd_main" -h
+
+if [ "${MTD_DEMO_INSIDE:-}" != 1 ]; then
+    scripts/deps.sh
+    dir=$(scripts/build.sh | tail -n 1)
+    exec unshare -rmn env MTD_DEMO_INSIDE=1 BUILD_DIR="$dir" "$0" "$@"
+fi
+
+# shellcheck source=../tests/e2e/lib.sh
+source tests/e2e/lib.sh
+e2e_enter_ns
+trap stop_started EXIT
+
+ID=1001
+start_bg "$WORK/metersim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/ek270" --model EK270 \
+    --serial 12345678 --archive-days 3 --baud 9600 --max-speed 5
+wait_for "$WORK/metersim.out" '^ready' 5 || { echo "metersim did not start"; cat "$WORK/metersim.out"; exit 1; }
+
+cat >"$WORK/host.json" <<JSON
+{"meters": {"$ID": {"port_params": {"manufacturer": "ek270", "name": "$WORK/ek270", "speed": "9600",
+  "data": "7", "parity": "E", "stop": "1", "timeout": "1000", "serial": "12345678",
+  "password1": "00000000", "password2": "11111111", "data_rate": "600"}, "systems": ["1"]}}}
+JSON
+start_hostsim "$WORK/host.json" "$WORK/host.record"
+
+echo "demo: mtd_main -e -i $ID against an EK270 on $(readlink "$WORK/ek270") (9600 Bd, line timing on)"
+start_bg "$WORK/mtd_main.log" "$MTD_MAIN" -e -v 7 -i "$ID"
+MAIN_PID=$BG_PID
+if ! wait_for "$WORK/mtd_main.log" 'CmtdEK2xxTC2xx::cycle_end\(\) - session closed' 100; then
+    echo "demo: the cycle did not finish in time; last log lines:"
+    tail -n 20 "$WORK/mtd_main.log"
+    exit 1
+fi
+kill -INT "$MAIN_PID"
+wait_exit "$MAIN_PID" 10 || true
+
+echo
+echo "== system values read =="
+grep -E "receive\('Read (Serial Number|Meter Model|Rate Hour|Firmware|Archive Period|K Calculation Mode)'\): Recv: <STX>" \
+    "$WORK/mtd_main.log" | sed -E "s/.*receive\('(.*)'\): Recv: <STX>(.*)<ETX>.*/  \1: \2/" || true
+grep -E 'archiving period is|parseIdent' "$WORK/mtd_main.log" | sed -E 's/.*\] //' | sed 's/^/  /' || true
+
+echo
+echo "== current values as the host service received them =="
+python3 - "$WORK/host.record" <<'PY'
+import json, sys
+for line in open(sys.argv[1]):
+    try:
+        req = json.loads(line)
+    except ValueError:
+        continue
+    if req.get("method") != "put_all_current_values":
+        continue
+    params = req.get("params")
+    values = params.get("values", params) if isinstance(params, dict) else params
+    for v in values if isinstance(values, list) else []:
+        name = v.get("value_name", v.get("name", "?"))
+        print("  %-11s %-20s %-15s quality %s  time %s  sys %s" % (name, v.get("value"), v.get("dim", ""),
+              v.get("opc_quality", v.get("quality")), v.get("timestamp"), v.get("sys")))
+PY
+
+echo
+echo "== archive records stored =="
+find /mnt/storage -type f -name '*.jsonl' | sort | while read -r f; do
+    printf '  %5d records  %s\n' "$(wc -l <"$f")" "$f"
+done
+for kind in Hourly Daily Journal_Event; do
+    n=$(find /mnt/storage -type f -name "${kind}_*.jsonl" -exec cat {} + 2>/dev/null | wc -l)
+    echo "  $kind: $n records"
+done
+echo "demo: done"

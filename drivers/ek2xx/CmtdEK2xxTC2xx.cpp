@@ -321,6 +321,7 @@ void CmtdEK2xxTC2xx::session_close() {
 
 void CmtdEK2xxTC2xx::cycle_end() {
     session_close();
+    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::cycle_end() - session closed", logId(), driverName());
 }
 
 bool CmtdEK2xxTC2xx::openConsumerAccess() {
