@@ -289,6 +289,26 @@ TEST(CJSONRPCConnector, CancelFlagEndsRetryLoop)
               log.count("Error while sending data! retry!!!") + 1);
 }
 
+// A host service that takes the connection but never answers must not hold
+// the shutdown: the raised flag aborts the transfer in flight.
+TEST(CJSONRPCConnector, CancelFlagAbortsHangingExchange)
+{
+    LogWatch log;
+    RefusingPort silent(true);
+    CJSONRPCConnector link("42", silent.url(), silent.url());
+    std::atomic<bool> cancel{false};
+    link.setCancelFlag(&cancel);
+    bool ok = true;
+    std::thread caller([&] {
+        Json::Value reply;
+        ok = link.ExecJSONRPCFunc("get_config2", Json::Value(), reply);
+    });
+    ASSERT_TRUE(log.waitFor("CJSONRPCConnector::ExecJSONRPCFunc query is ", 1));
+    cancel = true;
+    caller.join();
+    EXPECT_FALSE(ok);
+}
+
 TEST(CJSONRPCConnector, WrongRelayNumberSendsNothing)
 {
     Running r;

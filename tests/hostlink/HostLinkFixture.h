@@ -72,10 +72,11 @@ private:
 };
 
 // A loopback port bound but not listening: connections to it are refused
-// until release(), after which a server may take the port.
+// until release(), after which a server may take the port. With `silent` it
+// listens but never accepts: connections succeed and no answer ever comes.
 class RefusingPort {
 public:
-    RefusingPort()
+    explicit RefusingPort(bool silent = false)
     {
         m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in addr{};
@@ -85,6 +86,8 @@ public:
         if (m_fd >= 0 && ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
             ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
             m_port = ntohs(addr.sin_port);
+        if (silent && m_fd >= 0)
+            ::listen(m_fd, 4);
     }
     ~RefusingPort() { release(); }
     RefusingPort(const RefusingPort&) = delete;
