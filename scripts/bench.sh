@@ -185,36 +185,41 @@ start_daemon() {
     PID=$BG_PID
 }
 
-# idle_window SECTION PID METERS: CPU and wake-ups over IDLE_SECS while nothing is due
+# idle_window SECTION PID METERS [SECTION PID METERS ...]: CPU and wake-ups of each
+# daemon over one window of IDLE_SECS while nothing is due
 idle_window() {
-    local section=$1 pid=$2 meters=$3
-    local c0 w0 c1 w1 t0 t1
-    local th0 th1
-    th0=$(ctxsw_threads "$pid")
-    c0=$(cpu_ns "$pid")
-    w0=$(ctxsw "$pid")
+    local args=("$@") i section pid meters
+    local -A c0=() w0=() th0=()
+    for ((i = 0; i < ${#args[@]}; i += 3)); do
+        pid=${args[i + 1]}
+        th0[$pid]=$(ctxsw_threads "$pid")
+        c0[$pid]=$(cpu_ns "$pid")
+        w0[$pid]=$(ctxsw "$pid")
+    done
+    local t0 t1
     t0=$(date +%s.%N)
     sleep "$IDLE_SECS"
-    c1=$(cpu_ns "$pid")
-    w1=$(ctxsw "$pid")
     t1=$(date +%s.%N)
-    th1=$(ctxsw_threads "$pid")
-    local secs wakes cpu
+    local secs wakes cpu th1
     secs=$(calc "$t1 - $t0" 2)
-    wakes=$((w1 - w0))
-    cpu=$(calc "($c1 - $c0) / 1e9" 4)
-    put "$section" meters "$meters"
-    put "$section" threads "$(threads_of "$pid")"
-    put "$section" cpu_s_per_min "$(calc "$cpu * 60 / $secs" 4)"
-    put "$section" core_percent "$(calc "$cpu * 100 / $secs" 4)"
-    put "$section" wakeups_per_min "$(calc "$wakes * 60 / $secs" 1)"
-    put "$section" wakeups_per_s_per_meter "$(calc "$wakes / $secs / $meters" 3)"
-    # the main loop's 5 s steps: 0.2/s, shared by all meters
-    put "$section" beyond_main_loop_per_s_per_meter "$(calc "($wakes / $secs - 0.2) / $meters" 3)"
-    put "$section" per_thread_switches "$(awk -v a="$th0" -v b="$th1" 'BEGIN {
-        n = split(a, x, " "); for (i = 1; i <= n; i++) { split(x[i], p, ":"); s[p[1]] = p[2] }
-        n = split(b, y, " "); for (i = 1; i <= n; i++) { split(y[i], p, ":"); out = out sep p[1] "=" (p[2] - s[p[1]]); sep = " " }
-        print out }')"
+    for ((i = 0; i < ${#args[@]}; i += 3)); do
+        section=${args[i]} pid=${args[i + 1]} meters=${args[i + 2]}
+        cpu=$(calc "($(cpu_ns "$pid") - ${c0[$pid]}) / 1e9" 4)
+        wakes=$(($(ctxsw "$pid") - ${w0[$pid]}))
+        th1=$(ctxsw_threads "$pid")
+        put "$section" meters "$meters"
+        put "$section" threads "$(threads_of "$pid")"
+        put "$section" cpu_s_per_min "$(calc "$cpu * 60 / $secs" 4)"
+        put "$section" core_percent "$(calc "$cpu * 100 / $secs" 4)"
+        put "$section" wakeups_per_min "$(calc "$wakes * 60 / $secs" 1)"
+        put "$section" wakeups_per_s_per_meter "$(calc "$wakes / $secs / $meters" 3)"
+        # the main loop's 5 s steps: 0.2/s, shared by all meters
+        put "$section" beyond_main_loop_per_s_per_meter "$(calc "($wakes / $secs - 0.2) / $meters" 3)"
+        put "$section" per_thread_switches "$(awk -v a="${th0[$pid]}" -v b="$th1" 'BEGIN {
+            n = split(a, x, " "); for (i = 1; i <= n; i++) { split(x[i], p, ":"); s[p[1]] = p[2] }
+            n = split(b, y, " "); for (i = 1; i <= n; i++) { split(y[i], p, ":"); out = out sep p[1] "=" (p[2] - s[p[1]]); sep = " " }
+            print out }')"
+    done
 }
 
 # memory SECTION PID
@@ -243,9 +248,90 @@ for n in 1 4; do
 done
 
 # ---------------------------------------------------------------- EK270 runs
-ek_runs() { :; }
+# log_seconds LINE: the logger's "HH:MM:SS.mmm.uuu" prefix as seconds of the day
+log_seconds() { awk '{split($1, t, "[:.]"); printf "%.6f\n", t[1] * 3600 + t[2] * 60 + t[3] + t[4] / 1e3 + t[5] / 1e6}' <<<"$1"; }
+
+# io_bytes PID: bytes the simulator read and wrote (rchar + wchar): its line traffic
+io_bytes() { awk '$1 == "rchar:" || $1 == "wchar:" {s += $2} END {print s}' /proc/"$1"/io; }
+
+# start_metersim NAME ARGS...: sets MS_PID and MS_LINK
+start_metersim() {
+    local name=$1
+    shift
+    MS_LINK="$WORK/$name.tty"
+    start_bg "$WORK/$name.ms" "$METERSIM" --link "$MS_LINK" --model EK270 --max-speed 5 "$@"
+    MS_PID=$BG_PID
+    wait_for "$WORK/$name.ms" '^ready' 5 || { echo "bench.sh: metersim $name did not start" >&2; return 1; }
+}
+
+# sessions_closed LOG: finished meter sessions (the break at the end of a cycle)
+sessions_closed() { count_in "$1" "receive\('Close Session'\)"; }
+
+ek_runs() {
+    local days n
+    # ---- growth with the number of meters and the archive length: all runs side by
+    # side (no timing on the line), memory read once every meter has finished its first cycle
+    declare -A GPID=() GLOG=() GMETERS=()
+    local ids_list="1 4 16" days_list="15 62"
+    ((QUICK)) && ids_list="1 4" && days_list="15"
+    local cfg="$WORK/growth.json" base=200 entries=()
+    : >"$WORK/growth.ids"
+    for n in $ids_list; do
+        start_metersim "ids$n" --no-timing --archive-days 1 || return
+        for ((i = 0; i < n; i++)); do echo "$((base + i)) $MS_LINK" >>"$WORK/growth.ids"; done
+        GMETERS[ids$n]="$base $n"
+        base=$((base + 100))
+    done
+    for days in $days_list; do
+        start_metersim "days$days" --no-timing --archive-days $((days + 2)) || return
+        echo "$base $MS_LINK" >>"$WORK/growth.ids"
+        GMETERS[days$days]="$base 1"
+        base=$((base + 100))
+    done
+    {
+        printf '{"meters": {'
+        local sep="" id link
+        while read -r id link; do
+            printf '%s"%s": {"port_params": {"manufacturer": "ek270", "name": "%s", "speed": "9600", "timeout": "1000", ' \
+                "$sep" "$id" "$link"
+            printf '"serial": "12345678", "password1": "00000000", "password2": "11111111", "rate_hour": "6"}, '
+            printf '"systems": ["1"]}'
+            sep=", "
+        done <"$WORK/growth.ids"
+        printf '}}\n'
+    } >"$cfg"
+    start_hostsim "$cfg" "$WORK/growth.rec" || return
+    local run first count ids
+    for run in "${!GMETERS[@]}"; do
+        read -r first count <<<"${GMETERS[$run]}"
+        ids=()
+        for ((i = 0; i < count; i++)); do ids+=($((first + i))); done
+        start_daemon "$run" 7 "${ids[@]}"
+        GPID[$run]=$PID
+        GLOG[$run]=$LOG
+    done
+    for run in "${!GMETERS[@]}"; do
+        read -r first count <<<"${GMETERS[$run]}"
+        if ! wait_count "${GLOG[$run]}" "receive\('Close Session'\)" "$count" 400; then
+            echo "bench.sh: $run: first cycles did not finish" >&2
+        fi
+    done
+    sleep 1
+    for n in $ids_list; do
+        memory "ek_ids_$n" "${GPID[ids$n]}"
+    done
+    put ek_days_1 note "same run as ek_ids_1 (1 meter, 1 day)"
+    for days in $days_list; do
+        memory "ek_days_$days" "${GPID[days$days]}"
+        put "ek_days_$days" records_stored "$(cat /mnt/storage/$(echo "${GMETERS[days$days]}" | cut -d' ' -f1)/1/*/*.jsonl 2>/dev/null | wc -l)"
+    done
+    # idle: every daemon now waits for its next cycle (data_rate 300 s)
+    idle_window ek_idle_1 "${GPID[ids1]}" 1 ek_idle_4 "${GPID[ids4]}" 4
+    for run in "${!GPID[@]}"; do stop_pid "${GPID[$run]}"; done
+    stop_pid "$HOSTSIM_PID"
+}
 # (need the EK driver in the factory; skipped without it)
-if ! strings "$MTD_MAIN" | grep -q CmtdEK2xxTC2xx; then
+if ! grep -q CmtdEK2xxTC2xx "$MTD_MAIN"; then
     echo "bench.sh: mtd_main has no EK driver; EK figures skipped" >&2
     put ek skipped "no EK driver in this build"
 else
