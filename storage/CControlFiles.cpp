@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "shell/logger.h"
-#include "storage/CUniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "shell/logger.h"
-#include "storage/CUniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 namespace {
 

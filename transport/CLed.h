@@ -17,7 +17,7 @@
 #include <string>
 
 #include "framework/myThreadAttached.h"
-#include "transport/UniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 class CLed : public myThreadAttached {
 public:
@@ -41,6 +41,6 @@ private:
 
     const std::string m_path;
     const uint32_t m_onTimeUs;
-    UniqueFd m_fd;
+    CUniqueFd m_fd;
     std::atomic<uint8_t> m_request{0};
 };

@@ -13,7 +13,7 @@
 
 #include "transport/CLed.h"
 #include "transport/CTransport.h"
-#include "transport/UniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 class CRSConnector : public CTransport {
 public:
@@ -46,7 +46,7 @@ private:
 
     PortParams m_params;
     std::string m_path;
-    UniqueFd m_fd;
+    CUniqueFd m_fd;
     uint32_t m_timeoutMs;
     int m_lengthByteMode = 0;
     CLed m_ledTransmit;

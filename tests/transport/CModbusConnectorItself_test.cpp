@@ -200,8 +200,8 @@ std::string stdoutOfRequestAtLevel(int level) {
     LogCapture log(level);
     CModbusConnectorItself c({{"name", pty.slavePath}, {"timeout", "100"}}, ledsIn(dir));
     std::fflush(stdout);
-    UniqueFd saved(dup(STDOUT_FILENO));
-    UniqueFd capture(::open(dir.file("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    CUniqueFd saved(dup(STDOUT_FILENO));
+    CUniqueFd capture(::open(dir.file("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     dup2(capture.get(), STDOUT_FILENO);
     if (c.open_device()) {
         uint16_t got[1];

@@ -22,7 +22,7 @@
 
 #include "shell/logger.h"
 #include "transport/CTransport.h"
-#include "transport/UniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 namespace mtdtest {
 
@@ -46,8 +46,8 @@ inline std::string readFile(const std::string& path) {
 // openpty with both ends close-on-exec; the test keeps its slave fd open so the
 // master never sees a hang-up while the connector closes and reopens.
 struct PtyPair {
-    UniqueFd master;
-    UniqueFd slave;
+    CUniqueFd master;
+    CUniqueFd slave;
     std::string slavePath;
     PtyPair() {
         int m = -1, s = -1;
@@ -163,7 +163,7 @@ private:
         return ::read(m_fd.get(), buf, sizeof buf) > 0;
     }
     std::string m_path;
-    UniqueFd m_fd;
+    CUniqueFd m_fd;
 };
 
 inline LedPaths ledsIn(const TempDir& dir) {

@@ -158,13 +158,13 @@ bool CMeterSim::open(const std::string& link) {
 }
 
 bool CMeterSim::openPty() {
-    UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    CUniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (master.get() < 0 || ::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0)
         return false;
     char name[128];
     if (::ptsname_r(master.get(), name, sizeof name) != 0)
         return false;
-    UniqueFd slave(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    CUniqueFd slave(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (slave.get() < 0)
         return false;
     struct termios tio {};

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "tools/metersim/SMeterSimConfig.h"
-#include "transport/UniqueFd.h"
+#include "shell/CUniqueFd.h"
 
 class CMeterSim {
 public:
@@ -80,9 +80,9 @@ private:
     SMeterSimConfig m_cfg;
     Reporter m_reporter;
     std::string m_link;
-    UniqueFd m_master;
-    UniqueFd m_slaveKeep;
-    UniqueFd m_stopFd;
+    CUniqueFd m_master;
+    CUniqueFd m_slaveKeep;
+    CUniqueFd m_stopFd;
     std::string m_slavePath;
     mutable std::mutex m_mutex;  // guards m_slavePath and m_written against test readers
     std::thread m_thread;

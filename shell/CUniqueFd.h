@@ -1,5 +1,8 @@
 #pragma once
-// Owner of one file descriptor: closes it when it goes out of scope. Move-only.
+// Move-only owner of one file descriptor: closes it when replaced or destroyed.
+// Shared by every layer that opens descriptors (ports, LEDs, archive files).
+
+#include <unistd.h>
 
 #include <utility>
 
@@ -20,9 +23,17 @@ public:
     int get() const { return m_fd; }
     bool valid() const { return m_fd >= 0; }
     // Closes the held descriptor (if any) and takes `fd`.
-    void reset(int fd = -1);
+    void reset(int fd = -1) {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = fd;
+    }
     // Closes now and reports the result: a failed close after writing may mean lost data.
-    bool close();
+    bool close() {
+        if (m_fd < 0)
+            return true;
+        return ::close(std::exchange(m_fd, -1)) == 0;
+    }
 
 private:
     int m_fd = -1;
