@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/Exceptions.h"
 #include "hostlink/CJSONRPCConnector.h"
 #include "shell/logger.h"
+#include "storage/CControlFiles.h"
 #include "storage/GasFileConnector.h"
 #include "transport/CConnector.h"
 
@@ -32,6 +34,23 @@ struct TimeText {
         text[std::strcspn(text, "\n")] = '\0';
     }
 };
+
+// A paused driver looks at its pause file again at the main loop's next step,
+// or after this long if no step comes.
+constexpr auto kPauseRecheck = std::chrono::seconds(5);
+
+// The kind of exception that ended a cycle, for the status file.
+const char* exceptionKind(const std::exception& e) {
+    if (dynamic_cast<const CDisconnectException*>(&e))
+        return "CDisconnectException";
+    if (dynamic_cast<const CNoDateTimeException*>(&e))
+        return "CNoDateTimeException";
+    if (dynamic_cast<const CWrongPacketException*>(&e))
+        return "CWrongPacketException";
+    if (dynamic_cast<const SerialErrorException*>(&e))
+        return "SerialErrorException";
+    return "std::exception";
+}
 
 // A whole decimal number; false for anything else.
 bool parseDecimal(const std::string& text, long& value) {
@@ -143,13 +162,24 @@ void CMtdBaseDriver::functionThread() {
     // A folder held by the reporter is looked at again after a pause; a stop
     // ends the pause instead of waiting it out.
     m_store->setLockWaiter([this](unsigned seconds) { return sleepFor(std::chrono::seconds(seconds)); });
+    m_status = std::make_unique<CMtdStatus>(m_paths.controlDir, m_config.meter_id);
+    m_status->model = m_config.get("manufacturer");
+    m_status->driverClass = driverName();
+    m_status->started = now();
+    // Time-outs, check-sum errors and retries noted by the protocol layers on
+    // this thread are this meter's.
+    CLinkStats::Bind linkStats(m_status->link);
     initSchedule();
+    for (int kind = ARCH_HOURLY; kind <= ARCH_JOURNAL_INTERVENT; ++kind)
+        m_status->lastStored[kind] = m_store->GetLastTimestamp(kind);
     for (int sys = kFirstSystem; sys <= kLastSystem; ++sys) {
         m_store->RemoveTmpArchivesSys(sys, "tmp_archives");
         m_store->RemoveTmpArchivesSys(sys, "tc_tmp_archives");
         m_store->RemoveTmpArchivesSys(sys, "tc_archives");
     }
     data_rate = kDefaultDataRate;
+    m_status->dataRate = data_rate;
+    writeStatus();
 
     try {
         while (!isStopping())
@@ -196,9 +226,18 @@ void CMtdBaseDriver::initSchedule() {
 void CMtdBaseDriver::runCycle() {
     if (!waitForTurn())
         throw StopRequested{};
-    // The pause and force-update control files are looked at here, before the
-    // port is touched, once they are served.
+    // The control files are looked at before the port is touched.
+    if (servePause())
+        return;
+    m_forceUpdate.store(false);
+    if (CControlFiles(m_paths.controlDir).takeForceUpdate(m_config.meter_id))
+        MTD_LOG(Notice, "CMtdBaseDriver::functionThread - meter %s: force-update file removed, the cycle starts now.",
+                m_config.meter_id.c_str());
+
     m_cycleDone.store(0);
+    m_status->cycleStarted = now();
+    m_status->state = "reading";
+    writeStatus();
     try {
         cycleBody();
     } catch (const StopRequested&) {
@@ -206,13 +245,68 @@ void CMtdBaseDriver::runCycle() {
     } catch (const std::exception& e) {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - cycle ended by: %s", e.what());
+        cycleFailed(exceptionKind(e), e.what());
         sleepFor(std::chrono::milliseconds(2));
         returnTurn();
+        return;
     } catch (...) {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
+        cycleFailed("unknown exception", "");
         sleepFor(std::chrono::milliseconds(2));
         returnTurn();
+        return;
     }
+
+    const time_t end = now();
+    ++m_status->cycles;
+    m_status->cycleEnded = end;
+    m_status->lastGoodRead = end;
+    m_status->outcome = "ok";
+    m_status->state = "waiting";
+    m_status->dataRate = data_rate;
+    writeStatus();
+
+    Wait(data_rate, false);
+}
+
+bool CMtdBaseDriver::servePause() {
+    if (!CControlFiles(m_paths.controlDir).pauseActive(m_config.meter_id)) {
+        if (m_paused.exchange(false)) {
+            MTD_LOG(Notice, "CMtdBaseDriver::functionThread - meter %s: pause ended, polling resumes.",
+                    m_config.meter_id.c_str());
+            m_status->paused = false;
+        }
+        return false;
+    }
+    if (!m_paused.exchange(true)) {
+        MTD_LOG(Notice, "CMtdBaseDriver::functionThread - meter %s: paused by a control file, the line is left alone.",
+                m_config.meter_id.c_str());
+        m_status->paused = true;
+        m_status->state = "paused";
+        writeStatus();
+    }
+    // The tick is cleared before the turn goes back, so a step of the main
+    // loop that follows the hand-back is never missed.
+    m_pauseTick.store(false);
+    returnTurn();
+    // Without this wait a lone paused driver would be handed the turn straight
+    // back and spin; the schedule does not move, so nothing is skipped.
+    waitUntil(std::chrono::steady_clock::now() + kPauseRecheck, [this] { return m_pauseTick.load(); });
+    return true;
+}
+
+void CMtdBaseDriver::cycleFailed(const char* kind, const char* message) {
+    ++m_status->cycles;
+    ++m_status->failedCycles;
+    m_status->cycleEnded = now();
+    m_status->outcome = std::string(kind) + (*message ? ": " : "") + message;
+    m_status->state = "failing";
+    writeStatus();
+}
+
+void CMtdBaseDriver::writeStatus() {
+    if (m_status)
+        m_status->write(now());
 }
 
 void CMtdBaseDriver::openConnector() {
@@ -239,6 +333,8 @@ void CMtdBaseDriver::cycleBody() {
     init();
     if (get_all_system_values().empty())
         MTD_LOG(Warning, "CMtdBaseDriver::functionThread system info is absent.");
+    else
+        m_status->lastAnswer = now();
     MTD_LOG(Debug, "CMtdBaseDriver::functionThread - connecting to controller registered.");
     checkStop();
 
@@ -258,6 +354,10 @@ void CMtdBaseDriver::cycleBody() {
 
     MTD_LOG(Info, "CMtdBaseDriver::functionThread begin all current values.");
     std::vector<CValueRecord> values = get_all_curtime_cur_integ_values();
+    if (!values.empty()) {
+        m_status->lastAnswer = now();
+        m_status->lastValues = values;
+    }
     if (m_rpc)
         m_rpc->SendAllCurrentValues(values);
     MTD_LOG(Info, "CMtdBaseDriver::functionThread end all current values.");
@@ -308,8 +408,6 @@ void CMtdBaseDriver::cycleBody() {
     cycle_end();
     if (m_store->PendingUpdate())
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - new archive records were stored in this cycle.");
-
-    Wait(data_rate, false);
 }
 
 // ---- archive readers ----
@@ -327,6 +425,12 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
     if (!m_store->StoreRecords(archType, records))
         return 0;  // nothing became visible; the same window is read again next time
     const time_t last = m_store->GetLastTimestamp(archType);
+    if (m_status) {
+        m_status->recordsStored += records.size();
+        m_status->lastAnswer = now();
+        if (archType >= ARCH_HOURLY && archType <= ARCH_JOURNAL_INTERVENT)
+            m_status->lastStored[archType] = last;
+    }
     if (last <= 0)
         return static_cast<int>(records.size());
     switch (archType) {
@@ -434,12 +538,26 @@ bool CMtdBaseDriver::GetArchActual() {
     const time_t daily = when_next_arch_daily;
     MTD_LOG(Debug, "CMtdBaseDriver::GetArchActual(): hourly = %d, dayly = %d, dt = %d, mod = %d, curr = %d",
             (int)hourly, (int)daily, (int)(t - hourly), (int)(t % 3600), (int)t);
+    // The main loop's step is also when the control files are looked at again:
+    // a paused driver rechecks its pause, a waiting one its force-update file.
+    if (m_paused.load()) {
+        m_pauseTick.store(true);
+        Wake();
+    } else if (!m_forceUpdate.load() && CControlFiles(m_paths.controlDir).forceUpdateRequested(m_config.meter_id)) {
+        m_forceUpdate.store(true);
+        Wake();
+    }
     return hourly + kArchiveMargin < t || daily + kArchiveMargin < t;
 }
 
 // ---- default device operations: a driver overrides what its device has ----
 
-void CMtdBaseDriver::Wait(int seconds, bool /*flag*/) { waitUntilTime(now() + seconds); }
+void CMtdBaseDriver::Wait(int seconds, bool /*flag*/) {
+    const time_t target = now() + seconds;
+    while (!isStopping() && !m_forceUpdate.load() && m_clock->now() < target)
+        waitUntil(m_clock->deadlineFor(target),
+                  [this, target] { return m_forceUpdate.load() || m_clock->now() >= target; });
+}
 
 void CMtdBaseDriver::SaveConnector(CConnector* connector) { m_connector = connector; }
 

@@ -10,6 +10,11 @@
 //
 // A derived driver whose thread uses its own members must call StopPolling()
 // first thing in its destructor (the base destructor runs too late for that).
+//
+// Operator controls, looked at when the driver gets its turn (control dir):
+// "pause_gmd_all", "pause_gmd" or "pause_gmd_<id>" makes the driver give the
+// turn back without touching the line; "gmd_force_update_<id>" ends the
+// data_rate wait early. Health goes to "mtd_status_<id>.json" (CMtdStatus).
 
 #include <atomic>
 #include <chrono>
@@ -22,6 +27,7 @@
 #include <vector>
 
 #include "framework/CMtdClock.h"
+#include "framework/CMtdStatus.h"
 #include "framework/myThreadAttached.h"
 #include "hostlink/CDeviceConfig.h"
 #include "hostlink/CValueRecord.h"
@@ -53,7 +59,8 @@ public:
     // ---- device operations, in the drivers' slot order ----
     virtual int ReadHourlyArch();
     virtual int ReadDailyArch();
-    // Waits `seconds`; a driver overriding it replaces the inline data_rate wait.
+    // Waits `seconds`, or less when a force update is asked; a driver overriding
+    // it replaces the data_rate wait and should end early when forceUpdatePending().
     virtual void Wait(int seconds, bool flag);
     // Stores the shared connector and builds the driver's protocol object on it.
     virtual void SaveConnector(CConnector* connector);
@@ -66,7 +73,10 @@ public:
     // Appends the records of one archive kind with from <= time <= to to `out`,
     // oldest first, each complete. What was appended before an exception is kept.
     virtual void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
-    // True when an hourly or daily read is due; also called by the main thread every 5 s.
+    // True when an hourly or daily read is due; also called by the main thread
+    // every 5 s. Each call also looks for the force-update file and lets a
+    // paused driver look at its pause file again, so neither is polled faster
+    // than the main loop's step.
     virtual bool GetArchActual();
     // Device time and contract (rate) hour; false when unknown.
     virtual bool GetTimestamps(time_t& deviceTime, int& rateHour);
@@ -109,6 +119,10 @@ public:
     time_t nextDaily() const { return when_next_arch_daily.load(); }
     time_t nextJournalEvent() const { return when_next_arch_journal_event.load(); }
     time_t nextJournalIntervent() const { return when_next_arch_journal_intervent.load(); }
+    // True while a pause file held this driver's last turn.
+    bool Paused() const { return m_paused.load(); }
+    // A force-update file was seen and the data_rate wait should end.
+    bool forceUpdatePending() const { return m_forceUpdate.load(); }
 
 protected:
     void functionThread() override;
@@ -155,6 +169,10 @@ private:
     void openConnector();
     void checkStop() const;
     void returnTurn();
+    // True when a pause file held this turn: the turn is back, nothing was sent.
+    bool servePause();
+    void cycleFailed(const char* kind, const char* message);
+    void writeStatus();
     // Hands what a reader appended to the store, then moves the reader's next time.
     int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
@@ -162,6 +180,10 @@ private:
     DriverPaths m_paths;
     std::shared_ptr<CMtdClock> m_clock;
     std::unique_ptr<GasFileConnector> m_store;
+    std::unique_ptr<CMtdStatus> m_status;
+    std::atomic<bool> m_paused{false};
+    std::atomic<bool> m_pauseTick{false};
+    std::atomic<bool> m_forceUpdate{false};
     std::atomic<bool> m_cancel{false};
     std::mutex m_turnMutex;
     std::condition_variable m_turnCv;
