@@ -128,3 +128,60 @@ write_config() {
         printf '}}\n'
     } >"$file"
 }
+
+# ---- volume-corrector cases (ek_*.sh) ----
+METERSIM="$BUILD_DIR/mtd_metersim"
+
+# start_metersim OUTFILE ARGS... : mtd_metersim in the background until it is
+# ready; sets METERSIM_PID. Pass --link to give the daemon a fixed port name.
+start_metersim() {
+    local out=$1
+    shift
+    start_bg "$out" "$METERSIM" "$@"
+    METERSIM_PID=$BG_PID
+    wait_for "$out" '^ready' 5 || { echo "metersim did not start"; cat "$out"; return 1; }
+}
+
+# ek_meter ID LINK [DATA_RATE] : the "get_config" entry of one EK270 on LINK, as JSON member text.
+ek_meter() {
+    local id=$1 link=$2 rate=${3:-5}
+    printf '"%s": {"port_params": {"manufacturer": "ek270", "name": "%s", "speed": "9600", ' "$id" "$link"
+    printf '"data": "7", "parity": "E", "stop": "1", "timeout": "300", "serial": "12345678", '
+    printf '"password1": "00000000", "password2": "11111111", "data_rate": "%s"}, "systems": ["1"]}' "$rate"
+}
+
+# write_ek_config FILE ID LINK [DATA_RATE] : host-service configuration of one EK270 on LINK.
+write_ek_config() {
+    local file=$1
+    shift
+    printf '{"meters": {%s}}\n' "$(ek_meter "$@")" >"$file"
+}
+
+# stored_times ID KIND : timestamps of every stored record of KIND ("Hourly_JSONRPC", ...)
+# of meter ID, released or not, sorted, one per line (repeats kept).
+stored_times() {
+    find "/mnt/storage/$1" -name "$2-*.jsonl" -exec cat {} + 2>/dev/null |
+        grep -o '"timestamp":[0-9]*' | cut -d: -f2 | sort -n
+}
+
+# series_whole ID KIND STEP MIN : true when the stored records of KIND hold at least
+# MIN records, no timestamp twice and no step other than STEP seconds between them.
+series_whole() {
+    stored_times "$1" "$2" | awk -v step="$3" -v min="$4" '
+        NR > 1 && $1 == prev { print "duplicate " $1; bad = 1 }
+        NR > 1 && $1 != prev && $1 - prev != step { print "gap " prev " -> " $1; bad = 1 }
+        { prev = $1; n++ }
+        END { if (n < min) { print n " records, want " min; bad = 1 } exit bad }'
+}
+
+# wait_until SECS CMD ARGS... : true once CMD succeeds, polled every 0.2 s.
+wait_until() {
+    local secs=$1
+    shift
+    local deadline=$((SECONDS + secs))
+    while ((SECONDS <= deadline)); do
+        "$@" && return 0
+        sleep 0.2
+    done
+    return 1
+}

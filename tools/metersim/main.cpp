@@ -5,11 +5,13 @@
 #include <json/json.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "tools/metersim/CMeterSim.h"
 
@@ -23,7 +25,7 @@ const char* const kUsage =
     "  [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss] [--clock-scale X] [--seed N]\n"
     "  [--baud B] [--max-speed SYMBOL] [--no-timing] [--frame-bits N]\n"
     "  [--silent-after N] [--silent-count N] [--bad-bcc-every N] [--drop-byte-every N]\n"
-    "  [--hangup-in-archive]\n";
+    "  [--hangup-in-archive] [--dump-archive N [--dump-until T]]\n";
 
 bool toInt(const std::string& text, long long& out) {
     char* end = nullptr;
@@ -116,6 +118,7 @@ bool apply(SMeterSimConfig& c, std::string& link, const std::string& key, const 
     else if (key == "drop-byte-every") return num(c.dropByteEvery);
     else if (key == "hangup-in-archive") c.hangupInArchive = (v == "1" || v == "true");
     else if (key == "link") link = v;
+    else if (key == "dump-archive" || key == "dump-until") return true;  // taken by main()
     else {
         std::fprintf(stderr, "mtd_metersim: unknown setting '%s'\n", key.c_str());
         return false;
@@ -153,6 +156,37 @@ bool loadConfig(SMeterSimConfig& c, std::string& link, const std::string& path) 
     return true;
 }
 
+// --dump-archive: the records of one archive as a meter started with the same
+// settings holds them at device time `until` (default: its start), one line
+// each, "<unix seconds> <record>", so tests can compare what the daemon stored.
+int dumpRecords(SMeterSimConfig cfg, int archive, std::time_t until) {
+    if (cfg.now == 0)
+        cfg.now = std::time(nullptr);
+    if (until == 0)
+        until = cfg.now;
+    // The records only depend on the clock start. The meter cuts an archive at its
+    // clock; run that clock at 1e12 s per second for a millisecond and it is some
+    // thirty years ahead, so nothing up to `until` is cut off.
+    cfg.clockScale = 1e12;
+    CMeterSim sim(cfg);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (sim.deviceNow() < until) {
+        std::fprintf(stderr, "mtd_metersim: --dump-until %lld lies too far ahead\n", static_cast<long long>(until));
+        return 2;
+    }
+    for (const auto& rec : sim.archiveRecords(archive, 0, until)) {
+        // "(Npp)(ArchIdx)(2024-05-01,10:00:00)..." or, on TC2xx interval records, "(Npp)(2024-05-01,10:00:00)..."
+        size_t open = rec.find("-") == std::string::npos ? std::string::npos : rec.rfind('(', rec.find('-'));
+        std::time_t t = 0;
+        if (open == std::string::npos || !parseNow(rec.substr(open + 1, 19), t)) {
+            std::fprintf(stderr, "mtd_metersim: record without a time: %s\n", rec.c_str());
+            return 2;
+        }
+        std::printf("%lld %s\n", static_cast<long long>(t), rec.c_str());
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -171,10 +205,13 @@ int main(int argc, char** argv) {
         {"frame-bits", required_argument, nullptr, 0}, {"silent-after", required_argument, nullptr, 0},
         {"silent-count", required_argument, nullptr, 0}, {"bad-bcc-every", required_argument, nullptr, 0},
         {"drop-byte-every", required_argument, nullptr, 0}, {"hangup-in-archive", no_argument, nullptr, 0},
+        {"dump-archive", required_argument, nullptr, 0}, {"dump-until", required_argument, nullptr, 0},
         {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
 
     SMeterSimConfig cfg;
     std::string link;
+    long long dumpArchive = 0;
+    std::time_t dumpUntil = 0;
     // The config file first, so that options on the command line override it.
     for (int i = 1; i + 1 < argc; ++i)
         if (std::string(argv[i]) == "--config" && !loadConfig(cfg, link, argv[i + 1]))
@@ -188,6 +225,14 @@ int main(int argc, char** argv) {
         std::string key = longOptions[index].name;
         if (key == "config")
             continue;
+        if (key == "dump-archive" && !toInt(optarg, dumpArchive)) {
+            std::fprintf(stderr, "mtd_metersim: --dump-archive wants an archive number\n");
+            return 2;
+        }
+        if (key == "dump-until" && !parseNow(optarg, dumpUntil)) {
+            std::fprintf(stderr, "mtd_metersim: bad --dump-until '%s'\n", optarg);
+            return 2;
+        }
         if (!apply(cfg, link, key, optarg ? optarg : "true"))
             return 2;
     }
@@ -195,6 +240,9 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return 2;
     }
+
+    if (dumpArchive != 0)
+        return dumpRecords(cfg, static_cast<int>(dumpArchive), dumpUntil);
 
     // Signals are taken synchronously by this thread; the simulator runs on its own.
     sigset_t stopSignals;
