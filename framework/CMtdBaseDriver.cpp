@@ -257,15 +257,6 @@ void CMtdBaseDriver::runCycle() {
         return;
     }
 
-    const time_t end = now();
-    ++m_status->cycles;
-    m_status->cycleEnded = end;
-    m_status->lastGoodRead = end;
-    m_status->outcome = "ok";
-    m_status->state = "waiting";
-    m_status->dataRate = data_rate;
-    writeStatus();
-
     Wait(data_rate, false);
 }
 
@@ -404,6 +395,15 @@ void CMtdBaseDriver::cycleBody() {
     }
 
     m_cycleDone.store(1);
+    // Written before the turn goes back, so whoever waits for the turn sees it.
+    const time_t end = now();
+    ++m_status->cycles;
+    m_status->cycleEnded = end;
+    m_status->lastGoodRead = end;
+    m_status->outcome = "ok";
+    m_status->state = "waiting";
+    m_status->dataRate = data_rate;
+    writeStatus();
     returnTurn();
     cycle_end();
     if (m_store->PendingUpdate())
