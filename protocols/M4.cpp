@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "framework/CLinkStats.h"
 #include "framework/Exceptions.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"
@@ -228,6 +229,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
         } checks[] = {{m_netAddr, m_recv[1]}, {kFnSessionStart, m_recv[2]}, {cs, m_recv[6]}};
         for (const auto& c : checks) {
             if (c.want != c.got) {
+                CLinkStats::noteChecksumError();
                 MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%02x, BUT GET 0x%02x !!!",
                         m_logId, dev, name, c.want, c.got);
                 return Attempt::Failed;
@@ -249,6 +251,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
     while (got < full) {
         int n = m_connector.ReadBuffer(m_recv + got, static_cast<uint16_t>(full - got), true);
         if (n <= 0) {
+            CLinkStats::noteTimeout();
             MTD_LOG(Err,
                     "[%lld][%s] M4::SendRequest('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES, BUT GET ONLY %d "
                     "BYTES",
@@ -279,6 +282,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
     uint16_t calc = Crc16::xmodem(m_recv + 1, full - 3);
     uint16_t read = static_cast<uint16_t>(m_recv[full - 2] << 8 | m_recv[full - 1]);
     if (calc != read) {
+        CLinkStats::noteChecksumError();
         MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%04x, BUT GET 0x%04x !!!", m_logId,
                 dev, name, calc, read);
         return Attempt::Failed;

@@ -3,6 +3,7 @@
 #include <thread>
 #include <utility>
 
+#include "framework/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"
@@ -154,6 +155,7 @@ ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
 
     m_recvLength = 0;
     if (!readExactly(0, 3)) {
+        CLinkStats::noteTimeout();
         MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - TIMEOUT: GOT %d BYTES", m_logId, dev, name,
                 static_cast<int>(m_recvLength));
         return Attempt::Failed;
@@ -174,6 +176,7 @@ ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
         return Attempt::Failed;
     }
     if (!readExactly(3, total)) {
+        CLinkStats::noteTimeout();
         MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - TIMEOUT: WANT %d BYTES, GOT %d", m_logId, dev, name,
                 static_cast<int>(total), static_cast<int>(m_recvLength));
         return Attempt::Failed;
@@ -181,6 +184,7 @@ ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
     uint16_t calc = Crc16::modbus(m_recv, total - 2);
     uint16_t read = static_cast<uint16_t>(m_recv[total - 1] << 8 | m_recv[total - 2]);
     if (calc != read) {
+        CLinkStats::noteChecksumError();
         MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - CRC ERROR: read crc 0x%04x != calc crc 0x%04x", m_logId,
                 dev, name, read, calc);
         return Attempt::Failed;

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <utility>
 
+#include "framework/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"
@@ -191,6 +192,7 @@ bool CSpNet::attempt(const LogikaRequest& request) {
             return false;
         }
         if (m_connector.ReadBuffer(m_recv + n, 1, true) != 1) {
+            CLinkStats::noteTimeout();
             MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - RECEIVING TIMEOUT", m_logId, dev, name);
             return false;
         }
@@ -201,6 +203,7 @@ bool CSpNet::attempt(const LogikaRequest& request) {
     size_t etx = n - 1;
     for (int i = 0; i < 2; ++i) {
         if (m_connector.ReadBuffer(m_recv + n, 1, true) != 1) {
+            CLinkStats::noteTimeout();
             MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - CAN'T GET CRC", m_logId, dev, name);
             return false;
         }
@@ -218,6 +221,7 @@ bool CSpNet::attempt(const LogikaRequest& request) {
     uint16_t calc = Crc16::xmodem(m_recv + 2, etx - 1);
     uint16_t got = static_cast<uint16_t>(m_recv[etx + 1] << 8 | m_recv[etx + 2]);
     if (calc != got) {
+        CLinkStats::noteChecksumError();
         MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - WRONG CRC: WAIT = 0x%04x, GOT = 0x%04x", m_logId, dev, name,
                 calc, got);
         return false;
@@ -231,6 +235,7 @@ bool CSpNet::SendRequest(const LogikaRequest& request) {
             return false;
         if (attempt(request))
             return true;
+        CLinkStats::noteRetry();
         MTD_LOG(Warning, "[%lld][%s] SpNet::SendRequest('%s') - WRONG ATTEMPT N %d", m_logId, m_logName.c_str(),
                 request.name.c_str(), i);
     }
