@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "framework/CLinkStats.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"
 
@@ -38,15 +39,23 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
                     shownTx.c_str());
         }
         m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
-        std::this_thread::sleep_for(kPause);
+        pause(kPause);
         if (receive(request, reply))
             return processReply(request, reply);
-        std::this_thread::sleep_for(kPause);
+        pause(kPause);
+        CLinkStats::noteRetry();
         MTD_LOG(Warning, "[%lld][%s] CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", m_id,
                 m_name.c_str(), rq, attempt);
     }
     MTD_LOG(Err, "[%lld][%s] CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", m_id, m_name.c_str(), rq);
     return false;
+}
+
+void CGost61107::pause(std::chrono::milliseconds d) const {
+    if (m_sleep)
+        m_sleep(d);
+    else
+        std::this_thread::sleep_for(d);
 }
 
 bool CGost61107::processReply(const SGost61107Request& request, const std::vector<uint8_t>& reply) {
@@ -65,6 +74,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
     auto readOne = [&]() {
         if (m_connector.ReadBuffer(&byte, 1, true) == 1)
             return true;
+        CLinkStats::noteTimeout();
         MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", m_id, nm, rq,
                 static_cast<int>(reply.size()));
         return false;
@@ -114,11 +124,13 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         if ((reply[0] & 0xFD) == SOH) {
             uint8_t got = 0;
             if (m_connector.ReadBuffer(&got, 1, true) != 1) {
+                CLinkStats::noteTimeout();
                 MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
                 return false;
             }
             uint8_t calc = bcc(reply.data() + 1, reply.size() - 1);
             if (got != calc) {
+                CLinkStats::noteChecksumError();
                 MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
                         m_id, nm, rq, got, calc);
                 return false;

@@ -19,8 +19,10 @@
 //
 // Every failure is a false result and one log line; nothing throws.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,8 @@ class CConnector;
 class CGost61107 : public CGost61107Connector {
 public:
     static constexpr size_t kMaxReply = 16384;
+
+    using Sleep = std::function<void(std::chrono::milliseconds)>;
 
     CGost61107(CConnector& connector, long long id, std::string name);
 
@@ -53,6 +57,9 @@ public:
     // Values split by the default processReply() from the last good reply.
     const std::vector<std::string>& values() const { return m_values; }
     CConnector& connector() { return m_connector; }
+    // How SendRequest pauses between send and reply; empty means a real sleep.
+    // A replay of recorded replies has nothing to wait for.
+    void setSleep(Sleep sleep) { m_sleep = std::move(sleep); }
 
 protected:
     // What SendRequest does with a good reply; the default parses it into values().
@@ -60,4 +67,8 @@ protected:
 
     CConnector& m_connector;
     std::vector<std::string> m_values;
+
+private:
+    void pause(std::chrono::milliseconds d) const;
+    Sleep m_sleep;
 };

@@ -17,6 +17,8 @@ CConnector::CConnector(const PortParams& params, const LedPaths& leds) {
     }
 }
 
+CConnector::CConnector(std::unique_ptr<CTransport> transport) : m_transport(std::move(transport)) {}
+
 CConnector::~CConnector() = default;
 
 int CConnector::WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink) {

@@ -14,6 +14,8 @@ class CModbusConnectorItself;
 class CConnector {
 public:
     explicit CConnector(const PortParams& params, const LedPaths& leds = LedPaths());
+    // Wraps a ready transport (a replay of recorded traffic, for instance).
+    explicit CConnector(std::unique_ptr<CTransport> transport);
     ~CConnector();
     CConnector(const CConnector&) = delete;
     CConnector& operator=(const CConnector&) = delete;

@@ -45,6 +45,8 @@ public:
     void writeGasPasport() override;
 
     const char* getMeterModelName() const;
+    // The protocol object SaveConnector built (nullptr before), e.g. to replace its pauses.
+    CGost61107* protocol() { return m_proto.get(); }
     // Factor that turns a pressure in `unit` ("MPa", "kPa", "atm", "bar") into kgf/cm2; 0 when unknown.
     double getPressureCoef(const std::string& unit) const;
 
