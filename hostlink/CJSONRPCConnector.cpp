@@ -85,6 +85,19 @@ int parseDecimalInt(const std::string& text)
     return static_cast<int>(v);
 }
 
+// The host service's answer as JSON. jsoncpp throws (instead of failing) on
+// some malformed texts, for instance nesting deeper than its stack limit; that
+// is one more answer that is not JSON.
+bool parseResponse(const std::string& text, Json::Value& out)
+{
+    try {
+        Json::Reader reader;
+        return reader.parse(text, out, true);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 }  // namespace
 
 CJSONRPCConnector::CJSONRPCConnector(std::string meterId, std::string hostUrl, std::string sensorsUrl)
@@ -131,9 +144,8 @@ bool CJSONRPCConnector::SendParameters(const std::string& request, Json::Value& 
                     MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec");
                 } else {
                     std::cout << "result JSONRPC" << response << std::endl;
-                    Json::Reader reader;
                     Json::Value parsed;
-                    if (reader.parse(response, parsed, true)) {
+                    if (parseResponse(response, parsed)) {
                         reply = std::move(parsed);
                         return true;
                     }
@@ -156,6 +168,21 @@ bool CJSONRPCConnector::GetInitParameters1(CDeviceConfig& config)
         MTD_LOG(Err, "CJSONRPCConnector::GetInitParameters1 - Error while receiving data!");
         return false;
     }
+    applyInitParameters1(reply, config);
+    return true;
+}
+
+bool CJSONRPCConnector::ParseInitParameters1(const std::string& replyText, CDeviceConfig& config) const
+{
+    Json::Value reply;
+    if (!parseResponse(replyText, reply))
+        return false;
+    applyInitParameters1(reply, config);
+    return true;
+}
+
+void CJSONRPCConnector::applyInitParameters1(const Json::Value& reply, CDeviceConfig& config) const
+{
     config.meter_id = m_meterId;
     const Json::Value& result = member(reply, "result");
     fillMap(member(result, "port_params"), config.params);
@@ -192,7 +219,6 @@ bool CJSONRPCConnector::GetInitParameters1(CDeviceConfig& config)
     if (config.has("speed"))
         config.speed = parseDecimalInt(config.get("speed"));
     text("alias", config.alias);
-    return true;
 }
 
 bool CJSONRPCConnector::GetInitParameters2(CDeviceConfig& config)
@@ -202,6 +228,21 @@ bool CJSONRPCConnector::GetInitParameters2(CDeviceConfig& config)
         MTD_LOG(Err, "CJSONRPCConnector::GetInitParameters2 - Error while receiving data!");
         return false;
     }
+    applyInitParameters2(reply, config);
+    return true;
+}
+
+bool CJSONRPCConnector::ParseInitParameters2(const std::string& replyText, CDeviceConfig& config) const
+{
+    Json::Value reply;
+    if (!parseResponse(replyText, reply))
+        return false;
+    applyInitParameters2(reply, config);
+    return true;
+}
+
+void CJSONRPCConnector::applyInitParameters2(const Json::Value& reply, CDeviceConfig& config) const
+{
     config.meter_id = m_meterId;
     const Json::Value& result = member(reply, "result");
     fillMap(member(result, "port_params"), config.params);
@@ -222,7 +263,6 @@ bool CJSONRPCConnector::GetInitParameters2(CDeviceConfig& config)
             config.drivers.push_back(std::move(entry));
         }
     }
-    return true;
 }
 
 void CJSONRPCConnector::SendParameters2(const std::vector<CValueRecord>& values)
@@ -327,9 +367,8 @@ bool CJSONRPCConnector::ExecSensorsJSONRPCFunc(bool state, int rs232Number)
             continue;
         }
         MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): response = '%s'", response.c_str());
-        Json::Reader reader;
         Json::Value reply;
-        if (reader.parse(response, reply, true))
+        if (parseResponse(response, reply))
             return true;
         MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA");
     }

@@ -32,6 +32,10 @@ public:
 
     bool GetInitParameters1(CDeviceConfig& config);  // "get_config"
     bool GetInitParameters2(CDeviceConfig& config);  // "get_config2"
+    // Fill `config` from the text of a "get_config" / "get_config2" answer the
+    // way the two exchanges above do; false (config untouched) when it is not JSON.
+    bool ParseInitParameters1(const std::string& replyText, CDeviceConfig& config) const;
+    bool ParseInitParameters2(const std::string& replyText, CDeviceConfig& config) const;
 
     void SendParameters2(const std::vector<CValueRecord>& values);       // "put_one_value" each
     void SendParameters_right(const std::vector<CValueRecord>& values);  // "put_current_value" each
@@ -49,6 +53,8 @@ private:
     // The JSON-RPC 2.0 envelope of the next request (takes the next id), one line ending in "\n".
     // `params` is taken by value so a caller that is done with it can move it in.
     std::string BuildRequest(const std::string& method, Json::Value params);
+    void applyInitParameters1(const Json::Value& reply, CDeviceConfig& config) const;
+    void applyInitParameters2(const Json::Value& reply, CDeviceConfig& config) const;
     bool cancelled() const { return m_cancel != nullptr && m_cancel->load(); }
 
     std::string m_meterId;
