@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "shell/logger.h"
@@ -158,10 +159,17 @@ CControlFiles::PassportResult CControlFiles::readPassport(const std::string& met
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject())
+    // jsoncpp throws rather than failing on some texts (nesting past its stack limit).
+    bool parsed = false;
+    try {
+        parsed = reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    } catch (const std::exception&) {
+        parsed = false;
+    }
+    if (!parsed || !root.isObject())
         return refuse("not a JSON object");
 
-    std::map<std::string, std::string> parsed;
+    std::map<std::string, std::string> accepted;
     for (auto it = root.begin(); it != root.end(); ++it) {
         const std::string name = it.name();
         if (!isKnownPassportName(name))
@@ -171,8 +179,8 @@ CControlFiles::PassportResult CControlFiles::readPassport(const std::string& met
         std::string value = it->asString();
         if (value.empty() || value.size() > kMaxPassportValueLength || !isPrintableText(value))
             return refuse("bad value text");
-        parsed.emplace(name, std::move(value));
+        accepted.emplace(name, std::move(value));
     }
-    values = std::move(parsed);
+    values = std::move(accepted);
     return PASSPORT_OK;
 }

@@ -59,7 +59,9 @@ int CCommandLine::parse(int argc, char** argv) {
         {nullptr, 0, nullptr, 0},
     };
     const char* program = argv[0];
-    optind = 1;
+    // 0, not 1: glibc then also forgets where it stopped inside a cluster of short
+    // options ("-rd") of an earlier argv, which may no longer exist.
+    optind = 0;
     int opt;
     while ((opt = getopt_long(argc, argv, "rhv:del:i:s:", kLongOptions, nullptr)) != -1) {
         switch (opt) {
