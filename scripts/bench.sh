@@ -264,8 +264,9 @@ start_metersim() {
     wait_for "$WORK/$name.ms" '^ready' 5 || { echo "bench.sh: metersim $name did not start" >&2; return 1; }
 }
 
-# sessions_closed LOG: finished meter sessions (the break at the end of a cycle)
-sessions_closed() { count_in "$1" "receive\('Close Session'\)"; }
+# The driver's line at the end of every cycle (after the archives, session closed)
+CYCLE_END='cycle_end\(\) - session closed'
+sessions_closed() { count_in "$1" "$CYCLE_END"; }
 
 ek_runs() {
     local days n
@@ -312,7 +313,7 @@ ek_runs() {
     done
     for run in "${!GMETERS[@]}"; do
         read -r first count <<<"${GMETERS[$run]}"
-        if ! wait_count "${GLOG[$run]}" "receive\('Close Session'\)" "$count" 400; then
+        if ! wait_count "${GLOG[$run]}" "$CYCLE_END" "$count" 400; then
             echo "bench.sh: $run: first cycles did not finish" >&2
         fi
     done
@@ -329,6 +330,88 @@ ek_runs() {
     idle_window ek_idle_1 "${GPID[ids1]}" 1 ek_idle_4 "${GPID[ids4]}" 4
     for run in "${!GPID[@]}"; do stop_pid "${GPID[$run]}"; done
     stop_pid "$HOSTSIM_PID"
+
+    # ---- line efficiency: a first run at 9600 Bd with the simulator's line timing on
+    # (15 days hourly + 62 days daily + the event journal; --quick: 2 days of history),
+    # then CPU per cycle of the current-value reads that follow every data_rate s
+    local hist=64 rate=20 cycles=3
+    ((QUICK)) && hist=2 && cycles=2
+    start_metersim line --archive-days "$hist" --frame-bits 10 || return
+    write_ek_config "$WORK/line.json" "$MS_LINK" "$rate" 900  # an id no other run stored under
+    start_hostsim "$WORK/line.json" "$WORK/line.rec" || return
+    local b0 b1 t_start
+    b0=$(io_bytes "$MS_PID")
+    t_start=$(date +%s.%N)
+    start_daemon line 7 900
+    if ! wait_count "$LOG" "$CYCLE_END" 1 900; then
+        echo "bench.sh: the timed first run did not finish" >&2
+        return
+    fi
+    b1=$(io_bytes "$MS_PID")
+    cp "$LOG" "$BUILD_DIR/bench-first-run.log"  # kept for a look at the exchange timing
+    local cpu_first sends first_send last_recv measured bytes ideal_bytes pauses ideal lower
+    cpu_first=$(calc "$(cpu_ns "$PID") / 1e9" 3)
+    sends=$(count_in "$LOG" "CGost61107::send\(")
+    first_send=$(log_seconds "$(grep -m1 -E "CGost61107::send\(" "$LOG")")
+    last_recv=$(log_seconds "$(grep -E "CGost61107::receive\(" "$LOG" | tail -1)")
+    measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
+    bytes=$((b1 - b0))
+    ideal_bytes=$(calc "$bytes * 10 / 9600" 3)
+    pauses=$(calc "$sends * 0.1" 3)   # 100 ms after every request (IEC 61107 layer)
+    ideal=$(calc "$ideal_bytes + $pauses" 3)
+    lower=$(calc "($ideal_bytes > $pauses ? $ideal_bytes : $pauses)" 3)
+    put ek_line baud 9600
+    put ek_line history_days "$hist"
+    put ek_line requests "$sends"
+    put ek_line line_bytes "$bytes"
+    put ek_line bytes_time_s "$ideal_bytes"
+    put ek_line pauses_s "$pauses"
+    put ek_line ideal_s "$ideal"
+    put ek_line measured_s "$measured"
+    put ek_line measured_over_ideal "$(calc "$measured / $ideal" 3)"
+    put ek_line efficiency "$(calc "$ideal / $measured" 3)"
+    # the 100 ms pause overlaps the reply on the wire: the run can't be shorter than this
+    put ek_line lower_bound_s "$lower"
+    put ek_line efficiency_vs_lower_bound "$(calc "$lower / $measured" 3)"
+    put ek_line cpu_s_first_run "$cpu_first"
+    put ek_line wakeups_first_run "$(ctxsw "$PID")"
+    put ek_line first_run_wall_s "$(calc "$(date +%s.%N) - $t_start" 1)"
+    memory ek_line "$PID"
+
+    # next cycles: current values only (plus an hourly read when an hour closes)
+    local c0 c1 k0
+    k0=$(sessions_closed "$LOG")
+    c0=$(cpu_ns "$PID")
+    if wait_count "$LOG" "$CYCLE_END" $((k0 + cycles)) $(((rate + 30) * cycles)); then
+        c1=$(cpu_ns "$PID")
+        put ek_cycle cycles "$cycles"
+        put ek_cycle data_rate_s "$rate"
+        put ek_cycle cpu_s_per_cycle "$(calc "($c1 - $c0) / 1e9 / $cycles" 4)"
+        memory ek_cycle "$PID"
+    else
+        echo "bench.sh: no further cycles" >&2
+    fi
+    stop_pid "$PID"
+    stop_pid "$MS_PID"
+    stop_pid "$HOSTSIM_PID"
+}
+
+# write_ek_config FILE LINK DATA_RATE ID...
+write_ek_config() {
+    local file=$1 link=$2 rate=$3
+    shift 3
+    local sep="" id
+    {
+        printf '{"meters": {'
+        for id in "$@"; do
+            printf '%s"%s": {"port_params": {"manufacturer": "ek270", "name": "%s", "speed": "9600", "timeout": "1000", ' \
+                "$sep" "$id" "$link"
+            printf '"data_rate": "%s", "serial": "12345678", "password1": "00000000", "password2": "11111111", ' "$rate"
+            printf '"rate_hour": "6"}, "systems": ["1"]}'
+            sep=", "
+        done
+        printf '}}\n'
+    } >"$file"
 }
 # (need the EK driver in the factory; skipped without it)
 if ! grep -q CmtdEK2xxTC2xx "$MTD_MAIN"; then
