@@ -185,3 +185,134 @@ wait_until() {
     done
     return 1
 }
+
+# ---- models, current values and archives of the volume correctors (ek_read.sh, ek_recover.sh, ek_faults.sh) ----
+
+# write_ek_model_config FILE ID MANUFACTURER LINK [SERIAL [DATA_RATE]]: a
+# host-service configuration with one volume corrector of any model on LINK.
+write_ek_model_config() {
+    local file=$1 id=$2 model=$3 link=$4 serial=${5:-12345678} rate=${6:-600}
+    cat >"$file" <<JSON
+{"meters": {"$id": {"port_params": {"manufacturer": "$model", "name": "$link", "speed": "9600",
+  "data": "7", "parity": "E", "stop": "1", "timeout": "300", "serial": "$serial",
+  "password1": "00000000", "password2": "11111111", "data_rate": "$rate"}, "systems": ["1"]}}}
+JSON
+}
+
+# ek_device_start [HOURS]: a device clock for the simulator, half past an hour,
+# HOURS (10) hours behind the wall clock, so the daemon (which schedules by the
+# wall clock) finds every interval closed and the meter's clock does not
+# overtake it during a case, even at --clock-scale 720.
+ek_device_start() {
+    local now
+    now=$(date +%s)
+    echo $((now - now % 3600 - ${1:-10} * 3600 + 1800))
+}
+
+# ek_check_archives LOG ID MODEL SIMARGS... : the archives stored for meter ID
+# under /mnt/storage are exactly the simulator's records up to the device time
+# each last read ended at (the daemon's "end_dt = curr_dt" line): every
+# timestamp once, in order, with the meter's field values under the driver's
+# field names. SIMARGS are the simulator's archive settings (--now,
+# --archive-days, --seed, --model, ...), passed to mtd_metersim --dump-archive.
+ek_check_archives() {
+    local log=$1 id=$2 model=$3
+    shift 3
+    python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@" <<'PY'
+import glob, json, re, subprocess, sys
+log, root, model, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5:]
+tc = model.startswith("TC")
+ek_interval = ["Npp", "ArchIdx", "DateTime", "Vstd", "Vstd.sum", "Vw.sum", "Kcomp", "Kcorr", "status 2",
+               "status 4", "status 7", "status 6", "system status", "archiving reason", "check sum"]
+tc_interval = ["Npp", "DateTime", "Vstd", "Vstd.sum", "Vw.sum", "Kcorr", "status 5", "status 6",
+               "system status", "archiving reason", "check sum"]
+events = ["Npp", "ArchIdx", "DateTime", "Event", "check sum", "event", "state", "intervention"]
+kinds = {"Hourly_JSONRPC": (3, tc_interval if tc else ek_interval), "Journal_Event_JSONRPC": (4, events)}
+if not tc:
+    kinds["Daily_JSONRPC"] = (7, ek_interval)
+end, kind = {}, None
+for line in open(log, errors="replace"):
+    m = re.search(r"get_arch_values\((\w+)\) ---", line)
+    if m:
+        kind = m.group(1)
+    m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
+    if m and kind:
+        end[kind] = int(m.group(1))
+stored = {}
+for path in glob.glob(root + "/**/*.jsonl", recursive=True):
+    for line in open(path):
+        rec = json.loads(line)
+        stored.setdefault(rec["archive"], []).append(rec)
+bad = 0
+for name, (number, fields) in kinds.items():
+    if name not in end:
+        print("  %s: never read" % name)
+        bad += 1
+        continue
+    out = subprocess.run([sim] + simargs + ["--dump-archive", str(number), "--dump-until", str(end[name])],
+                         capture_output=True, text=True, check=True).stdout.split("\n")
+    want = [(int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l]
+    got = sorted(stored.get(name, []), key=lambda r: r["timestamp"])
+    have = [r["timestamp"] for r in got]
+    if have != [t for t, _ in want]:
+        missing = sorted(set(t for t, _ in want) - set(have))
+        extra = sorted(set(have) - set(t for t, _ in want))
+        dups = sorted(set(t for t in have if have.count(t) > 1))
+        print("  %s: %d stored, %d expected; missing %s extra %s repeated %s"
+              % (name, len(have), len(want), missing[:5], extra[:5], dups[:5]))
+        bad += 1
+        continue
+    for rec, (t, text) in zip(got, want):
+        names = list(rec["fields"].keys())
+        values = list(rec["fields"].values())
+        n = len(fields) - (3 if name.startswith("Journal") else 0)
+        if names != fields or "".join("(%s)" % v for v in values[:n]) != text:
+            print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(rec["fields"]), text))
+            bad += 1
+            break
+    print("  %s: %d records up to %d" % (name, len(have), end[name]))
+sys.exit(1 if bad else 0)
+PY
+}
+
+# ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last
+# put_all_current_values the host service got holds the model's current values
+# in table order, each with its unit name, quality 192 and the meter's time;
+# NAME=VALUE gives the meter's text (P and PassP in PRESSURE_UNIT, published in
+# kgf/cm2). A name given as NAME=- must be absent.
+ek_check_current() {
+    python3 - "$@" <<'PY'
+import json, sys
+record, model, unit = sys.argv[1:4]
+given = dict(a.split("=", 1) for a in sys.argv[4:])
+to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+dims = {"DateTime": "", "Vstd": "m3", "Vw": "m3", "Vstd.crash": "m3", "Vw.crash": "m3", "Vstd.sum": "m3",
+        "Vw.sum": "m3", "T": "grad", "P": "kgs/sm2 (atm)", "Kcorr": "", "Kcomp": "", "PassT": "grad",
+        "PassP": "kgs/sm2 (atm)", "PassCO2": "procent", "PassH2": "procent", "PassN2": "procent", "PassS": "kg/m3"}
+order = [n for n in dims if given.get(n) != "-"]
+last = None
+for line in open(record):
+    req = json.loads(line)
+    if req.get("method") == "put_all_current_values":
+        last = req["params"]
+if last is None:
+    sys.exit("  no put_all_current_values")
+bad = []
+names = [v["name"] for v in last]
+if names != order:
+    bad.append("names %s, want %s" % (names, order))
+for v in last:
+    n = v["name"]
+    if v["dim"] != dims.get(n) or v["quality"] != 192 or v["sys"] != "1" or v["timestamp"] != last[0]["timestamp"]:
+        bad.append("%s: %s" % (n, json.dumps(v)))
+    if n in given and given[n] != "-":
+        if n in ("P", "PassP"):
+            if abs(float(v["value"]) - float(given[n]) * to_at) > 1e-5:
+                bad.append("%s = %s, want %s %s in kgf/cm2" % (n, v["value"], given[n], unit))
+        elif v["value"] != given[n]:
+            bad.append("%s = %s, want %s" % (n, v["value"], given[n]))
+for b in bad:
+    print("  " + b)
+sys.exit(1 if bad else 0)
+PY
+}
