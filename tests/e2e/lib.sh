@@ -307,7 +307,7 @@ for v in last:
         bad.append("%s: %s" % (n, json.dumps(v)))
     if n in given and given[n] != "-":
         if n in ("P", "PassP"):
-            if abs(float(v["value"]) - float(given[n]) * to_at) > 1e-5:
+            if abs(float(v["value"]) - float(given[n]) * to_at) > 5e-5:
                 bad.append("%s = %s, want %s %s in kgf/cm2" % (n, v["value"], given[n], unit))
         elif v["value"] != given[n]:
             bad.append("%s = %s, want %s" % (n, v["value"], given[n]))
