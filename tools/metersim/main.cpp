@@ -250,6 +250,7 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGHUP);
+    sigaddset(&stopSignals, SIGUSR1);  // not a stop: answered with the request count
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     CMeterSim sim(cfg, [](const std::string& line) {
@@ -267,8 +268,13 @@ int main(int argc, char** argv) {
     }
     std::printf("ready %s %s baud %d\n", cfg.model.c_str(), cfg.serial.c_str(), cfg.baud);
     std::fflush(stdout);
+    // SIGUSR1 asks how many requests have been seen so far: a test can prove
+    // the daemon left the line alone for a while.
     int sig = 0;
-    sigwait(&stopSignals, &sig);
+    while (sigwait(&stopSignals, &sig) == 0 && sig == SIGUSR1) {
+        std::printf("requests %d\n", sim.requestsSeen());
+        std::fflush(stdout);
+    }
     sim.stop();
     return 0;
 }
