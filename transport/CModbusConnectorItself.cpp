@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "shell/logger.h"
+#include "transport/PortParamReader.h"
 
 static_assert(CModbusConnectorItself::kMaxAdu == MODBUS_RTU_MAX_ADU_LENGTH, "RawRequest buffer size");
 
@@ -15,34 +16,6 @@ namespace {
 
 constexpr uint32_t kDefaultTimeoutMs = 60000;
 constexpr uint32_t kLedOnTimeUs = 150000;
-
-// Base-10 value of the leading digits; `fallback` when absent or not a number.
-long numberParam(const PortParams& params, const char* key, long fallback) {
-    auto it = params.find(key);
-    if (it == params.end())
-        return fallback;
-    const char* text = it->second.c_str();
-    char* end = nullptr;
-    errno = 0;
-    long value = std::strtol(text, &end, 10);
-    if (end == text || errno == ERANGE)
-        return fallback;
-    return value;
-}
-
-std::string textParam(const PortParams& params, const char* key) {
-    auto it = params.find(key);
-    return it == params.end() ? std::string() : it->second;
-}
-
-uint32_t timeoutParam(const PortParams& params) {
-    long value = numberParam(params, "timeout", kDefaultTimeoutMs);
-    if (value < 0) {
-        MTD_LOG(Err, "CModbusConnectorItself - negative timeout %ld ms, using %u ms.", value, kDefaultTimeoutMs);
-        return kDefaultTimeoutMs;
-    }
-    return value > static_cast<long>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(value);
-}
 
 }  // namespace
 
@@ -54,7 +27,7 @@ void CModbusConnectorItself::ContextDeleter::operator()(_modbus* ctx) const {
 CModbusConnectorItself::CModbusConnectorItself(const PortParams& params, const LedPaths& leds)
     : m_params(params),
       m_path(params.count("name") ? params.at("name") : std::string(mtd::defaults::kSerialDevice)),
-      m_timeoutMs(timeoutParam(params)),
+      m_timeoutMs(portparam::timeoutMs(params, kDefaultTimeoutMs, "CModbusConnectorItself")),
       m_ledTransmit(leds.transmit, kLedOnTimeUs),
       m_ledReceive(leds.receive, kLedOnTimeUs) {
     m_ledTransmit.Start();
@@ -67,11 +40,11 @@ CModbusConnectorItself::~CModbusConnectorItself() {
 }
 
 bool CModbusConnectorItself::open_device() {
-    const long baud = numberParam(m_params, "speed", 9600);
-    const long dataBits = numberParam(m_params, "data", 8);
-    const std::string parityText = textParam(m_params, "parity");
+    const long baud = portparam::number(m_params, "speed", 9600);
+    const long dataBits = portparam::number(m_params, "data", 8);
+    const std::string parityText = portparam::text(m_params, "parity");
     const char parity = parityText == "E" ? 'E' : parityText == "O" ? 'O' : 'N';
-    const int stopBits = textParam(m_params, "stop") == "2" ? 2 : 1;
+    const int stopBits = portparam::text(m_params, "stop") == "2" ? 2 : 1;
 
     std::lock_guard<std::mutex> lock(m_mutex);
     m_ctx.reset();

@@ -11,6 +11,7 @@
 #include <map>
 
 #include "shell/logger.h"
+#include "transport/PortParamReader.h"
 
 namespace {
 
@@ -38,41 +39,12 @@ const std::map<long, tcflag_t>& dataBitsTable() {
     return table;
 }
 
-// Base-10 value of the leading digits, like the host service's numbers; `fallback`
-// when the parameter is absent or does not start with a number.
-long numberParam(const PortParams& params, const char* key, long fallback) {
-    auto it = params.find(key);
-    if (it == params.end())
-        return fallback;
-    const char* text = it->second.c_str();
-    char* end = nullptr;
-    errno = 0;
-    long value = std::strtol(text, &end, 10);
-    if (end == text || errno == ERANGE)
-        return fallback;
-    return value;
-}
-
-std::string textParam(const PortParams& params, const char* key) {
-    auto it = params.find(key);
-    return it == params.end() ? std::string() : it->second;
-}
-
-uint32_t timeoutParam(const PortParams& params) {
-    long value = numberParam(params, "timeout", kDefaultTimeoutMs);
-    if (value < 0) {
-        MTD_LOG(Err, "CRSConnector - negative timeout %ld ms, using %u ms.", value, kDefaultTimeoutMs);
-        return kDefaultTimeoutMs;
-    }
-    return value > static_cast<long>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(value);
-}
-
 }  // namespace
 
 CRSConnector::CRSConnector(const PortParams& params, const LedPaths& leds)
     : m_params(params),
-      m_path(textParam(params, "name")),
-      m_timeoutMs(timeoutParam(params)),
+      m_path(portparam::text(params, "name")),
+      m_timeoutMs(portparam::timeoutMs(params, kDefaultTimeoutMs, "CRSConnector")),
       m_ledTransmit(leds.transmit, kLedOnTimeUs),
       m_ledReceive(leds.receive, kLedOnTimeUs) {
     if (m_params.find("name") == m_params.end())
@@ -97,7 +69,7 @@ bool CRSConnector::open_device() {
     }
 
     speed_t speed = B9600;
-    long baud = numberParam(m_params, "speed", kDefaultBaud);
+    long baud = portparam::number(m_params, "speed", kDefaultBaud);
     auto rate = baudTable().find(static_cast<int>(baud));
     if (baud == static_cast<int>(baud) && rate != baudTable().end())
         speed = rate->second;
@@ -107,16 +79,16 @@ bool CRSConnector::open_device() {
     cfsetospeed(&tio, speed);
 
     tio.c_cflag |= CLOCAL | CREAD;
-    auto bits = dataBitsTable().find(numberParam(m_params, "data", 8));
+    auto bits = dataBitsTable().find(portparam::number(m_params, "data", 8));
     tio.c_cflag |= bits != dataBitsTable().end() ? bits->second : CS8;
 
-    const std::string parity = textParam(m_params, "parity");
+    const std::string parity = portparam::text(m_params, "parity");
     if (parity == "E")
         tio.c_cflag |= PARENB;
     else if (parity == "O")
         tio.c_cflag |= PARENB | PARODD;
 
-    if (textParam(m_params, "stop") == "2")
+    if (portparam::text(m_params, "stop") == "2")
         tio.c_cflag |= CSTOPB;
 
     // The driver's own inter-byte time-out, in tenths of a second (at most 25.5 s).

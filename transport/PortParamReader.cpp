@@ -1,0 +1,37 @@
+#include "transport/PortParamReader.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "shell/logger.h"
+
+namespace portparam {
+
+long number(const PortParams& params, const char* key, long fallback) {
+    auto it = params.find(key);
+    if (it == params.end())
+        return fallback;
+    const char* textValue = it->second.c_str();
+    char* end = nullptr;
+    errno = 0;
+    long value = std::strtol(textValue, &end, 10);
+    if (end == textValue || errno == ERANGE)
+        return fallback;
+    return value;
+}
+
+std::string text(const PortParams& params, const char* key) {
+    auto it = params.find(key);
+    return it == params.end() ? std::string() : it->second;
+}
+
+uint32_t timeoutMs(const PortParams& params, uint32_t fallback, const char* owner) {
+    long value = number(params, "timeout", fallback);
+    if (value < 0) {
+        MTD_LOG(Err, "%s - negative timeout %ld ms, using %u ms.", owner, value, fallback);
+        return fallback;
+    }
+    return value > static_cast<long>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(value);
+}
+
+}  // namespace portparam
