@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Fault case: the meter's line misbehaves in the middle of the archive transfer
+# and then recovers. Three EK270 simulators, each with one fault, each read by
+# its own mtd_main: silent for a while, a noisy line (wrong check bytes and
+# lost bytes), and a pseudo-terminal hung up during an archive transfer. Each
+# daemon must keep running, name the fault in its log, and after the next
+# cycles hold every hourly and daily record exactly once.
+#   fault_meter.sh BUILD_DIR
+set -uo pipefail
+export BUILD_DIR=${1:?usage: fault_meter.sh BUILD_DIR}
+HERE=$(cd "$(dirname "$0")" && pwd)
+if [ -z "${MTD_E2E_IN_NS:-}" ]; then
+    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
+fi
+. "$HERE/lib.sh"
+e2e_enter_ns
+trap stop_started EXIT
+
+cases=(silent noisy hangup)
+declare -A meter_args=(
+    [silent]="--silent-after 40 --silent-count 30"
+    [noisy]="--bad-bcc-every 9 --drop-byte-every 13"
+    [hangup]="--hangup-in-archive"
+)
+declare -A ids=([silent]=2101 [noisy]=2102 [hangup]=2103)
+declare -A main_pid
+
+entries=()
+for c in "${cases[@]}"; do
+    entries+=("$(ek_meter "${ids[$c]}" "$WORK/$c" 3)")
+done
+(IFS=,; printf '{"meters": {%s}}\n' "${entries[*]}") >"$WORK/host.json"
+start_hostsim "$WORK/host.json" "$WORK/rec" || exit 1
+
+for c in "${cases[@]}"; do
+    # shellcheck disable=SC2086
+    start_metersim "$WORK/$c.out" --link "$WORK/$c" --no-timing --archive-days 2 --max-speed 5 ${meter_args[$c]} || exit 1
+    start_bg "$WORK/$c.log" "$MTD_MAIN" -e -v 7 -i "${ids[$c]}"
+    main_pid[$c]=$BG_PID
+done
+
+# Two days of hourly records (at least 47 closed hours) and the daily records.
+archives_whole() {
+    series_whole "$1" Hourly_JSONRPC 3600 47 >/dev/null && series_whole "$1" Daily_JSONRPC 86400 2 >/dev/null
+}
+for c in "${cases[@]}"; do
+    check "$c: archives complete after the fault" wait_until 90 archives_whole "${ids[$c]}"
+done
+for c in "${cases[@]}"; do
+    check "$c: no gap, no duplicate (hourly)" series_whole "${ids[$c]}" Hourly_JSONRPC 3600 47
+    check "$c: no gap, no duplicate (daily)" series_whole "${ids[$c]}" Daily_JSONRPC 86400 2
+    check "$c: daemon still running" kill -0 "${main_pid[$c]}"
+    check "$c: a later cycle completed" grep -q 'CmtdEK2xxTC2xx::cycle_end() - session closed' "$WORK/$c.log"
+done
+check "silent: time-outs named" grep -q "RECV: TIMEOUT" "$WORK/silent.log"
+check "silent: request given up" grep -q "CAN'T SEND REQUEST" "$WORK/silent.log"
+check "noisy: wrong check byte named" grep -Eq "WRONG BCC|NAK" "$WORK/noisy.log"
+check "hangup: the meter did hang up" grep -q 'hang' "$WORK/hangup.out"
+check "hangup: lost line named" grep -Eq "CAN'T SEND REQUEST|not open|archive transfer broken" "$WORK/hangup.log"
+for c in "${cases[@]}"; do
+    kill -INT "${main_pid[$c]}"
+    check "$c: orderly stop" wait_exit "${main_pid[$c]}" 10
+done
+
+echo "fault_meter: $FAILURES failure(s)"
+[ "$FAILURES" = 0 ]
