@@ -27,7 +27,7 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     start_metersim "$WORK/$id.sim" --link "$WORK/$id.tty" --no-timing --clock-scale 720 --serial "5${seed}0${seed}" \
         "${sim[@]}" --value 2:300.0=123456.7891 --value 4:300.0=100001.5 --value "$pressure=$p" \
         --value 7:314_1.0=$pass_p --value 6:310_1.0=-3.25 --value 11:314.0=0.612 || return 1
-    write_ek_config "$WORK/$id.json" "$id" "$manufacturer" "$WORK/$id.tty" "5${seed}0${seed}" 5
+    write_ek_model_config "$WORK/$id.json" "$id" "$manufacturer" "$WORK/$id.tty" "5${seed}0${seed}" 5
     start_hostsim "$WORK/$id.json" "$WORK/$id.rec" || return 1
     start_bg "$WORK/$id.log" "$MTD_MAIN" -e -v 7 -i "$id"
     local pid=$BG_PID
