@@ -396,7 +396,13 @@ bool GasFileConnector::writeBatch(int sys, int archType, const std::vector<std::
         MTD_LOG(Err, "GasFileConnector::StoreRecords cannot create [%s]: %s", dir.c_str(), strerror(errno));
         return false;
     }
+    // Sized once: a 15-day hourly batch is some 150 KiB, and growing the text by
+    // doubling would briefly hold twice that on a controller with little memory.
+    size_t size = 0;
+    for (const std::string& line : lines)
+        size += line.size();
     std::string content;
+    content.reserve(size);
     for (const std::string& line : lines)
         content += line;
     const std::string name =
