@@ -373,6 +373,22 @@ ek_runs() {
     # the 100 ms pause overlaps the reply on the wire: the run can't be shorter than this
     put ek_line lower_bound_s "$lower"
     put ek_line efficiency_vs_lower_bound "$(calc "$lower / $measured" 3)"
+    # Split of the run: time inside exchanges (request sent .. reply complete, which
+    # holds the 100 ms pause and the reply bytes) and the daemon's own time between
+    # a reply and the next request (parsing, storing, publishing).
+    local split
+    split=$(grep -E "CGost61107::send\(|CGost61107::receive\(.*(Recv: |will not wait)" "$LOG" | awk '
+        { split($1, t, "[:.]"); s = t[1] * 3600 + t[2] * 60 + t[3] + t[4] / 1e3 + t[5] / 1e6
+          if (ls && s < ls - 43200) s += 86400
+          if ($0 ~ /::send\(/) { if (lr) gap += s - lr; ls = s }
+          else { if (ls) { ex += s - ls; if (s - ls > 0.1) over += s - ls - 0.1 } lr = s } }
+        END { printf "%.3f %.3f %.3f\n", ex, gap, over }')
+    local in_ex gaps over
+    read -r in_ex gaps over <<<"$split"
+    put ek_line in_exchange_s "$in_ex"
+    put ek_line reply_beyond_pause_s "$over"
+    put ek_line daemon_between_exchanges_s "$gaps"
+    put ek_line line_busy_fraction "$(calc "$in_ex / $measured" 4)"
     put ek_line cpu_s_first_run "$cpu_first"
     put ek_line wakeups_first_run "$(ctxsw "$PID")"
     put ek_line first_run_wall_s "$(calc "$(date +%s.%N) - $t_start" 1)"
