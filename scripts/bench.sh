@@ -337,7 +337,7 @@ ek_runs() {
     local hist=64 rate=20 cycles=3
     ((QUICK)) && hist=2 && cycles=2
     start_metersim line --archive-days "$hist" --frame-bits 10 || return
-    write_ek_config "$WORK/line.json" "$MS_LINK" "$rate" 900  # an id no other run stored under
+    bench_ek_config "$WORK/line.json" "$MS_LINK" "$rate" 900  # an id no other run stored under
     start_hostsim "$WORK/line.json" "$WORK/line.rec" || return
     local b0 b1 t_start
     b0=$(io_bytes "$MS_PID")
@@ -412,8 +412,8 @@ ek_runs() {
     stop_pid "$HOSTSIM_PID"
 }
 
-# write_ek_config FILE LINK DATA_RATE ID...
-write_ek_config() {
+# bench_ek_config FILE LINK DATA_RATE ID...
+bench_ek_config() {
     local file=$1 link=$2 rate=$3
     shift 3
     local sep="" id
