@@ -38,6 +38,11 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
             MTD_LOG(Debug, "[%lld][%s] CGost61107::send('%s'): Send: %s", m_id, m_name.c_str(), rq,
                     shownTx.c_str());
         }
+        // Whatever is still queued belongs to an earlier exchange: the BCC after an
+        // STX block (never read), the tail of a damaged or late reply. Left there
+        // it would be taken for the start of this reply; a stale 0x06 would even
+        // pass for the ACK of a write.
+        m_connector.FlushBuffers();
         m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
         pause(kPause);
         if (receive(request, reply))

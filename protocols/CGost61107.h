@@ -12,10 +12,10 @@
 // ETX the last one; the master asks for the next block with a bare ACK.
 //
 // Replies are read one byte per connector read, each with the connector's
-// time-out. Up to three wrong first bytes (echoes, a stale check byte) are
+// time-out. Up to three wrong first bytes (echoes, a late check byte) are
 // dropped. Only replies that start with SOH have their BCC read and checked;
-// a BCC that follows an STX block stays in the input queue and is dropped as a
-// wrong first byte of the next reply.
+// a BCC that follows an STX block stays in the input queue and is discarded,
+// with anything else left over, before the next request is sent.
 //
 // Every failure is a false result and one log line; nothing throws.
 

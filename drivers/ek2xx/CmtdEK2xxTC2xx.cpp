@@ -25,6 +25,9 @@ namespace {
 using K = SGost61107Request;
 using D = CmtdEK2xxTC2xx;
 
+// Reads of the rest of an archive after a damaged record, in one call.
+constexpr int kReadsAgain = 3;
+
 const char* const kEkArch = "3;%04d-%02d-%02d,%02d:00:00;%04d-%02d-%02d,%02d:00:00;1";
 const char* const kTcHourly = "3;%d-%d-%d,%d:0:0;%d-%d-%d,%d:0:0;10";
 const char* const kTcDaily = "3;%d-%d-%d,%0d:0:0;%d-%d-%d,%d:0:0;10";
@@ -302,8 +305,13 @@ bool CmtdEK2xxTC2xx::init() {
         throw CDisconnectException("initial baud rate");
     }
     MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", id, nm, m_address.c_str());
-    if (!sendRequest("Open Consumer Session"))
+    if (!sendRequest("Open Consumer Session")) {
+        // A line that was hung up (an adapter unplugged, a modem or a pseudo-
+        // terminal gone) stays dead on the old descriptor: close it so the next
+        // cycle opens the device node afresh.
+        m_connector->close_device();
         throw CDisconnectException("no answer to the sign-on");
+    }
     m_proto->setSpeedSymbol(m_deviceSpeed);
     if (!sendRequest("Ack Consumer Options"))
         throw CDisconnectException("options not acknowledged");
@@ -674,10 +682,24 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     m_to = to;
     m_lastRecord = 0;
     m_out = &out;
+    m_archType = archType;
+    m_damaged = false;
     const SRequest* first = findRequest(prefix + " Data 1st");
     bool ok = sendRequest(prefix + " Data 1st", archArgument(*first, from, to, archType == ARCH_DAILY));
-    while (ok && isNextRequest(to))
-        ok = sendRequest(prefix + " Data Next");
+    for (int again = 0;;) {
+        while (ok && !m_damaged && isNextRequest(to))
+            ok = sendRequest(prefix + " Data Next");
+        if (!ok || !m_damaged || m_lastRecord == 0 || ++again > kReadsAgain)
+            break;
+        // Ask again from the last good record. Journal entries may share a
+        // second, so that second is asked again too; the repeats are exact and
+        // the store keeps one of each.
+        m_damaged = false;
+        m_from = m_events ? m_lastRecord : m_lastRecord + 1;
+        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - read again from %d", id, nm,
+                static_cast<int>(m_from));
+        ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
+    }
     m_out = nullptr;
     if (!ok)
         throw CDisconnectException("archive transfer broken");
@@ -738,6 +760,8 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
         if (!good || values.size() != m_fields->size()) {
             MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD '%.32s' - SKIP THIS RECORD !!!", logId(),
                     driverName(), line.c_str());
+            if (endTransferAtDamage())
+                return true;
             continue;
         }
         // The check sum covers the text up to the ")" before it.
@@ -745,11 +769,42 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
         if (Crc16Arc::hex(covered) != values.back()) {
             MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD CRC '%s' - SKIP THIS RECORD !!!", logId(),
                     driverName(), values.back().c_str());
+            if (endTransferAtDamage())
+                return true;
             continue;
         }
         MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - CRC Ok", logId(), driverName());
         parseArch(values);
     }
+    return true;
+}
+
+// Blocks that start with STX carry no checked BCC, so a byte lost or changed on
+// the line shows only here, as a record that fails its own check. Skipping it
+// while storing the records after it would leave a hole for good: the stored
+// timestamp moves past it. So the transfer ends before it and the rest is
+// asked for again from the last good record (get_arch_values), in this call a
+// few times, else in the next cycle. Only a record damaged at the same place
+// in three transfers running (damaged in the meter itself) is skipped.
+bool CmtdEK2xxTC2xx::endTransferAtDamage() {
+    constexpr int kDamagedTransfers = 3;
+    const time_t after = m_lastRecord != 0 ? m_lastRecord : m_from - 1;
+    if (m_damagedArch == m_archType && m_damagedAfter == after) {
+        ++m_damagedTimes;
+    } else {
+        m_damagedArch = m_archType;
+        m_damagedAfter = after;
+        m_damagedTimes = 1;
+    }
+    if (m_damagedTimes >= kDamagedTransfers) {
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED IN %d TRANSFERS - SKIPPED FOR GOOD !!!",
+                logId(), driverName(), static_cast<int>(after), m_damagedTimes);
+        m_damagedAfter = -1;
+        return false;
+    }
+    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - THE TRANSFER ENDS HERE, THE REST IS READ AGAIN",
+            logId(), driverName(), static_cast<int>(after));
+    m_damaged = true;
     return true;
 }
 

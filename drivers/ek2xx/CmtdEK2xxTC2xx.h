@@ -80,6 +80,9 @@ private:
     bool parseUnits(const std::vector<std::string>& values);
     bool parseArchBlock(const std::vector<std::string>& values);
     bool parseArch(const std::vector<std::string>& values);
+    // A record of the block failed its check: true when the transfer ends
+    // before it (read again next cycle), false when it is skipped for good.
+    bool endTransferAtDamage();
     bool parseResponse(const std::vector<std::string>& values);
     // "12.5*bar" -> value "12.5", unit "bar"; false for an error code "#0001".
     bool parseString(const std::string& text, std::string& value, std::string& unit);
@@ -114,4 +117,12 @@ private:
     bool m_events = false;
     time_t m_from = 0, m_to = 0, m_lastRecord = 0;
     std::vector<ArchiveRecord>* m_out = nullptr;
+    int m_archType = 0;
+    bool m_damaged = false;  // this transfer ended at a damaged record
+    // Where the last damaged record sat (archive, last good record before it)
+    // and in how many transfers running: a record the meter itself holds
+    // damaged must not stop the archive for ever.
+    int m_damagedArch = 0;
+    time_t m_damagedAfter = -1;
+    int m_damagedTimes = 0;
 };

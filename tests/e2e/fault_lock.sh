@@ -12,7 +12,7 @@ if [ -z "${MTD_E2E_IN_NS:-}" ]; then
 fi
 . "$HERE/lib.sh"
 e2e_enter_ns
-trap stop_started EXIT
+trap 'stop_started; keep_work' EXIT
 
 ID=2301
 LOCK=/tmp/RPRT_LCK_${ID}_1_tmp_archives

@@ -14,9 +14,10 @@ if [ -z "${MTD_E2E_IN_NS:-}" ]; then
 fi
 . "$HERE/lib.sh"
 e2e_enter_ns
-trap stop_started EXIT
+trap 'stop_started; keep_work' EXIT
 
-cases=(silent noisy hangup)
+# MTD_FAULT_CASES picks cases when one is looked at alone.
+read -ra cases <<<"${MTD_FAULT_CASES:-silent noisy hangup}"
 declare -A meter_args=(
     [silent]="--silent-after 40 --silent-count 30"
     [noisy]="--bad-bcc-every 9 --drop-byte-every 13"
@@ -50,13 +51,21 @@ for c in "${cases[@]}"; do
     check "$c: no gap, no duplicate (hourly)" series_whole "${ids[$c]}" Hourly_JSONRPC 3600 47
     check "$c: no gap, no duplicate (daily)" series_whole "${ids[$c]}" Daily_JSONRPC 86400 2
     check "$c: daemon still running" kill -0 "${main_pid[$c]}"
-    check "$c: a later cycle completed" grep -q 'CmtdEK2xxTC2xx::cycle_end() - session closed' "$WORK/$c.log"
+    check "$c: a later cycle completed" wait_for "$WORK/$c.log" 'CmtdEK2xxTC2xx::cycle_end\(\) - session closed' 20
+    case $c in
+    silent)
+        check "silent: time-outs named" grep -q "RECV: TIMEOUT" "$WORK/silent.log"
+        check "silent: request given up" grep -q "CAN'T SEND REQUEST" "$WORK/silent.log" ;;
+    noisy)
+        # Blocks carry no checked BCC: a damaged line shows as a damaged record.
+        check "noisy: damage named" grep -Eq "WRONG BCC|NAK|DAMAGED RECORD" "$WORK/noisy.log"
+        check "noisy: nothing skipped for good" test "$(count_in "$WORK/noisy.log" 'SKIPPED FOR GOOD')" = 0 ;;
+    hangup)
+        # The simulator names a new pseudo-terminal each time it opens one.
+        check "hangup: the meter did hang up" test "$(count_in "$WORK/hangup.out" '^pty ')" -ge 2
+        check "hangup: lost line named" grep -Eq "CAN'T SEND REQUEST|not open|archive transfer broken" "$WORK/hangup.log" ;;
+    esac
 done
-check "silent: time-outs named" grep -q "RECV: TIMEOUT" "$WORK/silent.log"
-check "silent: request given up" grep -q "CAN'T SEND REQUEST" "$WORK/silent.log"
-check "noisy: wrong check byte named" grep -Eq "WRONG BCC|NAK" "$WORK/noisy.log"
-check "hangup: the meter did hang up" grep -q 'hang' "$WORK/hangup.out"
-check "hangup: lost line named" grep -Eq "CAN'T SEND REQUEST|not open|archive transfer broken" "$WORK/hangup.log"
 for c in "${cases[@]}"; do
     kill -INT "${main_pid[$c]}"
     check "$c: orderly stop" wait_exit "${main_pid[$c]}" 10

@@ -10,6 +10,7 @@
 #   wait_exit PID [SECS]         sets EXIT_STATUS; false when still running
 #   check NAME COND...           runs COND, counts a failure with NAME
 #   stop_started                 ends every process started through these helpers
+#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set) for a look after the run
 #
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
@@ -110,6 +111,12 @@ stop_started() {
         wait "$pid" 2>/dev/null || true
     done
     STARTED_PIDS=()
+}
+
+keep_work() {
+    [ -n "${MTD_E2E_KEEP:-}" ] || return 0
+    mkdir -p "$MTD_E2E_KEEP" && cp -r "$WORK" /mnt/storage "$MTD_E2E_KEEP/" 2>/dev/null
+    return 0
 }
 
 # A host-service configuration: meter ids, each with the model string given.

@@ -177,13 +177,14 @@ TEST(Gost61107Io, RepliesAndFirstByteRules) {
              b.insert(b.end(), data.begin(), data.end());
              return b;
          }(), true, 1, data, "Recv #3: 1ST MUST BE 0x02"},
-        // The fourth wrong byte fails the attempt; the block left in the queue
-        // then answers the second one.
+        // The fourth wrong byte fails the attempt. The block behind it is
+        // discarded before the next attempt is sent, so a reply to an old
+        // request never answers a new one: every attempt meets the garbage.
         {"four garbage bytes fail the attempt", req(2, "1:180.0"), [&] {
              Bytes b = {'x', 'y', 'z', 'w'};
              b.insert(b.end(), data.begin(), data.end());
              return b;
-         }(), true, 2, data, "Recv #4: 1ST MUST BE 0x02('.'), BUT GOT 0x77('w')"},
+         }(), false, 3, {}, "Recv #4: 1ST MUST BE 0x02('.'), BUT GOT 0x77('w')"},
         {"block ended by EOT", req(3, "3:V.0"), bytesOf("\x02(1)\r\n\x04"), true, 1, bytesOf("\x02(1)\r\n\x04"), ""},
         {"option select with its BCC", req(1), p0, true, 1, p0, "<BCC=0x"},
         {"wrong BCC fails every attempt", req(1), badP0, false, 3, {}, "Recv: WRONG BCC - GOT 0x"},
