@@ -16,7 +16,8 @@ trap 'stop_started; keep_work' EXIT
 
 ID=2301
 LOCK=/tmp/RPRT_LCK_${ID}_1_tmp_archives
-BLOCKED='ReleaseArchives\(\) data is read, but it is impossible to rewrite it in the release folder, the reporter blocked the folder!'
+# The logger keeps the first 127 characters of a message: this one loses "ed the folder!".
+BLOCKED='ReleaseArchives\(\) data is read, but it is impossible to rewrite it in the release folder, the reporter block'
 start_metersim "$WORK/ek.out" --link "$WORK/ek" --no-timing --archive-days 1 || exit 1
 write_ek_config "$WORK/host.json" "$ID" "$WORK/ek" 3
 start_hostsim "$WORK/host.json" "$WORK/rec" || exit 1
