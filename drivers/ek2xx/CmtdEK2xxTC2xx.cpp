@@ -797,12 +797,12 @@ bool CmtdEK2xxTC2xx::endTransferAtDamage() {
         m_damagedTimes = 1;
     }
     if (m_damagedTimes >= kDamagedTransfers) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED IN %d TRANSFERS - SKIPPED FOR GOOD !!!",
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!",
                 logId(), driverName(), static_cast<int>(after), m_damagedTimes);
         m_damagedAfter = -1;
         return false;
     }
-    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - THE TRANSFER ENDS HERE, THE REST IS READ AGAIN",
+    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE",
             logId(), driverName(), static_cast<int>(after));
     m_damaged = true;
     return true;
