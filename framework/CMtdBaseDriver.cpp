@@ -456,6 +456,42 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
     return static_cast<int>(records.size());
 }
 
+size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
+    std::vector<ArchiveRecord> records;
+    m_reading = ReadingArchive{archType, 0, false};
+    try {
+        get_arch_values(archType, from, to, records);
+    } catch (...) {
+        storeArchive(archType, records);
+        m_reading.type = -1;
+        throw;
+    }
+    storeArchive(archType, records);
+    m_reading.type = -1;
+    return m_reading.handedOver + records.size();
+}
+
+void CMtdBaseDriver::flushArchive(std::vector<ArchiveRecord>& out) {
+    constexpr size_t kFlushRecords = 24;
+    if (m_reading.type < 0 || m_reading.storeFailed || out.size() < kFlushRecords)
+        return;
+    const long long newest = out.back().timestamp;
+    size_t older = 0;
+    while (older < out.size() && out[older].timestamp < newest)
+        ++older;
+    if (older == 0)
+        return;
+    const std::vector<ArchiveRecord> head(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
+    if (storeArchive(m_reading.type, head) == 0) {
+        // Keep everything: storing a later part alone would leave a hole the
+        // schedule could never come back for.
+        m_reading.storeFailed = true;
+        return;
+    }
+    out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
+    m_reading.handedOver += older;
+}
+
 int CMtdBaseDriver::ReadHourlyArch() {
     const time_t t = now();
     const time_t next = when_next_arch_hourly;
@@ -464,14 +500,7 @@ int CMtdBaseDriver::ReadHourlyArch() {
         return 0;
     }
     GetMaxTimestampIn(ARCH_HOURLY, next);
-    std::vector<ArchiveRecord> records;
-    try {
-        get_arch_values(ARCH_HOURLY, next, t, records);
-    } catch (...) {
-        storeArchive(ARCH_HOURLY, records);
-        throw;
-    }
-    return storeArchive(ARCH_HOURLY, records);
+    return static_cast<int>(readAndStore(ARCH_HOURLY, next, t));
 }
 
 int CMtdBaseDriver::ReadDailyArch() {
@@ -488,17 +517,10 @@ int CMtdBaseDriver::ReadDailyArch() {
     const time_t maxHour = GetMaxTimestampIn(ARCH_DAILY, next);
     MTD_LOG(Info, "+++ CMtdBaseDriver::ReadDailyArch:    maxHour              = %d (%s)", (int)maxHour,
             TimeText(maxHour).text);
-    std::vector<ArchiveRecord> records;
-    try {
-        get_arch_values(ARCH_DAILY, next, t, records);
-    } catch (...) {
-        storeArchive(ARCH_DAILY, records);
-        throw;
-    }
-    const int stored = storeArchive(ARCH_DAILY, records);
-    if (records.empty())
+    const size_t read = readAndStore(ARCH_DAILY, next, t);
+    if (read == 0)
         MTD_LOG(Info, "CMtdBaseDriver::ReadDailyArch archive hourly info is absent.");
-    return stored;
+    return static_cast<int>(read);
 }
 
 int CMtdBaseDriver::readJournal(int archType, std::atomic<time_t>& nextTime, const char* absentText) {
@@ -509,17 +531,10 @@ int CMtdBaseDriver::readJournal(int archType, std::atomic<time_t>& nextTime, con
         return 0;
     }
     GetMaxTimestampIn(archType, next);
-    std::vector<ArchiveRecord> records;
-    try {
-        get_arch_values(archType, next, t, records);
-    } catch (...) {
-        storeArchive(archType, records);
-        throw;
-    }
-    const int stored = storeArchive(archType, records);
-    if (records.empty())
+    const size_t read = readAndStore(archType, next, t);
+    if (read == 0)
         MTD_LOG(Info, "%s", absentText);
-    return stored;
+    return static_cast<int>(read);
 }
 
 int CMtdBaseDriver::ReadJournalEventArch() {

@@ -145,6 +145,14 @@ protected:
     // The meter identifier as a number, for the "[%lld]" of log lines.
     long long logId() const { return m_logId; }
 
+    // For get_arch_values between two blocks: stores what was appended so far and
+    // takes it out of `out`, so that a long transfer holds about one block of
+    // records, not fifteen days of them. Records sharing the newest second stay
+    // (a journal read again from that second must find them for its duplicates).
+    // Does nothing for small batches, outside a reader, or after a failed store,
+    // when everything is kept for the reader's own final store.
+    void flushArchive(std::vector<ArchiveRecord>& out);
+
     CDeviceConfig m_config;
     long long m_logId = 0;
     CConnector* m_connector = nullptr;
@@ -175,7 +183,17 @@ private:
     void writeStatus();
     // Hands what a reader appended to the store, then moves the reader's next time.
     int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
+    // Runs get_arch_values over one window and stores what it appended, also
+    // when it throws; returns the number of records the driver handed over.
+    size_t readAndStore(int archType, time_t from, time_t to);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
+
+    // The reader in progress, for flushArchive.
+    struct ReadingArchive {
+        int type = -1;
+        size_t handedOver = 0;
+        bool storeFailed = false;
+    } m_reading;
 
     DriverPaths m_paths;
     std::shared_ptr<CMtdClock> m_clock;

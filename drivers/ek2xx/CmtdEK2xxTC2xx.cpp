@@ -687,8 +687,10 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     const SRequest* first = findRequest(prefix + " Data 1st");
     bool ok = sendRequest(prefix + " Data 1st", archArgument(*first, from, to, archType == ARCH_DAILY));
     for (int again = 0;;) {
-        while (ok && !m_damaged && isNextRequest(to))
+        while (ok && !m_damaged && isNextRequest(to)) {
+            flushArchive(out);
             ok = sendRequest(prefix + " Data Next");
+        }
         if (!ok || !m_damaged || m_lastRecord == 0 || ++again > kReadsAgain)
             break;
         // Ask again from the last good record. Journal entries may share a

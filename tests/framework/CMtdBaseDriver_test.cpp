@@ -4,6 +4,10 @@
 #include "framework/CMtdBaseDriver.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <stdlib.h>
 
 #include <condition_variable>
@@ -92,6 +96,9 @@ public:
                 r.timestamp = t;
                 r.fields = {{"V", "1.0"}};
                 out.push_back(r);
+                maxHeld = std::max(maxHeld, out.size());
+                if (flushBlocks)
+                    flushArchive(out);
             }
             if (throwInHourly) {
                 throwInHourly = false;
@@ -114,6 +121,8 @@ public:
     std::atomic<int> cycles{0};
     std::vector<time_t> hourlyRecords;
     std::atomic<bool> throwInHourly{false};
+    bool flushBlocks = false;
+    size_t maxHeld = 0;
     std::mutex mutex;
     std::vector<ArchCall> calls;
 };
@@ -255,6 +264,40 @@ TEST(PollingThread, ExceptionEndsTheCycleAndKeepsWhatWasStoredAndTheSchedule) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].from, kMidnight + 12 * 3600);
     EXPECT_EQ(f.lastStored("1005", ARCH_HOURLY), kMidnight + 11 * 3600);
+}
+
+// Every stored hourly timestamp of a meter, from the batch files on disk.
+std::vector<time_t> storedHourly(const std::string& root) {
+    std::vector<time_t> times;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.path().extension() != ".jsonl" || entry.path().filename().string().rfind("Hourly", 0) != 0)
+            continue;
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);) {
+            auto pos = line.find("\"timestamp\":");
+            times.push_back(std::stoll(line.substr(pos + 12)));
+        }
+    }
+    std::sort(times.begin(), times.end());
+    return times;
+}
+
+TEST(PollingThread, LongTransferIsStoredBlockByBlockWithNothingLostOrRepeated) {
+    const time_t now = kMidnight + 12 * 3600 + 600;
+    Fixture f(now);
+    ScriptedDriver d;
+    std::vector<time_t> expected;
+    for (int i = 0; i < 100; ++i)
+        expected.push_back(kMidnight - 100 * 3600 + i * 3600);
+    d.hourlyRecords = expected;
+    d.flushBlocks = true;
+    d.throwInHourly = true;  // the line breaks after the last block
+    f.start(d, "1006", {{"data_rate", "0"}});
+
+    ASSERT_TRUE(runCycle(d));
+    EXPECT_LT(d.maxHeld, 30u);  // a block's worth in memory, not the whole transfer
+    EXPECT_EQ(storedHourly(f.store.path), expected);
+    EXPECT_EQ(d.nextHourly(), expected.back() + 3600);
 }
 
 TEST(PollingThread, TwoDriversOnOneLineTakeTurns) {
