@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# scripts/build.sh [--asan|--tsan|--release] : configure and build into build/, build-asan/ or build-tsan/.
+# scripts/build.sh [--asan|--tsan] : configure and build into build/, build-asan/ or build-tsan/;
+# prints the build folder on standard output (MTD_BUILD_DIR_OVERRIDE picks another folder).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mode="${1:-}"
@@ -10,6 +11,7 @@ case "$mode" in
   *) echo "usage: $0 [--asan|--tsan]" >&2; exit 2 ;;
 esac
 dir="${MTD_BUILD_DIR_OVERRIDE:-$dir}"
-cmake -S . -B "$dir" -G Ninja "${extra[@]}" >/dev/null
-cmake --build "$dir" -j"$(nproc)"
+# Build output goes to standard error so that callers can take the folder from standard output.
+cmake -S . -B "$dir" -G Ninja "${extra[@]}" >&2
+cmake --build "$dir" -j"$(nproc)" >&2
 echo "$dir"
