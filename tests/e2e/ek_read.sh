@@ -6,12 +6,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: ek_read.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap stop_started EXIT
+e2e_case "$@"
 
 # One meter per model; the device clock runs at 720 s per second, so the
 # 5 s data rate lets about an hour of new records build up between cycles.

@@ -5,13 +5,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: ek_recover.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-# EK_KEEP=DIR keeps the logs of a run for a look afterwards.
-trap 'stop_started; [ -z "${EK_KEEP:-}" ] || cp -r "$WORK" "$EK_KEEP"' EXIT
+e2e_case "$@"
 
 DEV=$(ek_device_start 10)
 SIM=(--now "$DEV" --archive-days 1 --seed 7 --model EK270)

@@ -7,12 +7,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: fault_disk.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap stop_started EXIT
+e2e_case "$@"
 
 ID=2501
 mount -t tmpfs -o size=256k tmpfs /mnt/storage

@@ -12,12 +12,8 @@ set -uo pipefail
 export BUILD_DIR=${1:?usage: fault_kill.sh BUILD_DIR [ROUNDS]}
 ROUNDS=${2:-20}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap 'stop_started; keep_work' EXIT
+e2e_case "$@"
 
 ID=2201
 # 30 hours behind: at 720 times the meter gains 12 hours a minute and must not

@@ -7,12 +7,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: fault_lock.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap 'stop_started; keep_work' EXIT
+e2e_case "$@"
 
 ID=2301
 LOCK=/tmp/RPRT_LCK_${ID}_1_tmp_archives

@@ -9,12 +9,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: fault_meter.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap 'stop_started; keep_work' EXIT
+e2e_case "$@"
 
 # MTD_FAULT_CASES picks cases when one is looked at alone.
 read -ra cases <<<"${MTD_FAULT_CASES:-silent noisy hangup}"

@@ -2,6 +2,8 @@
 # private namespace (see run.sh): the simulators then use the real ports
 # 8082/4665 and the daemon the real /tmp and /mnt/storage, all private.
 #
+#   e2e_case "$@"                first line of a case: re-runs the script inside
+#                                `unshare -rmn`, enters the namespace, cleans up on exit
 #   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
 #   wait_for FILE REGEX [SECS]   true once FILE has a line matching REGEX
@@ -20,6 +22,14 @@ MTD_MAIN="$BUILD_DIR/mtd_main"
 HOSTSIM="$BUILD_DIR/mtd_hostsim"
 FAILURES=0
 STARTED_PIDS=()
+
+e2e_case() {
+    if [ -z "${MTD_E2E_IN_NS:-}" ]; then
+        MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
+    fi
+    e2e_enter_ns
+    trap 'stop_started; keep_work' EXIT
+}
 
 e2e_enter_ns() {
     ip link set lo up

@@ -6,12 +6,8 @@
 set -uo pipefail
 export BUILD_DIR=${1:?usage: ops_controls.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
 . "$HERE/lib.sh"
-e2e_enter_ns
-trap stop_started EXIT
+e2e_case "$@"
 STATUS_TOOL="$BUILD_DIR/mtd_status"
 ID=21
 STATUS_FILE=/tmp/mtd_status_$ID.json
