@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/CLinkStats.h"
+#include "transport/CLinkStats.h"
 #include "hostlink/CValueRecord.h"
 
 class CMtdStatus {

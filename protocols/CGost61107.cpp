@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "framework/CLinkStats.h"
+#include "transport/CLinkStats.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"
 

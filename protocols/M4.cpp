@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "framework/CLinkStats.h"
+#include "transport/CLinkStats.h"
 #include "framework/Exceptions.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"

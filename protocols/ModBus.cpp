@@ -3,7 +3,7 @@
 #include <thread>
 #include <utility>
 
-#include "framework/CLinkStats.h"
+#include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <utility>
 
-#include "framework/CLinkStats.h"
+#include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "shell/logger.h"
 #include "transport/CConnector.h"
