@@ -5,24 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fuzz/M4Walk.h"
 #include "protocols/M4.h"
 #include "transport/CConnector.h"
 
-namespace {
-
-void walk(const M4::CM4& m4, const uint8_t* data, size_t size, int depth) {
-    while (size > 0) {
-        M4::ParamValue v;
-        if (!m4.GetParamValue(data, size, v))
-            return;
-        if (v.tag == 0x30 && depth < 8)
-            walk(m4, data + v.headerSize, v.length, depth + 1);
-        data += v.size();
-        size -= v.size();
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static CConnector conn(PortParams{{"name", "/nonexistent"}},
@@ -32,6 +18,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t fieldSize = 0;
     if (M4::CM4::decodeLength(data, size, length, fieldSize) && fieldSize > size)
         __builtin_trap();
-    walk(m4, data, size, 0);
+    walkM4Body(m4, data, size);
     return 0;
 }

@@ -11,26 +11,10 @@
 #include "framework/Exceptions.h"
 #include "fuzz/CReplayTransport.h"
 #include "fuzz/FuzzLog.h"
+#include "fuzz/M4Walk.h"
 #include "protocols/M4.h"
 #include "transport/CConnector.h"
 
-namespace {
-
-void walk(const M4::CM4& m4, const uint8_t* data, size_t size, int depth) {
-    while (size > 0) {
-        M4::ParamValue v;
-        if (!m4.GetParamValue(data, size, v))
-            return;
-        if (v.size() > size)
-            __builtin_trap();  // an accepted element never reaches past the body
-        if (v.tag == 0x30 && depth < 8)
-            walk(m4, data + v.headerSize, v.length, depth + 1);
-        data += v.size();
-        size -= v.size();
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
@@ -54,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (m4.SendRequest(request)) {
             if (m4.replyLength() > M4::CM4::kRecvBufferSize)
                 __builtin_trap();
-            walk(m4, m4.body(), m4.bodyLength(), 0);
+            walkM4Body(m4, m4.body(), m4.bodyLength());
         }
     } catch (const CWrongPacketException&) {
         // a reply that announces more than the buffer holds: refused by design

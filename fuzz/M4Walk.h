@@ -1,0 +1,23 @@
+#pragma once
+// Walks an M4 reply body element by element, into containers (tag 0x30) up to
+// eight levels deep, as a driver would. An element that GetParamValue accepts
+// must never reach past the body it came from.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "protocols/M4.h"
+
+inline void walkM4Body(const M4::CM4& m4, const uint8_t* data, size_t size, int depth = 0) {
+    while (size > 0) {
+        M4::ParamValue v;
+        if (!m4.GetParamValue(data, size, v))
+            return;
+        if (v.size() > size)
+            __builtin_trap();
+        if (v.tag == 0x30 && depth < 8)
+            walkM4Body(m4, data + v.headerSize, v.length, depth + 1);
+        data += v.size();
+        size -= v.size();
+    }
+}
