@@ -346,11 +346,16 @@ void CmtdEK2xxTC2xx::session_close() {
     // Also after a sign-on that got no answer: the device may have heard it.
     if (m_proto && m_connector && m_connector->is_open()) {
         sendRequest("Close Session");
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::session_close() - session closed", logId(), driverName());
+        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::session_close() - break sent", logId(), driverName());
     }
     m_signedOn = false;
     m_consumerLockState.clear();
     m_supplierLockState.clear();
+}
+
+void CmtdEK2xxTC2xx::cycle_end() {
+    // The break went out before the turn was given back (session_close).
+    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::cycle_end() - session closed", logId(), driverName());
 }
 
 bool CmtdEK2xxTC2xx::openConsumerAccess() {

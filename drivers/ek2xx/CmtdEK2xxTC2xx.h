@@ -41,6 +41,7 @@ public:
     std::vector<CValueRecord> get_all_system_values() override;
     void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
+    void cycle_end() override;
     void writeGasPasport() override;
 
     const char* getMeterModelName() const;
