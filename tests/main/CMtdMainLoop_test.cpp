@@ -103,18 +103,28 @@ struct TempDir {
     ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
 };
 
+// Two drivers started on one line: `a` is held in its device operation until released.
+struct TwoDrivers {
+    TempDir dir;
+    CMtdMainLoop::Drivers drivers;
+    HeldDriver* a;
+    HeldDriver* b;
+    TwoDrivers() {
+        drivers.push_back(std::make_unique<HeldDriver>(dir.path, "31", true));
+        drivers.push_back(std::make_unique<HeldDriver>(dir.path, "32", false));
+        a = static_cast<HeldDriver*>(drivers[0].get());
+        b = static_cast<HeldDriver*>(drivers[1].get());
+        a->Start();
+        b->Start();
+    }
+};
+
 // Every step is 5 s and calls GetArchActual once on every driver, whichever
 // holds the turn; the next driver gets the turn only after the last gave it back.
 TEST(MainLoop, GetArchActualOnEveryDriverAtEveryStep) {
-    TempDir dir;
-    CMtdMainLoop::Drivers drivers;
-    drivers.push_back(std::make_unique<HeldDriver>(dir.path, "31", true));
-    drivers.push_back(std::make_unique<HeldDriver>(dir.path, "32", false));
-    auto& a = static_cast<HeldDriver&>(*drivers[0]);
-    auto& b = static_cast<HeldDriver&>(*drivers[1]);
-    a.Start();
-    b.Start();
-
+    TwoDrivers two;
+    HeldDriver& a = *two.a;
+    HeldDriver& b = *two.b;
     ScriptedSteps steps;
     std::vector<std::pair<int, int>> seen;  // GetArchActual counts of a and b when each step begins
     steps.script = [&](int step) {
@@ -136,7 +146,7 @@ TEST(MainLoop, GetArchActualOnEveryDriverAtEveryStep) {
             return true;
         }
     };
-    CMtdMainLoop loop(drivers, steps);
+    CMtdMainLoop loop(two.drivers, steps);
     loop.run();
     loop.stopDrivers();
 
@@ -152,21 +162,15 @@ TEST(MainLoop, GetArchActualOnEveryDriverAtEveryStep) {
 // A stop in the middle of a pass ends the loop at once: the driver holding
 // the turn is stopped (its session closed), the next one never gets the turn.
 TEST(MainLoop, StopDuringAPass) {
-    TempDir dir;
-    CMtdMainLoop::Drivers drivers;
-    drivers.push_back(std::make_unique<HeldDriver>(dir.path, "33", true));
-    drivers.push_back(std::make_unique<HeldDriver>(dir.path, "34", false));
-    auto& a = static_cast<HeldDriver&>(*drivers[0]);
-    auto& b = static_cast<HeldDriver&>(*drivers[1]);
-    a.Start();
-    b.Start();
-
+    TwoDrivers two;
+    HeldDriver& a = *two.a;
+    HeldDriver& b = *two.b;
     ScriptedSteps steps;
     steps.script = [&](int step) {
         EXPECT_TRUE(a.waitInInit());
         return step == 2;
     };
-    CMtdMainLoop loop(drivers, steps);
+    CMtdMainLoop loop(two.drivers, steps);
     loop.run();
     EXPECT_EQ(steps.asked.size(), 2u);
     EXPECT_EQ(b.cycles.load(), 0);
@@ -178,7 +182,7 @@ TEST(MainLoop, StopDuringAPass) {
     EXPECT_EQ(a.sessionCloses.load(), 1);
     EXPECT_EQ(b.sessionCloses.load(), 0);
     loop.stopDrivers();
-    EXPECT_TRUE(drivers.empty());
+    EXPECT_TRUE(two.drivers.empty());
 }
 
 // A second stop signal while the orderly stop waits for a driver still busy
