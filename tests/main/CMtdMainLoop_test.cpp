@@ -52,9 +52,11 @@ public:
         ++cycles;
         inInit = true;
         Wake();
-        // Held until released; with `ignoreStop` not even a stop ends the wait.
-        while (m_held && !released.load() && !(isStopping() && !ignoreStop))
-            waitFor(seconds(1), [this] { return released.load() || (isStopping() && !ignoreStop); });
+        // Held until released or stopped; with `ignoreStop` stuck for good.
+        while (m_held && ignoreStop)
+            std::this_thread::sleep_for(seconds(1));
+        if (m_held)
+            waitFor(seconds(60), [this] { return released.load(); });
         return true;
     }
     bool GetArchActual() override {
