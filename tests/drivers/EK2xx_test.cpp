@@ -115,10 +115,13 @@ struct Rig {
     // The protocol's pauses between send and reply, skipped (the simulator answers at once).
     void noPauses() { driver.protocol()->setSleep([](std::chrono::milliseconds) {}); }
     // Runs the driver's polling thread on a clock standing at the device's start time.
-    void startThread() {
+    // `pauses`: keep the protocol's pauses, so frames reach the simulator one by
+    // one (the queue flushed before each send could otherwise cut one short).
+    void startThread(bool pauses = false) {
         std::system(("mkdir -p '" + dir + "/storage'").c_str());
         driver.setClock(std::make_shared<StillClock>(kStart));
-        noPauses();
+        if (!pauses)
+            noPauses();
         driver.Start();
     }
     bool runCycle() {
@@ -312,7 +315,7 @@ TEST(EK2xx, StopInTheMiddleOfACycleClosesTheSessionPromptly) {
     cfg.silentAfter = 5;  // the sixth request and its two repeats go unanswered
     cfg.silentCount = 3;
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270, "12345678", {}, "20000");
-    rig.startThread();
+    rig.startThread(true);
     rig.driver.GiveTurn();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (rig.sim.requestsSeen() < 6 && std::chrono::steady_clock::now() < deadline)
