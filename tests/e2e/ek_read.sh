@@ -49,6 +49,7 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     check "$model: archives of the first cycle" ek_check_archives "$WORK/$id.log" "$id" "$model" "${sim[@]}"
     rm -f "/tmp/pause_gmd_$id"
     check "$model: second cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session closed' 2 20
+    touch "/tmp/pause_gmd_$id"  # and no third cycle under the checks of the second
     check "$model: second cycle stored a new hourly batch" \
         test "$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)" -gt "$first"
     check "$model: archives after the second cycle" ek_check_archives "$WORK/$id.log" "$id" "$model" "${sim[@]}"
