@@ -112,7 +112,15 @@ bool CMtdBaseDriver::HasTurn() const { return m_turn.load() != 0; }
 
 bool CMtdBaseDriver::CycleDone() const { return m_cycleDone.load() != 0; }
 
+void CMtdBaseDriver::lineAbortable(bool on) {
+    // The connector is shared and outlives the driver: the flag is taken away
+    // before the turn goes back and before the thread ends.
+    if (m_connector)
+        m_connector->SetAbortFlag(on ? &m_cancel : nullptr);
+}
+
 void CMtdBaseDriver::returnTurn() {
+    lineAbortable(false);
     {
         std::lock_guard<std::mutex> lock(m_turnMutex);
         m_turn.store(0);
@@ -186,6 +194,7 @@ void CMtdBaseDriver::functionThread() {
             runCycle();
     } catch (const StopRequested&) {
     }
+    lineAbortable(false);
 }
 
 void CMtdBaseDriver::initSchedule() {
@@ -238,19 +247,25 @@ void CMtdBaseDriver::runCycle() {
     m_status->cycleStarted = now();
     m_status->state = "reading";
     writeStatus();
+    // While this driver holds the line, a stop cuts a read in progress short.
+    lineAbortable(true);
+    m_sessionOpened = false;
     try {
         cycleBody();
     } catch (const StopRequested&) {
+        closeSession();
         throw;
     } catch (const std::exception& e) {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - cycle ended by: %s", e.what());
+        closeSession();
         cycleFailed(exceptionKind(e), e.what());
         sleepFor(std::chrono::milliseconds(2));
         returnTurn();
         return;
     } catch (...) {
         MTD_LOG(Debug, "CMtdBaseDriver::functionThread - disconnecting from controller registered.");
+        closeSession();
         cycleFailed("unknown exception", "");
         sleepFor(std::chrono::milliseconds(2));
         returnTurn();
@@ -295,6 +310,21 @@ void CMtdBaseDriver::cycleFailed(const char* kind, const char* message) {
     writeStatus();
 }
 
+void CMtdBaseDriver::closeSession() {
+    if (!m_sessionOpened)
+        return;
+    m_sessionOpened = false;
+    // The close may still read its answer, also on a stop.
+    lineAbortable(false);
+    try {
+        session_close();
+    } catch (const std::exception& e) {
+        MTD_LOG(Err, "CMtdBaseDriver::functionThread - session close failed: %s", e.what());
+    } catch (...) {
+        MTD_LOG(Err, "CMtdBaseDriver::functionThread - session close failed.");
+    }
+}
+
 void CMtdBaseDriver::writeStatus() {
     if (m_status)
         m_status->write(now());
@@ -321,6 +351,8 @@ void CMtdBaseDriver::cycleBody() {
     openConnector();
     checkStop();
 
+    // From here on the device may hold a session, even if init() throws halfway.
+    m_sessionOpened = true;
     init();
     if (get_all_system_values().empty())
         MTD_LOG(Warning, "CMtdBaseDriver::functionThread system info is absent.");
@@ -394,6 +426,9 @@ void CMtdBaseDriver::cycleBody() {
         m_store->ReleaseArchives(sys, "tc_tmp_archives");
     }
 
+    // The session ends before the turn goes back: the next driver may start
+    // talking on the line as soon as it has the turn.
+    closeSession();
     m_cycleDone.store(1);
     // Written before the turn goes back, so whoever waits for the turn sees it.
     const time_t end = now();
@@ -589,6 +624,8 @@ bool CMtdBaseDriver::GetTimestamps(time_t&, int&) { return false; }
 void CMtdBaseDriver::before_write_passport() {}
 
 void CMtdBaseDriver::cycle_end() {}
+
+void CMtdBaseDriver::session_close() {}
 
 time_t CMtdBaseDriver::sync_time(time_t) { return 0; }
 

@@ -8,6 +8,14 @@
 // Exceptions thrown by a device operation end the cycle (see Exceptions.h);
 // the schedule survives and what was stored stays stored.
 //
+// Session contract: once init() has been called, the base calls
+// session_close() exactly once before the cycle lets go of the line, whatever
+// ended the cycle: its normal end, an exception from any device operation, or
+// a stop. So a meter is never left holding a session (and its locks) until its
+// own time-out, and the next driver on the line never meets one. On a stop the
+// thread calls it before it ends; while stopping, a read in progress on the
+// connector is cut short, so the stop stays within a few seconds.
+//
 // A derived driver whose thread uses its own members must call StopPolling()
 // first thing in its destructor (the base destructor runs too late for that).
 //
@@ -84,6 +92,11 @@ public:
     virtual void before_write_passport();
     // Called when the cycle has ended and the turn is given back.
     virtual void cycle_end();
+    // Ends the device session init() opened (see the session contract above).
+    // Called on the polling thread before the turn goes back, also after an
+    // exception or on a stop; it must not throw and should only send what ends
+    // the session (no long exchanges): a stop waits for it.
+    virtual void session_close();
     // Reading window for the fifth schedule entry; 0 when the driver has none.
     virtual time_t sync_time(time_t storedTimestamp);
     // Writes requested gas-passport values into the device.
@@ -177,9 +190,13 @@ private:
     void openConnector();
     void checkStop() const;
     void returnTurn();
+    // Lets a stop cut the connector's reads short (true) or not (false).
+    void lineAbortable(bool on);
     // True when a pause file held this turn: the turn is back, nothing was sent.
     bool servePause();
     void cycleFailed(const char* kind, const char* message);
+    // session_close() when this cycle called init() and has not closed yet.
+    void closeSession();
     void writeStatus();
     // Hands what a reader appended to the store, then moves the reader's next time.
     int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
@@ -206,4 +223,5 @@ private:
     std::mutex m_turnMutex;
     std::condition_variable m_turnCv;
     bool m_isEk270 = false;
+    bool m_sessionOpened = false;  // polling thread only
 };

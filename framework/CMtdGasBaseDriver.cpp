@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <ctime>
 
 #include "hostlink/CJSONRPCConnector.h"
@@ -48,13 +49,17 @@ bool CMtdGasBaseDriver::GetGasPassportParams(std::map<std::string, std::string>&
 }
 
 void CMtdGasBaseDriver::RemovePasportFile() {
-    if (!isSafeMeterId(m_config.meter_id))
-        return;
-    const std::string path = CControlFiles(paths().controlDir).passportPath(m_config.meter_id);
-    if (unlink(path.c_str()) == 0)
-        MTD_LOG(Debug, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful [%s]", path.c_str());
+    // The name is built in a fixed 256-byte buffer; one that does not fit, or an
+    // identifier that could reach outside the control directory, is never
+    // unlinked: a cut or escaping path could name another file.
+    char path[256];
+    const int length = std::snprintf(path, sizeof path, "%sgmd_set_value_%s",
+                                     CControlFiles(paths().controlDir).dir().c_str(), m_config.meter_id.c_str());
+    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof path;
+    if (fits && isSafeMeterId(m_config.meter_id) && unlink(path) == 0)
+        MTD_LOG(Debug, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful [%s]", path);
     else
-        MTD_LOG(Err, "CMtdGasBaseDriver::RemovePasportFile passport file not delete [%s]", path.c_str());
+        MTD_LOG(Err, "CMtdGasBaseDriver::RemovePasportFile passport file not delete [%s]", path);
 }
 
 }  // namespace gas

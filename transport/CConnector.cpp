@@ -49,6 +49,8 @@ bool CConnector::is_open() const { return m_transport->is_open(); }
 
 void CConnector::SetLengthByteMode(int mode) { m_transport->SetLengthByteMode(mode); }
 
+void CConnector::SetAbortFlag(const std::atomic<bool>* flag) { m_transport->SetAbortFlag(flag); }
+
 std::string CConnector::GetParam(const std::string& key) const {
     const PortParams& params = m_transport->params();
     auto it = params.find(key);

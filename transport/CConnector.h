@@ -31,6 +31,7 @@ public:
     uint32_t GetTimeout() const;
     bool is_open() const;
     void SetLengthByteMode(int mode);
+    void SetAbortFlag(const std::atomic<bool>* flag);
 
     // Port parameter access ("" when absent); SetParam changes the transport's copy.
     std::string GetParam(const std::string& key) const;

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -18,6 +19,8 @@ namespace {
 constexpr uint32_t kDefaultTimeoutMs = 5000;
 constexpr uint32_t kLedOnTimeUs = 150000;
 constexpr int kDefaultBaud = 9600;
+// Longest stretch a read waits without looking at the abort flag.
+constexpr int kAbortSliceMs = 100;
 
 // Every rate the Linux termios interface has a code for; nothing else is accepted.
 const std::map<int, speed_t>& baudTable() {
@@ -58,6 +61,37 @@ CRSConnector::~CRSConnector() {
     m_ledReceive.Stop();
 }
 
+void CRSConnector::lineSettings(const PortParams& params, uint32_t timeoutMs, termios& tio) {
+    speed_t speed = B9600;
+    long baud = portparam::number(params, "speed", kDefaultBaud);
+    auto rate = baudTable().find(static_cast<int>(baud));
+    if (baud == static_cast<int>(baud) && rate != baudTable().end())
+        speed = rate->second;
+
+    tio = termios{};  // all zero: raw, no echo, no canonical mode, no flow control
+    cfsetispeed(&tio, speed);
+    cfsetospeed(&tio, speed);
+
+    tio.c_cflag |= CLOCAL | CREAD;
+    auto bits = dataBitsTable().find(portparam::number(params, "data", 8));
+    tio.c_cflag |= bits != dataBitsTable().end() ? bits->second : CS8;
+
+    // Exact letters: the host service writes "E", "O" or "N".
+    const std::string parity = portparam::text(params, "parity");
+    if (parity == "E")
+        tio.c_cflag |= PARENB;
+    else if (parity == "O")
+        tio.c_cflag |= PARENB | PARODD;
+
+    if (portparam::text(params, "stop") == "2")
+        tio.c_cflag |= CSTOPB;
+
+    // The driver's own inter-byte time-out, in tenths of a second (at most 25.5 s).
+    uint32_t tenths = timeoutMs / 100;
+    tio.c_cc[VTIME] = static_cast<cc_t>(tenths > 255 ? 255 : tenths);
+    tio.c_cc[VMIN] = 0;
+}
+
 bool CRSConnector::open_device() {
     // Opened non-blocking so that a port whose current settings lack CLOCAL
     // cannot hang us waiting for carrier; blocking mode is restored once CLOCAL is set.
@@ -68,34 +102,8 @@ bool CRSConnector::open_device() {
         return false;
     }
 
-    speed_t speed = B9600;
-    long baud = portparam::number(m_params, "speed", kDefaultBaud);
-    auto rate = baudTable().find(static_cast<int>(baud));
-    if (baud == static_cast<int>(baud) && rate != baudTable().end())
-        speed = rate->second;
-
-    termios tio{};  // all zero: raw, no echo, no canonical mode, no flow control
-    cfsetispeed(&tio, speed);
-    cfsetospeed(&tio, speed);
-
-    tio.c_cflag |= CLOCAL | CREAD;
-    auto bits = dataBitsTable().find(portparam::number(m_params, "data", 8));
-    tio.c_cflag |= bits != dataBitsTable().end() ? bits->second : CS8;
-
-    const std::string parity = portparam::text(m_params, "parity");
-    if (parity == "E")
-        tio.c_cflag |= PARENB;
-    else if (parity == "O")
-        tio.c_cflag |= PARENB | PARODD;
-
-    if (portparam::text(m_params, "stop") == "2")
-        tio.c_cflag |= CSTOPB;
-
-    // The driver's own inter-byte time-out, in tenths of a second (at most 25.5 s).
-    uint32_t tenths = m_timeoutMs / 100;
-    tio.c_cc[VTIME] = static_cast<cc_t>(tenths > 255 ? 255 : tenths);
-    tio.c_cc[VMIN] = 0;
-
+    termios tio{};
+    lineSettings(m_params, m_timeoutMs, tio);
     tcsetattr(fd, TCSAFLUSH, &tio);
     int flags = fcntl(fd, F_GETFL);
     if (flags >= 0)
@@ -122,15 +130,29 @@ int CRSConnector::waitReadable(uint32_t timeout_ms) const {
     }
     // An interrupted wait starts again with the full time-out.
     const int waitMs = timeout_ms > static_cast<uint32_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(timeout_ms);
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(waitMs);
     for (;;) {
+        // With an abort flag the wait is taken in slices, looking at the flag between them.
+        int sliceMs = waitMs;
+        if (m_abort) {
+            if (m_abort->load()) {
+                errno = ECANCELED;
+                return -1;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            sliceMs = static_cast<int>(std::max<long long>(0, std::min<long long>(left, kAbortSliceMs)));
+        }
         pollfd pfd{fd, POLLIN, 0};
-        int rc = ::poll(&pfd, 1, waitMs);
+        int rc = ::poll(&pfd, 1, sliceMs);
         if (rc < 0 && errno == EINTR)
             continue;
         if (rc > 0 && (pfd.revents & POLLNVAL)) {
             errno = EBADF;
             return -1;
         }
+        if (rc == 0 && m_abort && Clock::now() < deadline)
+            continue;
         return rc;
     }
 }
@@ -138,7 +160,7 @@ int CRSConnector::waitReadable(uint32_t timeout_ms) const {
 int CRSConnector::ReadBuffer(unsigned char* buffer, uint16_t length, bool blink) {
     int rc = waitReadable(m_timeoutMs);
     if (rc <= 0) {
-        MTD_LOG(Err, "CRSConnector::ReadBuffer - Timeout receiving data. %d - %d", rc, rc < 0 ? errno : 0);
+        MTD_LOG(Err, "CRSConnector::ReadBuffer - Timeout receiving data. %d - %d", rc, errno);
         return -1;
     }
     if (blink)

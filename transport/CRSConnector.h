@@ -15,8 +15,14 @@
 #include "transport/CTransport.h"
 #include "shell/CUniqueFd.h"
 
+struct termios;
+
 class CRSConnector : public CTransport {
 public:
+    // The raw-mode line settings open_device() applies for `params` ("speed",
+    // "data", "parity", "stop") and the read time-out: all other flags zero.
+    static void lineSettings(const PortParams& params, uint32_t timeoutMs, termios& tio);
+
     explicit CRSConnector(const PortParams& params, const LedPaths& leds = LedPaths());
     ~CRSConnector() override;
     CRSConnector(const CRSConnector&) = delete;
@@ -37,6 +43,7 @@ public:
     bool is_open() const override { return m_fd.get() > 0; }
     void SetLengthByteMode(int mode) override { m_lengthByteMode = mode; }
     PortParams& params() override { return m_params; }
+    void SetAbortFlag(const std::atomic<bool>* flag) override { m_abort = flag; }
 
     const std::string& devicePath() const { return m_path; }
 
@@ -49,6 +56,7 @@ private:
     CUniqueFd m_fd;
     uint32_t m_timeoutMs;
     int m_lengthByteMode = 0;
+    const std::atomic<bool>* m_abort = nullptr;
     CLed m_ledTransmit;
     CLed m_ledReceive;
 };

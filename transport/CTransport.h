@@ -3,6 +3,7 @@
 // the Modbus RTU line (CModbusConnectorItself). CConnector holds one of them and
 // forwards every call; protocol layers and drivers only ever see CConnector.
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -42,4 +43,8 @@ public:
     virtual void SetLengthByteMode(int mode) { (void)mode; }
     // The transport's copy of the port parameters ("speed" is rewritten by a baud change).
     virtual PortParams& params() = 0;
+    // While `flag` (nullptr: none) is raised, a read waiting for input gives
+    // up within a tenth of a second, as on a time-out: a stopping driver does
+    // not sit out the read time-out. Set and cleared by the thread that reads.
+    virtual void SetAbortFlag(const std::atomic<bool>* flag) { (void)flag; }
 };

@@ -255,6 +255,15 @@ bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& dat
                 logId(), driverName(), name.c_str());
         return false;
     }
+    // Once stopping, and before the session is up, only what opens or ends a
+    // session goes on the line: the other requests fail at once instead of
+    // each waiting out its attempts on a meter that cannot answer them.
+    const bool sessionRow = row->kind == K::SignOn || row->kind == K::OptionSelect || row->kind == K::Break;
+    if (!sessionRow && (isStopping() || !m_signedOn)) {
+        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::sendRequest('%s') - %s, REQUEST NOT SENT", logId(), driverName(),
+                name.c_str(), isStopping() ? "STOPPING" : "NO SESSION");
+        return false;
+    }
     SGost61107Request request;
     request.name = row->name;
     request.kind = row->kind;
@@ -277,6 +286,10 @@ bool CmtdEK2xxTC2xx::init() {
     m_consumerPassword = m_config.password1.empty() ? m_config.password : m_config.password1;
     m_supplierPassword = m_config.password2;
     m_address = m_config.get("address");
+    // A new session: nothing is known of it yet.
+    m_signedOn = false;
+    m_consumerLockState.clear();
+    m_supplierLockState.clear();
     std::string systems = m_config.get("systems");
     m_sys = systems.substr(0, systems.find(';'));
     if (m_sys.empty())
@@ -295,26 +308,33 @@ bool CmtdEK2xxTC2xx::init() {
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - UNKNOWN MODEL", id, nm);
         return false;
     }
-    if (!m_proto)
-        throw CDisconnectException("no connector");
+    if (!m_proto) {
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO CONNECTOR", id, nm);
+        return false;
+    }
     const int current = std::atoi(m_connector->GetParam("speed").c_str());
     MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d", id, nm,
             current, configured);
     if (configured > 0 && !m_proto->ChangeBaudRate(configured)) {
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - CAN'T SET INITIAL BAUD RATE", id, nm);
-        throw CDisconnectException("initial baud rate");
+        return false;
     }
     MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", id, nm, m_address.c_str());
     if (!sendRequest("Open Consumer Session")) {
         // A line that was hung up (an adapter unplugged, a modem or a pseudo-
         // terminal gone) stays dead on the old descriptor: close it so the next
         // cycle opens the device node afresh.
+        // The cycle ends at the device time, which cannot be read without a session.
         m_connector->close_device();
-        throw CDisconnectException("no answer to the sign-on");
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO ANSWER TO THE SIGN-ON", id, nm);
+        return false;
     }
     m_proto->setSpeedSymbol(m_deviceSpeed);
-    if (!sendRequest("Ack Consumer Options"))
-        throw CDisconnectException("options not acknowledged");
+    if (!sendRequest("Ack Consumer Options")) {
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - OPTIONS NOT ACKNOWLEDGED", id, nm);
+        return false;
+    }
+    m_signedOn = true;
     return session_open();
 }
 
@@ -323,12 +343,18 @@ bool CmtdEK2xxTC2xx::session_open() {
 }
 
 void CmtdEK2xxTC2xx::session_close() {
-    if (m_proto && m_connector && m_connector->is_open())
+    // Also after a sign-on that got no answer: the device may have heard it.
+    if (m_proto && m_connector && m_connector->is_open()) {
         sendRequest("Close Session");
+        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::session_close() - break sent", logId(), driverName());
+    }
+    m_signedOn = false;
+    m_consumerLockState.clear();
+    m_supplierLockState.clear();
 }
 
 void CmtdEK2xxTC2xx::cycle_end() {
-    session_close();
+    // The break went out before the turn was given back (session_close).
     MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::cycle_end() - session closed", logId(), driverName());
 }
 
@@ -341,10 +367,16 @@ bool CmtdEK2xxTC2xx::openSupplierAccess() {
 }
 
 bool CmtdEK2xxTC2xx::openLock(bool supplier) {
-    if (sendRequest(supplier ? "Check Supplier Lock" : "Check Consumer Lock"))
+    std::string& state = supplier ? m_supplierLockState : m_consumerLockState;
+    m_lockState.clear();
+    const bool open = sendRequest(supplier ? "Check Supplier Lock" : "Check Consumer Lock");
+    state = m_lockState;
+    if (open)
         return true;
-    if (!m_lockState.empty() && m_lockState != "0")
-        return false;  // no answer at all, or an error code
+    // Only a lock the device reports closed gets the password: not one that
+    // gave no answer, nor an error code.
+    if (state != "0")
+        return false;
     return sendRequest(supplier ? "Write Supplier Password" : "Write Consumer Password",
                        supplier ? m_supplierPassword : m_consumerPassword);
 }
@@ -475,6 +507,8 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
     const char* nm = driverName();
     MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_all_system_values() ----------------------------", id, nm);
     std::vector<CValueRecord> out;
+    m_kcMode = -1;
+    m_hasPassport = false;
     time_t now = 0;
     deviceTime(now);
     auto add = [&](const char* name, const std::string& value) {
@@ -492,7 +526,6 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
         if (!given.empty() && m_value != given) {
             MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
                     id, nm, m_value.c_str(), given.c_str());
-            session_close();
             throw CWrongPacketException("serial number mismatch");
         }
         add("SerialNumber", m_value);
@@ -668,8 +701,13 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     m_events = archType == ARCH_JOURNAL_EVENT;
     m_fields = m_events ? &kEkEventFields : isTc() ? &kTcIntervalFields : &kEkIntervalFields;
     const std::string prefix = std::string("Read ") + kind;
-    if (!sendRequest(prefix + " Headers"))
-        throw CDisconnectException("archive headers");
+    // A device without this archive (it answers with an error code, or not at
+    // all) costs this archive only: the cycle goes on to the next one.
+    if (!sendRequest(prefix + " Headers")) {
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - CAN'T READ %s HEADERS, ARCHIVE SKIPPED !!!", id, nm,
+                archTypeName(archType));
+        return;
+    }
     if (m_headerCount != m_fields->size()) {
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - REAL HEADERS COUNT %d DOESN'T MATCH DATA RECORDS GIVEN COUNT %d !!!",
                 id, nm, static_cast<int>(m_headerCount), static_cast<int>(m_fields->size()));
@@ -864,6 +902,18 @@ void CmtdEK2xxTC2xx::writeGasPasport() {
     if (!GetGasPassportParams(values))
         return;
     MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::writeGasPasport() ----------------------------------", id, nm);
+    // In a K calculation mode without gas analysis the device does not use the
+    // passport: nothing is written (the request file is gone all the same).
+    if (!isTc() && !m_hasPassport) {
+        if (m_model == EK270)
+            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.",
+                    id, nm, m_kcMode);
+        else
+            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.",
+                    id, nm, m_kcMode);
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+        return;
+    }
     if (isTc() || !openSupplierAccess()) {
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - CAN'T OPEN SUPPLIER LOCK", id, nm);
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);

@@ -64,7 +64,8 @@ private:
     // Sends the named row (with `data` for rows that take an argument) and runs its parser.
     bool sendRequest(const std::string& name, const std::string& data = std::string());
     bool session_open();
-    void session_close();
+    // The break: the device ends the session and closes both locks.
+    void session_close() override;
     bool openConsumerAccess();
     bool openSupplierAccess();
     bool openLock(bool supplier);
@@ -103,11 +104,14 @@ private:
 
     // From the device.
     char m_deviceSpeed = '5';
-    std::string m_lockState;
+    bool m_signedOn = false;      // sign-on and option select answered in this session
+    std::string m_lockState;      // of the last lock check; "" when it got no answer
+    // Per lock, for this session only: "1" open, "0" closed, "" not known.
+    std::string m_consumerLockState, m_supplierLockState;
     std::string m_value, m_unit;  // of the last parseResponse
     int m_rateHour = -1;
     int m_archPeriodMin = 0;
-    int m_kcMode = 0;
+    int m_kcMode = -1;  // -1 until read in this cycle
     bool m_hasPassport = false;
     int m_passPUnit = 0;  // DataUnit of PassP, learnt from the current values
 

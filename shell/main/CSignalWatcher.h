@@ -15,20 +15,22 @@
 #include <mutex>
 #include <thread>
 
-class CSignalWatcher {
+#include "shell/main/CStopSource.h"
+
+class CSignalWatcher : public CStopSource {
 public:
     CSignalWatcher();
-    ~CSignalWatcher();
+    ~CSignalWatcher() override;
     CSignalWatcher(const CSignalWatcher&) = delete;
     CSignalWatcher& operator=(const CSignalWatcher&) = delete;
 
     // False when the signalfd or the wake pipe could not be made (logged).
     bool ok() const { return m_ok; }
-    bool stopRequested() const { return m_stop.load(); }
+    bool stopRequested() const override { return m_stop.load(); }
     // Raised with the first signal; the host link's retry loops watch it.
     const std::atomic<bool>& stopFlag() const { return m_stop; }
     // Sleeps up to `d` or until a stop is asked; true when stopping.
-    bool waitStop(std::chrono::milliseconds d);
+    bool waitStop(std::chrono::milliseconds d) override;
 
 private:
     void run();

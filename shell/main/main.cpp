@@ -24,6 +24,7 @@
 #include "shell/Defaults.h"
 #include "shell/logger.h"
 #include "shell/main/CCommandLine.h"
+#include "shell/main/CMtdMainLoop.h"
 #include "shell/main/CSignalWatcher.h"
 #include "transport/CConnector.h"
 
@@ -162,34 +163,9 @@ int main(int argc, char** argv) {
         links.push_back(std::move(rpc));
     }
 
-    // Turn-taking: one driver at a time holds the shared line. The main thread
-    // looks every 5 s whether the driver has given its turn back; a stop wakes
-    // it at once.
-    const auto step = std::chrono::seconds(5);
-    while (!signals.stopRequested()) {
-        if (drivers.empty()) {
-            signals.waitStop(step);
-            continue;
-        }
-        for (auto& driver : drivers) {
-            driver->GiveTurn();
-            while (driver->HasTurn()) {
-                if (signals.waitStop(step))
-                    break;
-                for (auto& each : drivers)
-                    each->GetArchActual();
-            }
-            if (signals.stopRequested())
-                break;
-        }
-    }
-
-    MTD_LOG(Info, "main: stopping %zu driver(s).", drivers.size());
-    for (auto& driver : drivers) {
-        driver->StopPolling();
-        driver.reset();
-    }
-    drivers.clear();
+    CMtdMainLoop loop(drivers, signals);
+    loop.run();
+    loop.stopDrivers();
     links.clear();
     connector.reset();
     MTD_LOG(Info, "main: stopped.");

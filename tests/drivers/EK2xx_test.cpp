@@ -10,9 +10,11 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "framework/Exceptions.h"
+#include "storage/GasFileConnector.h"
 #include "shell/logger.h"
 #include "tools/metersim/CMeterSim.h"
 #include "transport/CConnector.h"
@@ -50,6 +52,20 @@ private:
     std::vector<std::string> m_lines;
 };
 
+// The polling thread's clock for a device whose clock stands still: a wait
+// for a later time only ends when the thread is stopped.
+class StillClock : public CMtdClock {
+public:
+    explicit StillClock(time_t t) : m_now(t) {}
+    time_t now() const override { return m_now; }
+    std::chrono::system_clock::time_point deadlineFor(time_t) const override {
+        return std::chrono::system_clock::now() + std::chrono::hours(1);
+    }
+
+private:
+    time_t m_now;
+};
+
 struct Rig {
     Log log;
     std::string dir;
@@ -57,7 +73,8 @@ struct Rig {
     std::unique_ptr<CConnector> conn;
     CmtdEK2xxTC2xx driver;
 
-    Rig(SMeterSimConfig cfg, int model, const std::string& serial = "12345678")
+    Rig(SMeterSimConfig cfg, int model, const std::string& serial = "12345678", const ConfigMap& extra = {},
+        const std::string& timeoutMs = "300")
         : sim([&] {
               cfg.timing = false;
               cfg.now = kStart;
@@ -72,12 +89,14 @@ struct Rig {
         EXPECT_TRUE(sim.start());
         LedPaths leds;
         leds.transmit = leds.receive = dir + "/led";
-        PortParams port{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", "300"}};
+        PortParams port{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", timeoutMs}};
         conn = std::make_unique<CConnector>(port, leds);
         EXPECT_TRUE(conn->open_device());
         CDeviceConfig config;
         config.meter_id = "42";
         config.params = {{"speed", "9600"}, {"systems", "3;"}, {"manufacturer", "ek270"}};
+        for (const auto& kv : extra)
+            config.params[kv.first] = kv.second;
         config.speed = 9600;
         config.password1 = "00000000";
         config.password2 = "11111111";
@@ -89,7 +108,36 @@ struct Rig {
         driver.setPaths(paths);
         driver.SaveConnector(conn.get());
     }
-    ~Rig() { std::system(("rm -rf '" + dir + "'").c_str()); }
+    ~Rig() {
+        driver.StopPolling();
+        std::system(("rm -rf '" + dir + "'").c_str());
+    }
+    // The protocol's pauses between send and reply, skipped (the simulator answers at once).
+    void noPauses() { driver.protocol()->setSleep([](std::chrono::milliseconds) {}); }
+    // Runs the driver's polling thread on a clock standing at the device's start time.
+    // `pauses`: keep the protocol's pauses, so frames reach the simulator one by
+    // one (the queue flushed before each send could otherwise cut one short).
+    void startThread(bool pauses = false) {
+        std::system(("mkdir -p '" + dir + "/storage'").c_str());
+        driver.setClock(std::make_shared<StillClock>(kStart));
+        if (!pauses)
+            noPauses();
+        driver.Start();
+    }
+    bool runCycle() {
+        driver.GiveTurn();
+        return driver.WaitTurnReturned(std::chrono::seconds(60));
+    }
+    // The simulator's count of session ends once it has taken in what was sent.
+    int breaksSeen(int expected) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (sim.breaksSeen() < expected && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        return sim.breaksSeen();
+    }
+    time_t lastStored(int type) {
+        return GasFileConnector("42", dir + "/storage/", dir + "/").GetLastTimestamp(type);
+    }
 };
 
 std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
@@ -239,6 +287,122 @@ TEST(EK2xx, GasPassportWrittenBehindTheSupplierLock) {
     EXPECT_NEAR(std::stod(rig.sim.registerValue("7:314_1.0")), 1.0332 / 1.0197162, 1e-4);  // bar
     EXPECT_EQ(rig.log.count("CAN'T WRITE"), 0);
     EXPECT_EQ(rig.sim.registerValue("3:170.0"), "1");
+}
+
+// A device that keeps no event journal (its headers come back as an error
+// code): the daily and hourly archives are still read and stored, and the
+// cycle ends with the session closed.
+TEST(EK2xx, DeviceWithoutOneArchiveStillReadsTheOthersAndClosesTheSession) {
+    SMeterSimConfig cfg;
+    cfg.errorRegisters = {"4:V.2"};
+    Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
+    rig.startThread();
+    ASSERT_TRUE(rig.runCycle());
+    EXPECT_TRUE(rig.driver.CycleDone());
+    EXPECT_EQ(rig.lastStored(ARCH_DAILY), kStart - 4 * 3600 - 900);   // today's 06:00
+    EXPECT_EQ(rig.lastStored(ARCH_HOURLY), kStart - 900);             // 10:00
+    EXPECT_EQ(rig.lastStored(ARCH_JOURNAL_EVENT), 0);
+    EXPECT_EQ(rig.log.count("CAN'T READ Journal_Event_JSONRPC HEADERS, ARCHIVE SKIPPED"), 1);
+    EXPECT_EQ(rig.breaksSeen(1), 1);
+    EXPECT_EQ(rig.sim.registerValue("4:170.0"), "0");
+}
+
+// A stop while the meter keeps the driver waiting for an answer: the read is
+// cut short, the session is closed, and the stop does not sit out the 20 s
+// read time-out (three attempts of it).
+TEST(EK2xx, StopInTheMiddleOfACycleClosesTheSessionPromptly) {
+    SMeterSimConfig cfg;
+    cfg.silentAfter = 5;  // the sixth request and its two repeats go unanswered
+    cfg.silentCount = 3;
+    Rig rig(cfg, CmtdEK2xxTC2xx::EK270, "12345678", {}, "20000");
+    rig.startThread(true);
+    rig.driver.GiveTurn();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (rig.sim.requestsSeen() < 6 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    ASSERT_GE(rig.sim.requestsSeen(), 6);
+    const auto stopAt = std::chrono::steady_clock::now();
+    rig.driver.StopPolling();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::seconds(10));
+    EXPECT_EQ(rig.breaksSeen(1), 1);
+}
+
+// The passport is written only in a K calculation mode that uses it (EK270:
+// 2 or 7, EK260: 2 or 1); otherwise nothing reaches the device, and the
+// request file is removed all the same.
+TEST(EK2xx, PassportWriteFollowsTheKCalculationMode) {
+    const struct {
+        int model;
+        const char* simModel;
+        int kMode;
+        bool written;
+        const char* line;
+    } rows[] = {
+        {CmtdEK2xxTC2xx::EK270, "EK270", 3, false, "EK270 - NO GAS PASSPORT IN _KcMode = 3. Must be 2 or 7."},
+        {CmtdEK2xxTC2xx::EK270, "EK270", 7, true, nullptr},
+        {CmtdEK2xxTC2xx::EK260, "EK260", 1, true, nullptr},
+        {CmtdEK2xxTC2xx::EK260, "EK260", 7, false, "EK260 - NO GAS PASSPORT IN _KcMode = 7. Must be 2 or 1."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.simModel) + " mode " + std::to_string(row.kMode));
+        SMeterSimConfig cfg;
+        cfg.model = row.simModel;
+        cfg.kMode = row.kMode;
+        Rig rig(cfg, row.model);
+        rig.noPauses();
+        const std::string before = rig.sim.registerValue("11:314.0");
+        std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8"})";
+        ASSERT_TRUE(rig.driver.init());
+        rig.driver.get_all_system_values();
+        rig.driver.writeGasPasport();
+        EXPECT_EQ(rig.sim.registerValue("11:314.0"), row.written ? "0.8" : before);
+        EXPECT_EQ(rig.sim.registerValue("3:170.0"), row.written ? "1" : "0");
+        if (row.line) {
+            EXPECT_EQ(rig.log.count(std::string("writeGasPasport() - ") + row.line), 1);
+        }
+        EXPECT_FALSE(std::ifstream(rig.dir + "/gmd_set_value_42").good());
+    }
+}
+
+// A supplier lock check that gets no answer says nothing about that lock: the
+// consumer lock's "0" earlier in the session must not make the driver send the
+// supplier password.
+TEST(EK2xx, SupplierPasswordOnlyForASupplierLockReportedClosed) {
+    SMeterSimConfig cfg;
+    cfg.silentAfter = 11;  // sign-on .. K mode answered, then silence for the supplier check
+    Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
+    rig.noPauses();
+    std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8"})";
+    ASSERT_TRUE(rig.driver.init());
+    EXPECT_EQ(rig.log.count("lock status = '0'"), 1);  // the consumer lock, then opened with its password
+    rig.driver.get_all_system_values();
+    rig.driver.writeGasPasport();
+    EXPECT_EQ(rig.log.count("CAN'T OPEN SUPPLIER LOCK"), 1);
+    EXPECT_EQ(rig.log.count("send('Write Supplier Password')"), 0);
+}
+
+// The device clock runs on local time (pu_TZ hours east of UTC): its readings
+// become Unix times by taking the offset off, and archive windows go to the
+// device with it added.
+TEST(EK2xx, MeterTimeZoneOffsetBothWays) {
+    for (int tz : {3, -5}) {
+        SCOPED_TRACE("pu_TZ " + std::to_string(tz));
+        const time_t offset = static_cast<time_t>(tz) * 3600;
+        Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK270, "12345678", {{"pu_TZ", std::to_string(tz)}});
+        rig.noPauses();
+        ASSERT_TRUE(rig.driver.init());
+        auto cur = byName(rig.driver.get_all_curtime_cur_integ_values());
+        EXPECT_EQ(cur["DateTime"].value, "2024-05-01,10:15:00");
+        EXPECT_EQ(cur["DateTime"].timestamp, kStart - offset);
+
+        // 07:00 .. 09:00 on the device clock, asked for in Unix time.
+        std::vector<ArchiveRecord> hourly;
+        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 900 - 3 * 3600 - offset, kStart - 900 - 3600 - offset, hourly);
+        ASSERT_EQ(hourly.size(), 3u);
+        EXPECT_EQ(hourly.front().timestamp, kStart - 900 - 3 * 3600 - offset);
+        EXPECT_EQ(hourly.back().timestamp, kStart - 900 - 3600 - offset);
+        EXPECT_EQ(rig.log.count("is out of"), 0);  // the device sent only what was asked for
+    }
 }
 
 }  // namespace

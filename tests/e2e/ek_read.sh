@@ -28,6 +28,9 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     start_bg "$WORK/$id.log" "$MTD_MAIN" -e -v 7 -i "$id"
     local pid=$BG_PID
     check "$model: first cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session closed' 1 30
+    # Counted now: the checks below can take longer than the 5 s to the next cycle.
+    local first
+    first=$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)
     check "$model: model read" grep -q "receive('Read Meter Model'): Recv: .*1:181.0($model)" "$WORK/$id.log"
     check "$model: serial read" grep -q "receive('Read Serial Number'): Recv: .*1:180.0(5${seed}0${seed})" "$WORK/$id.log"
     check "$model: firmware read" grep -q "receive('Read Firmware'): Recv: .*2:190.0(2.52)" "$WORK/$id.log"
@@ -42,8 +45,6 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
         Vstd=123456.7891 Vw=100001.5 Vstd.crash=12.5000 Vw.crash=7.4700 T=-3.25 "P=$p" Kcorr=1.6734 Kcomp=1.0023 \
         PassT=20.00 "PassP=$pass_p" PassCO2=0.612 PassH2=0.000 PassN2=0.900 PassS=0.6800 "${extra[@]}"
     check "$model: archives of the first cycle" ek_check_archives "$WORK/$id.log" "$id" "$model" "${sim[@]}"
-    local first
-    first=$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)
     check "$model: second cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session closed' 2 20
     check "$model: second cycle stored a new hourly batch" \
         test "$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)" -gt "$first"

@@ -106,6 +106,10 @@ public:
             }
         }
     }
+    void session_close() override {
+        ++sessionCloses;
+        turnHeldAtClose = HasTurn();
+    }
     std::vector<ArchCall> callsOf(int type) {
         std::lock_guard<std::mutex> lock(mutex);
         std::vector<ArchCall> result;
@@ -119,6 +123,8 @@ public:
     std::atomic<int> ownLine{0};
     std::atomic<bool> overlap{false};
     std::atomic<int> cycles{0};
+    std::atomic<int> sessionCloses{0};
+    std::atomic<bool> turnHeldAtClose{false};
     std::vector<time_t> hourlyRecords;
     std::atomic<bool> throwInHourly{false};
     bool flushBlocks = false;
@@ -161,27 +167,33 @@ bool runCycle(CMtdBaseDriver& d) {
     return d.WaitTurnReturned(seconds(5));
 }
 
+// The day start of the first run is the last midnight moved back by the
+// contract hour: 06:00 contract hour starts the windows six hours earlier.
 TEST(PollingThread, FirstRunFromEmptyStoreReadsFifteenDaysHourlySixtyTwoDaysDaily) {
     const time_t now = kMidnight + 12 * 3600 + 34 * 60 + 56;
-    Fixture f(now);
-    ScriptedDriver d;
-    f.start(d, "1001");
-    ASSERT_TRUE(runCycle(d));
+    for (int rateHour : {0, 6}) {
+        SCOPED_TRACE("rate_hour " + std::to_string(rateHour));
+        const time_t dayStart = kMidnight - rateHour * 3600;
+        Fixture f(now);
+        ScriptedDriver d;
+        f.start(d, "1001", {{"rate_hour", std::to_string(rateHour)}});
+        ASSERT_TRUE(runCycle(d));
 
-    const struct {
-        int type;
-        time_t from;
-    } expected[] = {
-        {ARCH_HOURLY, kMidnight - 15 * 86400},
-        {ARCH_DAILY, kMidnight - 62 * 86400},
-        {ARCH_JOURNAL_EVENT, kMidnight - 62 * 86400},
-        {ARCH_JOURNAL_INTERVENT, kMidnight - 62 * 86400},
-    };
-    for (const auto& e : expected) {
-        auto calls = d.callsOf(e.type);
-        ASSERT_EQ(calls.size(), 1u) << archTypeName(e.type);
-        EXPECT_EQ(calls[0].from, e.from) << archTypeName(e.type);
-        EXPECT_EQ(calls[0].to, now) << archTypeName(e.type);
+        const struct {
+            int type;
+            time_t from;
+        } expected[] = {
+            {ARCH_HOURLY, dayStart - 15 * 86400},
+            {ARCH_DAILY, dayStart - 62 * 86400},
+            {ARCH_JOURNAL_EVENT, dayStart - 62 * 86400},
+            {ARCH_JOURNAL_INTERVENT, dayStart - 62 * 86400},
+        };
+        for (const auto& e : expected) {
+            auto calls = d.callsOf(e.type);
+            ASSERT_EQ(calls.size(), 1u) << archTypeName(e.type);
+            EXPECT_EQ(calls[0].from, e.from) << archTypeName(e.type);
+            EXPECT_EQ(calls[0].to, now) << archTypeName(e.type);
+        }
     }
 }
 
@@ -253,6 +265,9 @@ TEST(PollingThread, ExceptionEndsTheCycleAndKeepsWhatWasStoredAndTheSchedule) {
 
     ASSERT_TRUE(runCycle(d));
     EXPECT_FALSE(d.CycleDone());
+    // The session opened by init() is closed before the line is given up, also here.
+    EXPECT_EQ(d.sessionCloses.load(), 1);
+    EXPECT_TRUE(d.turnHeldAtClose.load());
     EXPECT_EQ(f.lastStored("1005", ARCH_HOURLY), kMidnight + 11 * 3600);
     EXPECT_EQ(d.nextHourly(), kMidnight + 12 * 3600);
     EXPECT_TRUE(d.callsOf(ARCH_JOURNAL_EVENT).empty());  // the cycle ended at the exception
@@ -260,6 +275,8 @@ TEST(PollingThread, ExceptionEndsTheCycleAndKeepsWhatWasStoredAndTheSchedule) {
     d.hourlyRecords.clear();
     ASSERT_TRUE(runCycle(d));
     EXPECT_TRUE(d.CycleDone());
+    EXPECT_EQ(d.sessionCloses.load(), 2);
+    EXPECT_TRUE(d.turnHeldAtClose.load());
     auto calls = d.callsOf(ARCH_HOURLY);
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].from, kMidnight + 12 * 3600);

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -232,6 +234,54 @@ TEST(CJSONRPCConnector, RetriesUntilHostServiceComesUp)
     for (size_t i = 1; i < failures.size(); ++i)
         EXPECT_GE(failures[i].at - failures[i - 1].at, milliseconds(5));
     EXPECT_EQ(sim.requests().size(), 1u);
+}
+
+// The pause between attempts is 5 ms although the lines say "wait 5 sec":
+// twenty failed exchanges with the host service, and the sensors service's
+// fifty attempts, take well under the bound (a 5 s pause would need minutes).
+TEST(CJSONRPCConnector, RetryPauseIsMillisecondsNotSeconds)
+{
+    LogWatch log;
+    RefusingPort down;
+    CJSONRPCConnector link("42", down.url(), down.url());
+    std::atomic<bool> cancel{false};
+    link.setCancelFlag(&cancel);
+    const auto bound = std::chrono::seconds(5);
+
+    const auto start = std::chrono::steady_clock::now();
+    std::thread caller([&] {
+        Json::Value reply;
+        link.SendParameters("{}\n", reply);
+    });
+    const bool twenty = log.waitFor("Error while sending data! retry!!! wait 5 sec.", 20, bound);
+    const auto took = std::chrono::steady_clock::now() - start;
+    cancel = true;
+    caller.join();
+    EXPECT_TRUE(twenty);
+    EXPECT_LT(took, bound);
+
+    // Fifty sensor attempts; a watchdog raises the cancel flag at the bound so
+    // that a slow pause fails the test instead of holding it for minutes.
+    cancel = false;
+    std::mutex mutex;
+    std::condition_variable doneCv;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!doneCv.wait_for(lock, bound, [&] { return done; }))
+            cancel = true;
+    });
+    const auto sensorsStart = std::chrono::steady_clock::now();
+    EXPECT_FALSE(link.ExecSensorsJSONRPCFunc(true, 1));
+    const auto sensorsTook = std::chrono::steady_clock::now() - sensorsStart;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+    }
+    doneCv.notify_all();
+    watchdog.join();
+    EXPECT_EQ(log.count("CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR SENDING DATA = 7"), 50u);
+    EXPECT_LT(sensorsTook, bound);
 }
 
 TEST(CJSONRPCConnector, NonJsonReplyIsLoggedAndRetried)

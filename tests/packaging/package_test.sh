@@ -20,7 +20,7 @@ depends=$(dpkg-deb -f "$daemon" Depends)
 for lib in libcurl libjsoncpp libmodbus; do
   grep -q "$lib" <<<"$depends" || fail "Depends lacks $lib: $depends"
 done
-dpkg-deb -I "$daemon" | grep -q postinst || fail "no postinst"
+grep -q postinst <<<"$(dpkg-deb -I "$daemon")" || fail "no postinst"  # no pipe: grep -q would cut it short (SIGPIPE under pipefail)
 
 tools=$(ls "$work"/mtd-main-tools_*.deb 2>/dev/null | head -n1)
 if [ -n "$tools" ]; then

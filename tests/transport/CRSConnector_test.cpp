@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <termios.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "TransportTestSupport.h"
@@ -43,8 +45,41 @@ protected:
     PtyPair pty;
 };
 
-// A pseudo-terminal forces CS8 and clears PARENB whatever it is given; the
-// odd-parity and stop-bit flags, the speed and VTIME are kept and read back.
+// The character format, which a pseudo-terminal cannot carry (it forces CS8
+// and clears PARENB), checked on the settings the port is given.
+TEST(RSConnectorLine, CharacterFormatFromDataParityStop) {
+    const struct {
+        const char* legend;
+        PortParams params;
+        tcflag_t size, parity, stop;
+    } rows[] = {
+        {"nothing given: 8N1", {}, CS8, 0, 0},
+        {"7E1", {{"data", "7"}, {"parity", "E"}, {"stop", "1"}}, CS7, PARENB, 0},
+        {"8O2", {{"data", "8"}, {"parity", "O"}, {"stop", "2"}}, CS8, PARENB | PARODD, CSTOPB},
+        {"7N2", {{"data", "7"}, {"parity", "N"}, {"stop", "2"}}, CS7, 0, CSTOPB},
+        {"6 and 5 data bits", {{"data", "6"}}, CS6, 0, 0},
+        {"5 data bits", {{"data", "5"}}, CS5, 0, 0},
+        {"9 data bits give 8", {{"data", "9"}}, CS8, 0, 0},
+        {"4 data bits give 8", {{"data", "4"}}, CS8, 0, 0},
+        {"lower-case e is no parity", {{"data", "7"}, {"parity", "e"}}, CS7, 0, 0},
+        {"lower-case o is no parity", {{"parity", "o"}}, CS8, 0, 0},
+        {"stop 1.5 is one stop bit", {{"stop", "1.5"}}, CS8, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.legend);
+        termios tio;
+        CRSConnector::lineSettings(row.params, 5000, tio);
+        EXPECT_EQ(row.size, tio.c_cflag & CSIZE);
+        EXPECT_EQ(row.parity, tio.c_cflag & (PARENB | PARODD));
+        EXPECT_EQ(row.stop, tio.c_cflag & CSTOPB);
+        EXPECT_EQ(tcflag_t(CLOCAL | CREAD), tio.c_cflag & (CLOCAL | CREAD));
+        EXPECT_EQ(0u, tio.c_iflag);
+        EXPECT_EQ(0u, tio.c_lflag);
+    }
+}
+
+// A pseudo-terminal keeps the odd-parity and stop-bit flags, the speed and
+// VTIME: those are read back from the open port.
 constexpr tcflag_t kPtyKeeps = PARODD | CSTOPB;
 
 TEST_F(RSConnectorTest, LineSettingsFromParameters) {
@@ -60,12 +95,8 @@ TEST_F(RSConnectorTest, LineSettingsFromParameters) {
         {"rate not in the table", {{"speed", "12345"}}, B9600, CS8, 50},
         {"not a number", {{"speed", "fast"}}, B9600, CS8, 50},
         {"115200", {{"speed", "115200"}}, B115200, CS8, 50},
-        {"7E1", {{"data", "7"}, {"parity", "E"}, {"stop", "1"}}, B9600, CS7 | PARENB, 50},
         {"odd, two stop bits", {{"data", "8"}, {"parity", "O"}, {"stop", "2"}}, B9600, CS8 | PARENB | PARODD | CSTOPB,
          50},
-        {"9 data bits give 8", {{"data", "9"}}, B9600, CS8, 50},
-        {"5 data bits", {{"data", "5"}}, B9600, CS5, 50},
-        {"lower-case odd parity is no parity", {{"parity", "o"}}, B9600, CS8, 50},
         {"250 ms: VTIME 2", {{"timeout", "250"}}, B9600, CS8, 2},
         {"long time-out clamps VTIME", {{"timeout", "60000"}}, B9600, CS8, 255},
     };
@@ -91,11 +122,35 @@ TEST_F(RSConnectorTest, ReadBufferReturnsWhatArrivedOrMinusOneAfterTheTimeout) {
     EXPECT_EQ(3, c->ReadBuffer(buf, sizeof buf, true));
     EXPECT_EQ(0x31, buf[2]);
 
+    // The line carries the wait's result and errno as it stands (a time-out leaves it alone).
     auto start = Clock::now();
+    errno = EAGAIN;
     EXPECT_EQ(-1, c->ReadBuffer(buf, sizeof buf, true));
     EXPECT_GE(elapsedMs(start), 150);
     EXPECT_LT(elapsedMs(start), 1000);
-    EXPECT_EQ(1, log.count(logger::ERR, "CRSConnector::ReadBuffer - Timeout receiving data. 0 - 0"));
+    EXPECT_EQ(1, log.count(logger::ERR, "CRSConnector::ReadBuffer - Timeout receiving data. 0 - " + std::to_string(EAGAIN)));
+}
+
+// A raised abort flag ends a read long before its time-out, whether it was
+// raised before the read or while it waits.
+TEST_F(RSConnectorTest, AbortFlagCutsAReadShort) {
+    auto c = openWith({{"timeout", "20000"}});
+    std::atomic<bool> abort{true};
+    c->SetAbortFlag(&abort);
+    unsigned char buf[4];
+    EXPECT_EQ(-1, c->ReadBuffer(buf, sizeof buf, true));
+    EXPECT_EQ(1, log.count(logger::ERR, "CRSConnector::ReadBuffer - Timeout receiving data. -1 - " + std::to_string(ECANCELED)));
+
+    abort = false;
+    auto start = Clock::now();
+    std::thread raise([&] { abort = true; });
+    EXPECT_EQ(-1, c->ReadBufferCycle(buf, sizeof buf, true, 0));
+    raise.join();
+    EXPECT_LT(elapsedMs(start), 5000);
+
+    c->SetAbortFlag(nullptr);
+    pty.send({0x06});
+    EXPECT_EQ(1, c->ReadBuffer(buf, sizeof buf, true));
 }
 
 TEST_F(RSConnectorTest, ReadBufferCycleCountsSilence) {

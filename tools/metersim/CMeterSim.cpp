@@ -382,6 +382,7 @@ void CMeterSim::handleCommand(const std::string& frame) {
     }
     std::string cmd = frame.substr(1, 2);
     if (cmd == "B0") {
+        ++m_breaks;
         m_state = State::Idle;
         m_consumerOpen = m_supplierOpen = false;
         m_pending.clear();
@@ -402,7 +403,7 @@ void CMeterSim::handleCommand(const std::string& frame) {
     m_inArchive = false;
     m_pending.clear();
     if (cmd == "R1" || cmd == "R3") {
-        if (address.find(":V.") != std::string::npos) {
+        if (address.find(":V.") != std::string::npos && !m_cfg.errorRegisters.count(address)) {
             handleArchive(cmd[1], address, data);
             return;
         }

@@ -52,6 +52,8 @@ public:
     // Value of a register as a read would return it (without the unit).
     std::string registerValue(const std::string& address) const;
     int requestsSeen() const { return m_requests.load(); }
+    // Session ends (B0) received.
+    int breaksSeen() const { return m_breaks.load(); }
 
     // Record texts of an archive (3, 4, 5, 7) between two device times, inclusive.
     std::vector<std::string> archiveRecords(int archive, std::time_t from, std::time_t to) const;
@@ -88,6 +90,7 @@ private:
     std::thread m_thread;
     std::atomic<int> m_baud{9600};
     std::atomic<int> m_requests{0};
+    std::atomic<int> m_breaks{0};
     std::time_t m_clockStart = 0;
     std::chrono::steady_clock::time_point m_steadyStart;
 

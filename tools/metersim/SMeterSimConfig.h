@@ -22,7 +22,8 @@ struct SMeterSimConfig {
     std::string firmware = "2.52";
     // Register values given by address ("6:210.0" -> "1.7"); the rest are made up.
     std::map<std::string, std::string> values;
-    std::set<std::string> errorRegisters;  // answered "(#0001)" instead of a value
+    // Answered "(#0001)" instead of a value; an archive column ("4:V.2") too.
+    std::set<std::string> errorRegisters;
 
     int archiveDays = 3;                // archive history before the clock start
     std::time_t now = 0;                // device clock at start; 0 = the system time

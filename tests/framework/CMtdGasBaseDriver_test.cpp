@@ -1,0 +1,85 @@
+// Removing the passport file: every way it can go ends in one of its two log lines.
+#include "framework/CMtdGasBaseDriver.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "shell/logger.h"
+
+namespace {
+
+class PassportDriver : public gas::CMtdGasBaseDriver {
+public:
+    PassportDriver(const std::string& id, const std::string& controlDir) {
+        CDeviceConfig config;
+        config.meter_id = id;
+        save_init_params(config);
+        DriverPaths p;
+        p.controlDir = controlDir;
+        setPaths(p);
+    }
+    using gas::CMtdGasBaseDriver::RemovePasportFile;
+};
+
+struct Lines {
+    logger log{"/dev/null", false};
+    std::mutex mutex;
+    std::vector<std::pair<int, std::string>> lines;
+    Lines() {
+        log.setLevel(logger::DEBUG);
+        log.setObserver([this](int severity, const std::string& text) {
+            std::lock_guard<std::mutex> lock(mutex);
+            lines.emplace_back(severity, text);
+        });
+        g_logger = &log;
+    }
+    ~Lines() { g_logger = nullptr; }
+};
+
+TEST(GasBaseDriver, RemovePasportFileLogsEveryOutcome) {
+    char tmpl[] = "/tmp/mtd_passport_XXXXXX";
+    const std::string dir = std::string(mkdtemp(tmpl)) + "/";
+    // A control directory so deep that the passport path passes 256 bytes.
+    const std::string deep = dir + std::string(200, 'd') + "/";
+    std::system(("mkdir -p '" + deep + "'").c_str());
+    std::ofstream(dir + "gmd_set_value_7");
+    std::ofstream(deep + "gmd_set_value_12345678901234567890123456789012345678901234567890");
+
+    const struct {
+        const char* legend;
+        std::string id, controlDir;
+        int severity;
+        const char* text;
+        std::string leftBehind;  // a file that must still exist afterwards
+    } rows[] = {
+        {"file removed", "7", dir, logger::DEBUG, "passport file delete successful [", ""},
+        {"no file", "8", dir, logger::ERR, "passport file not delete [", ""},
+        {"unsafe identifier", "../7", dir, logger::ERR, "passport file not delete [", ""},
+        {"path over 256 bytes", "12345678901234567890123456789012345678901234567890", deep, logger::ERR,
+         "passport file not delete [", deep + "gmd_set_value_12345678901234567890123456789012345678901234567890"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.legend);
+        Lines lines;
+        PassportDriver driver(row.id, row.controlDir);
+        driver.RemovePasportFile();
+        ASSERT_EQ(lines.lines.size(), 1u);
+        EXPECT_EQ(lines.lines[0].first, row.severity);
+        EXPECT_NE(lines.lines[0].second.find(std::string("CMtdGasBaseDriver::RemovePasportFile ") + row.text),
+                  std::string::npos)
+            << lines.lines[0].second;
+        if (!row.leftBehind.empty()) {
+            EXPECT_TRUE(std::ifstream(row.leftBehind).good());
+        }
+    }
+    EXPECT_FALSE(std::ifstream(dir + "gmd_set_value_7").good());
+    std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+}  // namespace
