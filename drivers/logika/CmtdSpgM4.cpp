@@ -241,6 +241,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
     std::string nowText;
     deviceTime(now, nowText);
     auto add = [&](const char* name, const std::string& value) {
+        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_all_system_values() - %s = '%s'", id, nm, name, value.c_str());
         out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     M4::ParamValue v;
@@ -418,11 +419,13 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
                 archType, archTypeName(archType));
         return;
     }
+    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::get_arch_values(%s) ------------------------------------", id, nm,
+            archTypeName(archType));
     time_t now = 0;
     int rateHour = 0;
     GetTimestamps(now, rateHour);
     if (to > now) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", id,
+        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", id,
                 nm, static_cast<long long>(now));
         to = now;
     }
