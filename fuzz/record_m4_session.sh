@@ -20,31 +20,7 @@ trap stop_started EXIT
 start_bg "$WORK/sim" "$BUILD_DIR/mtd_m4sim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 \
     --address 1 --serial 74200 --now "$(ek_device_start 10)"
 wait_for "$WORK/sim" '^ready' 5 || { cat "$WORK/sim"; exit 1; }
-cat >"$WORK/relay.py" <<'PY'
-import os, pty, select, sys, tty
-meter_path, link, out = sys.argv[1:4]
-master, slave = pty.openpty()
-tty.setraw(slave)
-os.symlink(os.ttyname(slave), link)
-meter = os.open(meter_path, os.O_RDWR | os.O_NOCTTY)
-tty.setraw(meter)
-print("ready", flush=True)
-with open(out, "wb") as rec:
-    while True:
-        ready, _, _ = select.select([master, meter], [], [])
-        for fd in ready:
-            try:
-                data = os.read(fd, 4096)
-            except OSError:
-                continue
-            if fd == master:
-                os.write(meter, data)
-            else:
-                rec.write(data)
-                rec.flush()
-                os.write(master, data)
-PY
-start_bg "$WORK/relay" python3 "$WORK/relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
+start_bg "$WORK/relay" python3 "$ROOT/fuzz/line_relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
 wait_for "$WORK/relay" '^ready' 5 || { cat "$WORK/relay"; exit 1; }
 cat >"$WORK/host.json" <<JSON
 {"meters": {"7400": {"port_params": {"manufacturer": "spg742", "name": "$WORK/line", "speed": "9600",
