@@ -112,21 +112,9 @@ private:
     }
     uint32_t hourFlags(long long h) const { return mix(m_o.seed ^ (0xA5A5ULL + h)) % 17 == 0 ? 0x100u : 0u; }
 
-    struct tm local(time_t t) const {
-        struct tm tm {};
-        const time_t l = t + static_cast<time_t>(m_o.tzHours) * 3600;
-        gmtime_r(&l, &tm);
-        return tm;
-    }
+    struct tm local(time_t t) const { return m4sim::civil(t + static_cast<time_t>(m_o.tzHours) * 3600); }
     time_t fromLocal(const uint8_t* p) const {
-        struct tm tm {};
-        tm.tm_year = p[0] + 100;
-        tm.tm_mon = p[1] - 1;
-        tm.tm_mday = p[2];
-        tm.tm_hour = p[3];
-        tm.tm_min = p[4];
-        tm.tm_sec = p[5];
-        return timegm(&tm) - static_cast<time_t>(m_o.tzHours) * 3600;
+        return m4sim::fromCivil(2000 + p[0], p[1], p[2], p[3], p[4], p[5]) - static_cast<time_t>(m_o.tzHours) * 3600;
     }
 
     // The fields of an interval record ending at `t` covering `hours` hours.

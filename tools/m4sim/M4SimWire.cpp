@@ -22,6 +22,41 @@ uint8_t sumCheck(const uint8_t* data, size_t n) {
     return static_cast<uint8_t>(~s);
 }
 
+struct tm civil(time_t t) {
+    // Days since 1970-01-01 to year, month, day (proleptic Gregorian).
+    long long days = t / 86400, secs = t % 86400;
+    if (secs < 0) {
+        secs += 86400;
+        --days;
+    }
+    days += 719468;
+    const long long era = (days >= 0 ? days : days - 146096) / 146097;
+    const long long doe = days - era * 146097;
+    const long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const long long mp = (5 * doy + 2) / 153;
+    const long long d = doy - (153 * mp + 2) / 5 + 1;
+    const long long m = mp < 10 ? mp + 3 : mp - 9;
+    struct tm tm {};
+    tm.tm_year = static_cast<int>(yoe + era * 400 + (m <= 2 ? 1 : 0)) - 1900;
+    tm.tm_mon = static_cast<int>(m) - 1;
+    tm.tm_mday = static_cast<int>(d);
+    tm.tm_hour = static_cast<int>(secs / 3600);
+    tm.tm_min = static_cast<int>(secs % 3600 / 60);
+    tm.tm_sec = static_cast<int>(secs % 60);
+    return tm;
+}
+
+time_t fromCivil(int year, int month, int day, int hour, int minute, int second) {
+    const long long y = year - (month <= 2 ? 1 : 0);
+    const long long era = (y >= 0 ? y : y - 399) / 400;
+    const long long yoe = y - era * 400;
+    const long long doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    const long long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    const long long days = era * 146097 + doe - 719468;
+    return static_cast<time_t>(days * 86400 + hour * 3600 + minute * 60 + second);
+}
+
 void putLength(std::vector<uint8_t>& out, size_t length) {
     if (length < 0x80) {
         out.push_back(static_cast<uint8_t>(length));

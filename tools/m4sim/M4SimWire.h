@@ -31,6 +31,12 @@ struct Frame {
     std::vector<uint8_t> body;   // long: the body; short: bytes 3..6
 };
 
+// Calendar fields of Unix seconds and back, UTC, computed here rather than by
+// the C library: the library's time-zone state is shared with the daemon's
+// code when a test runs both in one process.
+struct tm civil(time_t t);
+time_t fromCivil(int year, int month, int day, int hour, int minute, int second);
+
 // Element writers, appending to `out`.
 void putLength(std::vector<uint8_t>& out, size_t length);
 void putU32(std::vector<uint8_t>& out, uint32_t v);               // 0x41
