@@ -395,10 +395,16 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::
                     id, nm, arch.kind, static_cast<long long>(rec.timestamp), static_cast<long long>(last));
             return false;
         }
-        if (arch.period && last > 0 && rec.timestamp - last > arch.period && last >= from)
-            MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: the meter holds no records from %lld to %lld",
+        // A hole inside one transfer ends it before the hole. The next read then
+        // starts at the missing time; if the meter answers again with the
+        // record after the hole first, the hole is its own (a power cut) and
+        // the archive goes on from there.
+        if (arch.period && last >= from && last > 0 && rec.timestamp - last > arch.period) {
+            MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: NO RECORDS FROM %lld TO %lld, READ AGAIN",
                     id, nm, arch.kind, static_cast<long long>(last + arch.period),
                     static_cast<long long>(rec.timestamp - arch.period));
+            return false;
+        }
         last = rec.timestamp;
         if (rec.timestamp < from || rec.timestamp > to) {
             MTD_LOG(Debug, "[%lld][%s] CmtdSpgM4::get_arch_values() - record timestamp %lld is out of %lld...%lld. Skip it.",

@@ -46,8 +46,12 @@ struct Rig {
         return s;
     }
 
-    explicit Rig(int tzHours = 0, const std::string& serial = "74212", int silentAfterArchive = 0)
-        : options(meter(tzHours)),
+    explicit Rig(int tzHours = 0, const std::string& serial = "74212", int silentAfterArchive = 0, int holeHours = 0)
+        : options([&] {
+              M4SimOptions o = meter(tzHours);
+              o.holeHours = holeHours;
+              return o;
+          }()),
           sim(makeM4SimModel("spg742", options), options, server(silentAfterArchive)) {
         char tmpl[] = "/tmp/mtd_spgm4_XXXXXX";
         dir = mkdtemp(tmpl);
@@ -175,6 +179,26 @@ TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
     ASSERT_EQ(out.size(), 32u);
     for (size_t i = 0; i < out.size(); ++i)
         EXPECT_EQ(line(out[i]), all[i]);
+}
+
+// A record missing inside a transfer ends it before the hole; the next read,
+// starting at the missing hour, takes the meter's word that it has none.
+TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
+    Rig rig(0, "74212", 0, 10);
+    ASSERT_TRUE(rig.driver.init());
+    const time_t hole = (kStart / 3600 - 10) * 3600;
+    std::vector<ArchiveRecord> first, second;
+    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first.back().timestamp, hole - 3600);
+    rig.driver.get_arch_values(ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
+    ASSERT_FALSE(second.empty());
+    EXPECT_EQ(second.front().timestamp, hole + 3600);
+    std::vector<std::string> got;
+    for (const auto* part : {&first, &second})
+        for (const auto& r : *part)
+            got.push_back(line(r));
+    EXPECT_EQ(got, rig.dump(CM4SimModel::Hourly, kStart));
 }
 
 }  // namespace

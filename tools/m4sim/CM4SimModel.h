@@ -31,6 +31,7 @@ struct M4SimOptions {
     int archiveDays = 3;        // archive history before the clock start
     time_t start = 0;           // device clock at start (Unix seconds)
     uint32_t seed = 1;          // values and archives are a function of seed and time
+    int holeHours = 0;          // the hourly record this many hours before the start is missing (0: none)
 };
 
 class CM4SimModel {

@@ -159,8 +159,11 @@ private:
         if (code == 0) {
             time_t t = std::max(from, first + 3600);
             t = (t + 3599) / 3600 * 3600;
+            // A power cut leaves the hour of --hole-hours without a record.
+            const time_t hole = m_o.holeHours ? (m_o.start / 3600 - m_o.holeHours) * 3600 : 0;
             for (; t <= to && out.size() < count; t += 3600)
-                out.push_back(intervalRecord(t, 1));
+                if (t != hole)
+                    out.push_back(intervalRecord(t, 1));
         } else if (code == 1) {
             // Daily records close at the contract hour of the meter's clock.
             const time_t offset = static_cast<time_t>(m_o.rateHour - m_o.tzHours) * 3600;

@@ -63,7 +63,7 @@ int dumpArchiveKind(const std::string& name) {
 void usage(FILE* to) {
     std::fprintf(to,
                  "usage: mtd_m4sim [--model %s] [--link PATH] [--address NT] [--serial N]\n"
-                 "  [--rate-hour H] [--contract-day D] [--tz-hours H] [--archive-days N]\n"
+                 "  [--rate-hour H] [--contract-day D] [--tz-hours H] [--archive-days N] [--hole-hours N]\n"
                  "  [--now UNIX|YYYY-MM-DD,hh:mm:ss] [--clock-scale X] [--seed N]\n"
                  "  [--baud B] [--frame-bits N] [--no-timing] [--fault-share P] [--fault-seed N]\n"
                  "  [--silent-after N] [--silent-count N] [--silent-in-archive]\n"
@@ -85,7 +85,8 @@ int main(int argc, char** argv) {
         {"fault-share", required_argument, nullptr, 0},  {"fault-seed", required_argument, nullptr, 0},
         {"silent-after", required_argument, nullptr, 0}, {"silent-count", required_argument, nullptr, 0},
         {"silent-in-archive", no_argument, nullptr, 0},  {"dump-archive", required_argument, nullptr, 0},
-        {"dump-until", required_argument, nullptr, 0},   {"help", no_argument, nullptr, 'h'},
+        {"dump-until", required_argument, nullptr, 0},   {"hole-hours", required_argument, nullptr, 0},
+        {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0}};
 
     M4SimOptions o;
@@ -117,6 +118,7 @@ int main(int argc, char** argv) {
         else if (key == "archive-days") { if (number(1, 400)) o.archiveDays = static_cast<int>(n); }
         else if (key == "now") ok = parseTime(v, o.start);
         else if (key == "clock-scale") ok = (s.clockScale = std::atof(v)) > 0;
+        else if (key == "hole-hours") { if (number(0, 100000)) o.holeHours = static_cast<int>(n); }
         else if (key == "seed") { if (number(0, 0xFFFFFFFFLL)) o.seed = static_cast<uint32_t>(n); }
         else if (key == "baud") { if (number(300, 115200)) s.line.baud = static_cast<int>(n); }
         else if (key == "frame-bits") { if (number(7, 12)) s.line.frameBits = static_cast<int>(n); }
