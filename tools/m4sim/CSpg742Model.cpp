@@ -94,7 +94,9 @@ private:
         std::vector<std::pair<std::string, std::string>> text;
     };
 
-    double hourVolume(long long h) const { return 6.0 + static_cast<double>(mix(m_o.seed * 7919ULL + h) % 600) / 100.0; }
+    double hourVolume(long long h) const {
+        return 6.0 + static_cast<double>(mix(m_o.seed * 7919ULL + static_cast<uint64_t>(h)) % 600) / 100.0;
+    }
     // Standard volume counted up to `t` (Unix seconds), the current hour pro rata.
     double volumeAt(time_t t) const {
         const long long h = t / 3600;
@@ -106,7 +108,9 @@ private:
         return v;
     }
     double workVolume(double std) const { return 3000.0 + std * 0.52; }
-    float pressureMPa(long long h) const { return 0.3f + static_cast<float>(mix(m_o.seed + 31ULL * h) % 100) / 1000.0f; }
+    float pressureMPa(long long h) const {
+        return 0.3f + static_cast<float>(mix(m_o.seed + 31ULL * static_cast<uint64_t>(h)) % 100) / 1000.0f;
+    }
     float temperature(long long h) const {
         return -5.0f + static_cast<float>(mix(m_o.seed * 3ULL + 17ULL * h) % 400) / 20.0f;
     }
