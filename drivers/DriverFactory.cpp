@@ -2,6 +2,7 @@
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "drivers/logika/CmtdSPG741.h"
+#include "drivers/logika/CmtdSpgM4.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
 #include "shell/logger.h"
@@ -32,7 +33,7 @@ const DriverModelRow kModelTable[] = {
     // table has always been.
     {"ek88", Row::EXACT, "CmtdEK88", 0, nullptr, 0, nullptr},
     {"ek88", Row::EXACT, "CmtdEK88", 0, nullptr, 0, nullptr},
-    {"spg742", Row::EXACT, "CmtdSpgM4", 1, nullptr, 0, nullptr},
+    {"spg742", Row::EXACT, "CmtdSpgM4", 1, nullptr, 0, &CmtdSpgM4::create},
     {"irvis-rs4m", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"irvis-rs4m-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"irvis-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},

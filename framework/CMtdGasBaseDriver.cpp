@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
 
+#include "framework/DataCodes.h"
 #include "hostlink/CJSONRPCConnector.h"
 #include "shell/logger.h"
 #include "storage/CControlFiles.h"
@@ -55,6 +57,40 @@ void CMtdGasBaseDriver::RemovePasportFile() {
         MTD_LOG(Debug, "CMtdGasBaseDriver::RemovePasportFile passport file delete successful [%s]", path.c_str());
     else
         MTD_LOG(Err, "CMtdGasBaseDriver::RemovePasportFile passport file not delete [%s]", path.c_str());
+}
+
+int CMtdGasBaseDriver::deviceTzHours() const {
+    const char* key = m_config.has("pu_TZ") ? "pu_TZ" : "srv_TZ";
+    return std::atoi(m_config.get(key).c_str());
+}
+
+time_t CMtdGasBaseDriver::fromDeviceTime(int year, int month, int day, int hour, int minute, int second) const {
+    struct tm tm {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = minute;
+    tm.tm_sec = second;
+    return timegm(&tm) - static_cast<time_t>(deviceTzHours()) * 3600;
+}
+
+struct tm CMtdGasBaseDriver::toDeviceTime(time_t t) const {
+    struct tm tm {};
+    const time_t local = t + static_cast<time_t>(deviceTzHours()) * 3600;
+    gmtime_r(&local, &tm);
+    return tm;
+}
+
+CValueRecord CMtdGasBaseDriver::makeValue(const std::string& name, const std::string& value, uint32_t unit,
+                                          time_t timestamp, const std::string& sys) const {
+    CValueRecord r;
+    r.name = name;
+    r.value = value;
+    r.dim = unit == DU_UNKNOWN ? "" : dataUnitName(unit);
+    r.sys = sys;
+    r.timestamp = timestamp;
+    return r;
 }
 
 }  // namespace gas

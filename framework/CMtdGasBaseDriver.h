@@ -2,6 +2,7 @@
 // Base of the gas drivers: passport values requested through the passport
 // file, the contract hour, and the controller's RS-232 relay outputs.
 
+#include <ctime>
 #include <map>
 #include <string>
 
@@ -23,6 +24,17 @@ protected:
     // removes it. False when there is no file or it was refused (logged, removed).
     bool GetGasPassportParams(std::map<std::string, std::string>& values);
     void RemovePasportFile();
+
+    // The meter's clock runs in local time of its own zone: configuration
+    // "pu_TZ" (hours east of UTC), else the server's "srv_TZ", else UTC.
+    int deviceTzHours() const;
+    // A time read from the meter (its local calendar fields) as Unix seconds.
+    time_t fromDeviceTime(int year, int month, int day, int hour, int minute, int second) const;
+    // Unix seconds as the meter's local calendar fields.
+    struct tm toDeviceTime(time_t t) const;
+    // One published value: `unit` is a DataUnit (DU_UNKNOWN publishes no dimension).
+    CValueRecord makeValue(const std::string& name, const std::string& value, uint32_t unit, time_t timestamp,
+                           const std::string& sys) const;
 };
 
 }  // namespace gas

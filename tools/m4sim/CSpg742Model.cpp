@@ -1,0 +1,272 @@
+// The SPG742 of mtd_m4sim: a two-pipe gas volume corrector of the M4
+// generation. Its values and archives are a function of the seed and the
+// device time, so a dump at any time shows what the meter holds.
+//
+// What it answers:
+//   session start (short frame 3F)  10 NT 3F 47 2A 00 CS 16 (identification 0x472A)
+//   parameter read 72 4A 03 CH NL NH  one element; an unknown parameter is
+//                                      refused with 21 00 ("bad request")
+//   archive read 61 04 05 FF FF CH AR NN 49 06 <from> 49 06 <to>
+//                the first NN records with from <= time <= to, oldest first,
+//                each 30 LL 49 06 <time> <fields>; AR 0 hourly, 1 daily, 6 journal.
+// Its clock is local time of --tz-hours.
+
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <map>
+
+#include "tools/m4sim/CM4SimModel.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr double kBaseVolume = 20000.0;  // standard volume before the archive begins
+constexpr uint32_t kPressureCodeMPa = 1;
+
+uint64_t mix(uint64_t x) {
+    x += 0x9E3779B97F4A7C15ULL;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBULL;
+    return x ^ (x >> 31);
+}
+
+std::string fixed6(double v) {
+    char b[48];
+    std::snprintf(b, sizeof b, "%.6f", v);
+    return b;
+}
+
+// What a 0x44 element carries after the float fraction has been rounded.
+double intFloat(double v) {
+    const double whole = std::floor(v);
+    return whole + static_cast<double>(static_cast<float>(v - whole));
+}
+
+class CSpg742Model : public CM4SimModel {
+public:
+    explicit CSpg742Model(const M4SimOptions& o) : m_o(o) {
+        m_firstHour = (o.start - static_cast<time_t>(o.archiveDays) * 86400) / 3600;
+    }
+
+    std::vector<uint8_t> answer(const m4sim::Frame& f, time_t now) override {
+        if (f.nt != m_o.nt)
+            return {};
+        if (!f.isLong) {
+            if (f.function != 0x3F)
+                return {};
+            Bytes a = {0x10, m_o.nt, 0x3F, 0x47, 0x2A, 0x00};
+            a.push_back(m4sim::sumCheck(a.data() + 1, 5));
+            a.push_back(0x16);
+            return a;
+        }
+        if (f.function == 0x72 && f.body.size() == 6 && f.body[1] == 0x4A && f.body[2] == 0x03)
+            return param(f, f.body[3], static_cast<uint16_t>(f.body[4] | (f.body[5] & 0x7F) << 8), now);
+        if (isArchiveRequest(f))
+            return archive(f, now);
+        return m4sim::errorFrame(f.nt, f.id, 0x00);
+    }
+
+    bool isArchiveRequest(const m4sim::Frame& f) const override {
+        const Bytes& b = f.body;
+        return f.isLong && f.function == 0x61 && b.size() == 24 && b[1] == 0x04 && b[2] == 0x05 && b[3] == 0xFF &&
+               b[4] == 0xFF && b[8] == 0x49 && b[9] == 6 && b[16] == 0x49 && b[17] == 6;
+    }
+
+    bool dumpArchive(int archive, time_t until, std::ostream& out) const override {
+        const int code = archive == Hourly ? 0 : archive == Daily ? 1 : archive == Events ? 6 : -1;
+        if (code < 0)
+            return false;
+        for (const Record& r : records(code, 0, until, until, 1u << 30)) {
+            out << r.time;
+            for (const auto& kv : r.text)
+                out << ' ' << kv.first << '=' << kv.second;
+            out << '\n';
+        }
+        return true;
+    }
+
+private:
+    struct Record {
+        time_t time = 0;
+        Bytes elements;  // the fields after the time stamp
+        std::vector<std::pair<std::string, std::string>> text;
+    };
+
+    double hourVolume(long long h) const { return 6.0 + static_cast<double>(mix(m_o.seed * 7919ULL + h) % 600) / 100.0; }
+    // Standard volume counted up to `t` (Unix seconds), the current hour pro rata.
+    double volumeAt(time_t t) const {
+        const long long h = t / 3600;
+        double v = kBaseVolume;
+        for (long long k = m_firstHour; k < h; ++k)
+            v += hourVolume(k);
+        if (h >= m_firstHour)
+            v += hourVolume(h) * static_cast<double>(t % 3600) / 3600.0;
+        return v;
+    }
+    double workVolume(double std) const { return 3000.0 + std * 0.52; }
+    float pressureMPa(long long h) const { return 0.3f + static_cast<float>(mix(m_o.seed + 31ULL * h) % 100) / 1000.0f; }
+    float temperature(long long h) const {
+        return -5.0f + static_cast<float>(mix(m_o.seed * 3ULL + 17ULL * h) % 400) / 20.0f;
+    }
+    uint32_t hourFlags(long long h) const { return mix(m_o.seed ^ (0xA5A5ULL + h)) % 17 == 0 ? 0x100u : 0u; }
+
+    struct tm local(time_t t) const {
+        struct tm tm {};
+        const time_t l = t + static_cast<time_t>(m_o.tzHours) * 3600;
+        gmtime_r(&l, &tm);
+        return tm;
+    }
+    time_t fromLocal(const uint8_t* p) const {
+        struct tm tm {};
+        tm.tm_year = p[0] + 100;
+        tm.tm_mon = p[1] - 1;
+        tm.tm_mday = p[2];
+        tm.tm_hour = p[3];
+        tm.tm_min = p[4];
+        tm.tm_sec = p[5];
+        return timegm(&tm) - static_cast<time_t>(m_o.tzHours) * 3600;
+    }
+
+    // The fields of an interval record ending at `t` covering `hours` hours.
+    Record intervalRecord(time_t t, int hours) const {
+        Record r;
+        r.time = t;
+        const double sum = volumeAt(t), v = sum - volumeAt(t - hours * 3600);
+        const long long h = t / 3600 - 1;
+        const float vf = static_cast<float>(v);
+        float p = 0, temp = 0;
+        uint32_t flags = 0;
+        for (int k = 0; k < hours; ++k) {
+            p += pressureMPa(h - k);
+            temp += temperature(h - k);
+            flags |= hourFlags(h - k);
+        }
+        p /= static_cast<float>(hours);
+        temp /= static_cast<float>(hours);
+        const float ti = static_cast<float>(hours);
+        m4sim::putFloat(r.elements, vf);
+        m4sim::putIntFloat(r.elements, sum);
+        m4sim::putIntFloat(r.elements, workVolume(sum));
+        m4sim::putFloat(r.elements, p);
+        m4sim::putFloat(r.elements, temp);
+        m4sim::putFloat(r.elements, ti);
+        m4sim::putFlags(r.elements, flags);
+        char fl[16];
+        std::snprintf(fl, sizeof fl, "0x%08X", flags);
+        r.text = {{"V", fixed6(vf)},         {"V.sum", fixed6(intFloat(sum))},
+                  {"Vw.sum", fixed6(intFloat(workVolume(sum)))}, {"P1", fixed6(p)},
+                  {"t1", fixed6(temp)},      {"ti", fixed6(ti)},
+                  {"NS", fl}};
+        return r;
+    }
+
+    // Records of archive `code` with from <= time <= to, held at `now`, at most `count`.
+    std::vector<Record> records(int code, time_t from, time_t to, time_t now, uint32_t count) const {
+        std::vector<Record> out;
+        if (to > now)
+            to = now;
+        const time_t first = static_cast<time_t>(m_firstHour) * 3600;
+        if (code == 0) {
+            time_t t = std::max(from, first + 3600);
+            t = (t + 3599) / 3600 * 3600;
+            for (; t <= to && out.size() < count; t += 3600)
+                out.push_back(intervalRecord(t, 1));
+        } else if (code == 1) {
+            // Daily records close at the contract hour of the meter's clock.
+            const time_t offset = static_cast<time_t>(m_o.rateHour - m_o.tzHours) * 3600;
+            time_t t = std::max(from, first + 86400);
+            t = ((t - offset + 86399) / 86400) * 86400 + offset;
+            if (t < std::max(from, first + 86400))
+                t += 86400;
+            for (; t <= to && out.size() < count; t += 86400)
+                out.push_back(intervalRecord(t, 24));
+        } else if (code == 6) {
+            for (long long h = std::max<long long>(m_firstHour, from / 3600 - 1); h * 3600 <= to && out.size() < count;
+                 ++h) {
+                const uint64_t x = mix(m_o.seed * 101ULL + static_cast<uint64_t>(h));
+                if (x % 6 != 0)
+                    continue;
+                const time_t on = h * 3600 + 600 + static_cast<time_t>(x % 1800);
+                const uint32_t ns = static_cast<uint32_t>((x >> 8) % 29);
+                for (int state = 1; state >= 0; --state) {
+                    const time_t t = state ? on : on + 900;
+                    if (t < from || t > to || out.size() >= count)
+                        continue;
+                    Record r;
+                    r.time = t;
+                    m4sim::putU32(r.elements, ns);
+                    m4sim::putU32(r.elements, static_cast<uint32_t>(state));
+                    r.text = {{"ns", std::to_string(ns)}, {"state", state ? "on" : "off"}};
+                    out.push_back(std::move(r));
+                }
+            }
+        }
+        return out;
+    }
+
+    Bytes archive(const m4sim::Frame& f, time_t now) const {
+        const Bytes& b = f.body;
+        const int code = b[6];
+        if (b[5] != 0 || (code != 0 && code != 1 && code != 6))
+            return m4sim::errorFrame(f.nt, f.id, 0x00);
+        const uint32_t count = b[7] ? b[7] : 1;
+        Bytes body = {0x61};
+        for (const Record& r : records(code, fromLocal(&b[10]), fromLocal(&b[18]), now, count)) {
+            Bytes inner;
+            m4sim::putStamp(inner, local(r.time));
+            inner.insert(inner.end(), r.elements.begin(), r.elements.end());
+            m4sim::putContainer(body, inner);
+        }
+        return m4sim::longFrame(f.nt, f.id, body);
+    }
+
+    Bytes param(const m4sim::Frame& f, uint8_t ch, uint16_t n, time_t now) const {
+        Bytes body = {0x72};
+        const long long h = now / 3600;
+        const double v = volumeAt(now);
+        const double pipeShare[3] = {1.0, 0.6, 0.4};
+        const struct tm tm = local(now);
+        const uint32_t key = static_cast<uint32_t>(ch) << 16 | n;
+        switch (key) {
+        case 8256: m4sim::putU32(body, 0x2A000000u | (m_o.serial & 0xFFFFFFu)); break;  // top byte is not the number
+        case 8224: m4sim::putText(body, "v1.07"); break;
+        case 24: m4sim::putU32(body, static_cast<uint32_t>(m_o.contractDay)); break;
+        case 25: m4sim::putU32(body, static_cast<uint32_t>(m_o.rateHour)); break;
+        case 3: m4sim::putU32(body, kPressureCodeMPa); break;
+        case 1024: m4sim::putTime(body, tm); break;
+        case 1025: m4sim::putDate(body, tm); break;
+        case 2048: m4sim::putIntFloat(body, v); break;
+        case 2050: m4sim::putFloat(body, static_cast<float>((now - m_firstHour * 3600) / 3600)); break;
+        default:
+            if ((ch == 1 || ch == 2) && n == 2048) {
+                m4sim::putIntFloat(body, workVolume(v) * pipeShare[ch]);
+            } else if ((ch == 1 || ch == 2) && n == 2049) {
+                m4sim::putIntFloat(body, v * pipeShare[ch]);
+            } else if ((ch == 1 || ch == 2) && n == 1024) {
+                m4sim::putFloat(body, pressureMPa(h) + 0.01f * ch);
+            } else if ((ch == 1 || ch == 2) && n == 1026) {
+                m4sim::putFloat(body, temperature(h) + static_cast<float>(ch));
+            } else if ((ch == 1 || ch == 2) && n == 1027) {
+                m4sim::putFloat(body, static_cast<float>(hourVolume(h) * pipeShare[ch] / 1.9));
+            } else if ((ch == 1 || ch == 2) && n == 1028) {
+                m4sim::putFloat(body, static_cast<float>(hourVolume(h) * pipeShare[ch]));
+            } else if ((ch == 1 || ch == 2) && n == 1031) {
+                m4sim::putFloat(body, 1.9f);
+            } else {
+                return m4sim::errorFrame(f.nt, f.id, 0x00);
+            }
+        }
+        return m4sim::longFrame(f.nt, f.id, body);
+    }
+
+    M4SimOptions m_o;
+    long long m_firstHour = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<CM4SimModel> makeSpg742(const M4SimOptions& options) {
+    return std::make_unique<CSpg742Model>(options);
+}

@@ -1,0 +1,175 @@
+#include "tools/m4sim/M4SimWire.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace m4sim {
+
+uint16_t crc(const uint8_t* data, size_t n) {
+    uint16_t c = 0;
+    for (size_t i = 0; i < n; ++i) {
+        c ^= static_cast<uint16_t>(data[i]) << 8;
+        for (int b = 0; b < 8; ++b)
+            c = (c & 0x8000) ? static_cast<uint16_t>((c << 1) ^ 0x1021) : static_cast<uint16_t>(c << 1);
+    }
+    return c;
+}
+
+uint8_t sumCheck(const uint8_t* data, size_t n) {
+    uint8_t s = 0;
+    for (size_t i = 0; i < n; ++i)
+        s = static_cast<uint8_t>(s + data[i]);
+    return static_cast<uint8_t>(~s);
+}
+
+void putLength(std::vector<uint8_t>& out, size_t length) {
+    if (length < 0x80) {
+        out.push_back(static_cast<uint8_t>(length));
+    } else if (length <= 0xFF) {
+        out.push_back(0x81);
+        out.push_back(static_cast<uint8_t>(length));
+    } else {
+        out.push_back(0x82);
+        out.push_back(static_cast<uint8_t>(length >> 8));
+        out.push_back(static_cast<uint8_t>(length));
+    }
+}
+
+namespace {
+void le32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+uint32_t floatBits(float v) {
+    uint32_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
+}
+}  // namespace
+
+void putU32(std::vector<uint8_t>& out, uint32_t v) {
+    out.push_back(0x41);
+    out.push_back(4);
+    le32(out, v);
+}
+
+void putFloat(std::vector<uint8_t>& out, float v) {
+    out.push_back(0x43);
+    out.push_back(4);
+    le32(out, floatBits(v));
+}
+
+void putIntFloat(std::vector<uint8_t>& out, double v) {
+    const double whole = std::floor(v);
+    out.push_back(0x44);
+    out.push_back(8);
+    le32(out, static_cast<uint32_t>(whole));
+    le32(out, floatBits(static_cast<float>(v - whole)));
+}
+
+void putFlags(std::vector<uint8_t>& out, uint32_t v) {
+    out.push_back(0x4B);
+    out.push_back(4);
+    le32(out, v);
+}
+
+void putText(std::vector<uint8_t>& out, const std::string& s) {
+    out.push_back(0x16);
+    putLength(out, s.size());
+    out.insert(out.end(), s.begin(), s.end());
+}
+
+void putTime(std::vector<uint8_t>& out, const struct tm& t) {
+    out.insert(out.end(), {0x47, 4, 0, static_cast<uint8_t>(t.tm_sec), static_cast<uint8_t>(t.tm_min),
+                           static_cast<uint8_t>(t.tm_hour)});
+}
+
+void putDate(std::vector<uint8_t>& out, const struct tm& t) {
+    out.insert(out.end(), {0x48, 3, static_cast<uint8_t>(t.tm_mday), static_cast<uint8_t>(t.tm_mon + 1),
+                           static_cast<uint8_t>(t.tm_year - 100)});
+}
+
+void putStamp(std::vector<uint8_t>& out, const struct tm& t) {
+    out.insert(out.end(), {0x49, 6, static_cast<uint8_t>(t.tm_year - 100), static_cast<uint8_t>(t.tm_mon + 1),
+                           static_cast<uint8_t>(t.tm_mday), static_cast<uint8_t>(t.tm_hour),
+                           static_cast<uint8_t>(t.tm_min), static_cast<uint8_t>(t.tm_sec)});
+}
+
+void putNull(std::vector<uint8_t>& out) {
+    out.push_back(0x05);
+    out.push_back(0);
+}
+
+void putContainer(std::vector<uint8_t>& out, const std::vector<uint8_t>& inner) {
+    out.push_back(0x30);
+    putLength(out, inner.size());
+    out.insert(out.end(), inner.begin(), inner.end());
+}
+
+std::vector<uint8_t> longFrame(uint8_t nt, uint8_t id, const std::vector<uint8_t>& body) {
+    std::vector<uint8_t> f = {0x10, nt, 0x90, id, 0x00, static_cast<uint8_t>(body.size()),
+                              static_cast<uint8_t>(body.size() >> 8)};
+    f.insert(f.end(), body.begin(), body.end());
+    const uint16_t c = crc(f.data() + 1, f.size() - 1);
+    f.push_back(static_cast<uint8_t>(c >> 8));
+    f.push_back(static_cast<uint8_t>(c));
+    return f;
+}
+
+std::vector<uint8_t> errorFrame(uint8_t nt, uint8_t id, uint8_t code) {
+    return longFrame(nt, id, {0x21, code});
+}
+
+void FrameReader::feed(const uint8_t* data, size_t n) {
+    m_buf.insert(m_buf.end(), data, data + n);
+}
+
+bool FrameReader::next(Frame& out) {
+    for (;;) {
+        // Anything before a DLE (wake-up 0xFF bytes, line noise) is not a frame.
+        size_t start = 0;
+        while (start < m_buf.size() && m_buf[start] != 0x10)
+            ++start;
+        m_buf.erase(m_buf.begin(), m_buf.begin() + static_cast<long>(start));
+        if (m_buf.size() < 3)
+            return false;
+        const bool isLong = m_buf[2] == 0x90;
+        size_t total = 9;
+        if (isLong) {
+            if (m_buf.size() < 7)
+                return false;
+            total = 7 + (static_cast<size_t>(m_buf[5]) | static_cast<size_t>(m_buf[6]) << 8) + 2;
+        }
+        if (m_buf.size() < total)
+            return false;
+        bool good;
+        if (isLong) {
+            const uint16_t c = crc(m_buf.data() + 1, total - 3);
+            good = total > 9 && m_buf[total - 2] == (c >> 8) && m_buf[total - 1] == (c & 0xFF);
+        } else {
+            good = m_buf[7] == sumCheck(m_buf.data() + 1, 5) && m_buf[8] == 0x16;
+        }
+        if (!good) {
+            // Resynchronise one byte further on.
+            ++m_rejected;
+            m_buf.erase(m_buf.begin());
+            continue;
+        }
+        out = Frame();
+        out.isLong = isLong;
+        out.nt = m_buf[1];
+        out.bytes.assign(m_buf.begin(), m_buf.begin() + static_cast<long>(total));
+        if (isLong) {
+            out.id = m_buf[3];
+            out.body.assign(m_buf.begin() + 7, m_buf.begin() + static_cast<long>(total - 2));
+            out.function = out.body[0];
+        } else {
+            out.function = m_buf[2];
+            out.body.assign(m_buf.begin() + 3, m_buf.begin() + 7);
+        }
+        m_buf.erase(m_buf.begin(), m_buf.begin() + static_cast<long>(total));
+        return true;
+    }
+}
+
+}  // namespace m4sim
