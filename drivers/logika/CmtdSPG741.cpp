@@ -134,11 +134,8 @@ bool CmtdSPG741::init() {
     m_sys = systems.substr(0, systems.find(';'));
     if (m_sys.empty())
         m_sys = "1";
-    // The meter keeps local time; "pu_TZ" (else "srv_TZ") is its offset east of UTC in hours.
-    const int srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
-    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : srvTZ;
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::init() - serial '%s', address %d, systems %s, pu_TZ = %d", id, nm,
-            m_config.serial_text.c_str(), m_netAddr, systems.c_str(), m_puTZ);
+    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::init() - serial '%s', address %d, systems %s, device TZ = %d", id, nm,
+            m_config.serial_text.c_str(), m_netAddr, systems.c_str(), deviceTzHours());
     if (!m_proto)
         throw CDisconnectException("no connector");
     if (!m_proto->startSession(m_ident)) {
@@ -181,14 +178,7 @@ bool CmtdSPG741::deviceToUnix(const uint8_t* p, time_t& t) const {
     const int y = p[0], mo = p[1], d = p[2], h = p[3], mi = p[4], s = p[5];
     if (y > 99 || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59)
         return false;
-    struct tm tm {};
-    tm.tm_year = 100 + y;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    t = timegm(&tm) - static_cast<time_t>(m_puTZ) * 3600;
+    t = fromDeviceTime(2000 + y, mo, d, h, mi, s);
     return true;
 }
 
@@ -230,12 +220,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
     std::string text;
     readClock(now, text);
     auto add = [&](const char* name, const std::string& value) {
-        CValueRecord r;
-        r.name = name;
-        r.value = value;
-        r.sys = m_sys;
-        r.timestamp = now;
-        out.push_back(r);
+        out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     if (!readSystemBlock()) {
         MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
@@ -298,13 +283,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
     }
     std::vector<CValueRecord> out;
     auto add = [&](const char* name, const std::string& value, uint32_t unit) {
-        CValueRecord r;
-        r.name = name;
-        r.value = value;
-        r.dim = unit == DU_UNKNOWN ? "" : dataUnitName(unit);
-        r.sys = m_sys;
-        r.timestamp = now;
-        out.push_back(r);
+        out.push_back(makeValue(name, value, unit, now, m_sys));
     };
     char text[32];
     const uint8_t* c = ram.data() + kRamClock;
@@ -375,8 +354,8 @@ bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* p
     return true;
 }
 
-void CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                          std::vector<ArchiveRecord>& out) {
+time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
+                            std::vector<ArchiveRecord>& out) {
     const unsigned perPage = static_cast<unsigned>(CM4MemoryConnector::kPageSize / ring.recordSize);
     double factor = 0;
     const double* pf = ring.period != 0 && pressureFactorOfDevice(factor) ? &factor : nullptr;
@@ -406,6 +385,7 @@ void CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time
         }
         flushArchive(out);
     }
+    return last;
 }
 
 void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
@@ -439,8 +419,8 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
             return;
         }
         if (newestTime < from) {
-            MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - no %s record after %d", id, nm, ring->name,
-                    static_cast<int>(from));
+            MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - %s ring read up to %d", id, nm, ring->name,
+                    static_cast<int>(newestTime));
             return;
         }
         // Slots hold one period each; with a gap (meter off) this reaches
@@ -449,7 +429,9 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         back = static_cast<unsigned>(std::min<time_t>(periods, ring->slots - 1));
     }
     const unsigned first = (newest + ring->slots - back) % ring->slots;
-    readRing(*ring, first, back + 1, from, to, out);
+    const time_t last = readRing(*ring, first, back + 1, from, to, out);
+    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - %s ring read up to %d", id, nm, ring->name,
+            static_cast<int>(last));
 }
 
 time_t CmtdSPG741::sync_time(time_t storedTimestamp) {

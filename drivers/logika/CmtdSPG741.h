@@ -89,8 +89,9 @@ private:
     bool deviceToUnix(const uint8_t* p, time_t& t) const;
     bool pressureFactorOfDevice(double& factor);
     bool readNewestSlot(const Ring& ring, unsigned& slot);
-    void readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                  std::vector<ArchiveRecord>& out);
+    // Reads `count` slots from `first` on; returns the newest record time seen.
+    time_t readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
+                    std::vector<ArchiveRecord>& out);
     // `pf`: factor of the meter's pressure unit to kgf/cm2, nullptr when unknown.
     bool parseRecord(const Ring& ring, const uint8_t* p, const double* pf, time_t& ts, ArchiveRecord& rec);
 
@@ -101,7 +102,6 @@ private:
 
     // From the configuration (init).
     std::string m_sys = "1";
-    int m_puTZ = 0;
     uint8_t m_netAddr = 0;
 
     // From the device.
