@@ -1,6 +1,7 @@
-# A relay between the daemon and a meter simulator, for recording seed inputs:
-# line_relay.py METER_PTY LINK OUT. The daemon opens LINK (a new pseudo-
-# terminal), every byte is passed on both ways, the meter's bytes go to OUT.
+# Sits between the daemon and a meter simulator when seeds are recorded:
+# makes a new pseudo-terminal, links LINK to its slave, passes every byte both
+# ways and writes what the meter sent to OUT.
+#   python3 fuzz/line_relay.py METER_PTY LINK OUT
 import os, pty, select, sys, tty
 meter_path, link, out = sys.argv[1:4]
 master, slave = pty.openpty()

@@ -23,6 +23,9 @@ record() {  # record MODEL SELECTOR
     local low=${model,,}
     start_metersim "$WORK/$model.sim" --link "$WORK/$model.meter" --no-timing --archive-days 1 --seed 3 \
         --model "$model" --now "$(ek_device_start 10)" || return 1
+    # The relay (fuzz/line_relay.py): the daemon opens the link of a new
+    # pseudo-terminal, every byte is passed on both ways, the meter's side is
+    # written to a file.
     start_bg "$WORK/$model.relay" python3 "$ROOT/fuzz/line_relay.py" "$WORK/$model.meter" "$WORK/$model.line" "$WORK/$model.bytes"
     wait_for "$WORK/$model.relay" '^ready' 5 || { cat "$WORK/$model.relay"; return 1; }
     write_ek_model_config "$WORK/$model.json" 2400 "$low" "$WORK/$model.line" 12345678 600

@@ -3,7 +3,7 @@
 # namespace (own loopback, tmpfs over /tmp and /mnt/storage) runs mtd_hostsim
 # and an EK270 simulated by mtd_metersim (three days of archives, line timing
 # at 9600 Bd), lets mtd_main -e do one full cycle, stops it with SIGINT and
-# shows what was read.
+# shows what was read. --model spg742 plays an SPG742 with mtd_m4sim instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,21 +19,33 @@ e2e_enter_ns
 trap stop_started EXIT
 
 ID=1001
-start_bg "$WORK/metersim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/ek270" --model EK270 \
-    --serial 12345678 --archive-days 3 --baud 9600 --max-speed 5
-wait_for "$WORK/metersim.out" '^ready' 5 || { echo "metersim did not start"; cat "$WORK/metersim.out"; exit 1; }
+MODEL=ek270
+[ "${1:-}" = --model ] && MODEL=${2:?--model wants ek270 or spg742}
+case $MODEL in
+ek270)
+    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/meter" --model EK270 \
+        --serial 12345678 --archive-days 3 --baud 9600 --max-speed 5
+    line='"data": "7", "parity": "E", "password1": "00000000", "password2": "11111111"'
+    cycle_end='CmtdEK2xxTC2xx::cycle_end\(\) - session closed' ;;
+spg742)
+    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_m4sim" --link "$WORK/meter" --model spg742 \
+        --serial 12345678 --archive-days 3 --baud 9600
+    line='"data": "8", "parity": "N", "address": "0"'
+    cycle_end='CmtdSpgM4::cycle_end\(\) - session left' ;;
+*) echo "demo: unknown model '$MODEL' (ek270, spg742)"; exit 2 ;;
+esac
+wait_for "$WORK/sim.out" '^ready' 5 || { echo "simulator did not start"; cat "$WORK/sim.out"; exit 1; }
 
 cat >"$WORK/host.json" <<JSON
-{"meters": {"$ID": {"port_params": {"manufacturer": "ek270", "name": "$WORK/ek270", "speed": "9600",
-  "data": "7", "parity": "E", "stop": "1", "timeout": "1000", "serial": "12345678",
-  "password1": "00000000", "password2": "11111111", "data_rate": "600"}, "systems": ["1"]}}}
+{"meters": {"$ID": {"port_params": {"manufacturer": "$MODEL", "name": "$WORK/meter", "speed": "9600",
+  $line, "stop": "1", "timeout": "1000", "serial": "12345678", "data_rate": "600"}, "systems": ["1"]}}}
 JSON
 start_hostsim "$WORK/host.json" "$WORK/host.record"
 
-echo "demo: mtd_main -e -i $ID against an EK270 on $(readlink "$WORK/ek270") (9600 Bd, line timing on)"
+echo "demo: mtd_main -e -i $ID against an $MODEL on $(readlink "$WORK/meter") (9600 Bd, line timing on)"
 start_bg "$WORK/mtd_main.log" "$MTD_MAIN" -e -v 7 -i "$ID"
 MAIN_PID=$BG_PID
-if ! wait_for "$WORK/mtd_main.log" 'CmtdEK2xxTC2xx::cycle_end\(\) - session closed' 100; then
+if ! wait_for "$WORK/mtd_main.log" "$cycle_end" 100; then
     echo "demo: the cycle did not finish in time; last log lines:"
     tail -n 20 "$WORK/mtd_main.log"
     exit 1
@@ -45,7 +57,8 @@ echo
 echo "== system values read =="
 grep -E "receive\('Read (Serial Number|Meter Model|Rate Hour|Firmware|Archive Period|K Calculation Mode)'\): Recv: <STX>" \
     "$WORK/mtd_main.log" | sed -E "s/.*receive\('(.*)'\): Recv: <STX>(.*)<ETX>.*/  \1: \2/" || true
-grep -E 'archiving period is|parseIdent' "$WORK/mtd_main.log" | sed -E 's/.*\] //' | sed 's/^/  /' || true
+grep -E 'archiving period is|parseIdent|get_all_system_values\(\) - [A-Za-z]+ = ' "$WORK/mtd_main.log" |
+    sed -E 's/.*\] //' | sed 's/^/  /' || true
 
 echo
 echo "== current values as the host service received them =="

@@ -17,9 +17,10 @@
 // repeated. There is no closing frame: the meter ends the session itself after
 // a minute without requests, so the end of a cycle just leaves the line.
 //
-// Timing: the meter answers within a few hundred milliseconds at 9600 baud;
-// the driver reads the reply as it comes instead of pausing a second after
-// every request (about twenty reads per cycle plus the archives).
+// Timing: a second after a request is the longest the meter takes to start
+// its answer, not a pause it needs; the driver reads the answer as it comes
+// (up to the port's time-out) instead of pausing a second before each of its
+// twenty-odd reads a cycle.
 //
 // Channels: 0 the common channel (ОБЩ), 1 and 2 the two pipes (ТР1, ТР2).
 // The meter's clock is local time of its own zone (pu_TZ).
@@ -30,9 +31,12 @@
 //    whose low 24 bits are the number); 0.1024 time and 0.1025 date; 0.2048
 //    standard volume total, 0.2050 operating time, n.2048 working and n.2049
 //    standard volume totals of pipe n; archive codes 0 hourly, 1 daily, 6
-//    abnormal-situation (НС) journal: the public data tables of the Logika
-//    meter library (Logika.Meters, its SPG742 definition and M4 archive ids)
-//    and Logika's M4 protocol description (tags 0x41..0x4B, function 0x61).
+//    abnormal-situation (НС) journal: the data tables of the public Logika
+//    meter library (Logika.Meters, Python port github.com/Vadsxd/LogikaPython:
+//    Meters/4M/SPG742.py for the identification, channels, speed, session
+//    time-out and the tag numbers of its polled block; Protocols/M4/
+//    M4ArchiveId.py for the archive codes; the 24-bit serial mask of 0.8256).
+//    Frame layout and element tags as protocols/M4.h has them.
 //  - NOT FOUND in the published material reachable here, so conservative
 //    assumptions, marked "assumed" in the tables below and checked only
 //    against our own simulator: the numbers of the contract hour (0.25) and
@@ -241,6 +245,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
     std::string nowText;
     deviceTime(now, nowText);
     auto add = [&](const char* name, const std::string& value) {
+        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_all_system_values() - %s = '%s'", id, nm, name, value.c_str());
         out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     M4::ParamValue v;
@@ -418,11 +423,13 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
                 archType, archTypeName(archType));
         return;
     }
+    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::get_arch_values(%s) ------------------------------------", id, nm,
+            archTypeName(archType));
     time_t now = 0;
     int rateHour = 0;
     GetTimestamps(now, rateHour);
     if (to > now) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", id,
+        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", id,
                 nm, static_cast<long long>(now));
         to = now;
     }

@@ -1,0 +1,180 @@
+// The SPG742 driver's device operations against the simulated M4 meter.
+#include "drivers/logika/CmtdSpgM4.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "framework/Exceptions.h"
+#include "tools/m4sim/CM4Sim.h"
+#include "transport/CConnector.h"
+
+namespace {
+
+constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
+
+struct Rig {
+    std::string dir;
+    M4SimOptions options;
+    CM4Sim sim;
+    std::unique_ptr<CConnector> conn;
+    CmtdSpgM4 driver{CmtdSpgM4::SPG742};
+
+    static M4SimOptions meter(int tzHours) {
+        M4SimOptions o;
+        o.nt = 3;
+        o.serial = 74212;
+        o.rateHour = 9;
+        o.tzHours = tzHours;
+        o.archiveDays = 2;
+        o.start = kStart;
+        o.seed = 5;
+        return o;
+    }
+    static M4SimServerOptions server(int silentAfterArchive) {
+        M4SimServerOptions s;
+        s.line.timing = false;
+        s.clockScale = 1e-9;  // the device clock stands still
+        s.silentAfter = silentAfterArchive;
+        s.silentInArchive = silentAfterArchive > 0;
+        return s;
+    }
+
+    explicit Rig(int tzHours = 0, const std::string& serial = "74212", int silentAfterArchive = 0)
+        : options(meter(tzHours)),
+          sim(makeM4SimModel("spg742", options), options, server(silentAfterArchive)) {
+        char tmpl[] = "/tmp/mtd_spgm4_XXXXXX";
+        dir = mkdtemp(tmpl);
+        EXPECT_TRUE(sim.open());
+        EXPECT_TRUE(sim.start());
+        LedPaths leds;
+        leds.transmit = leds.receive = dir + "/led";
+        conn = std::make_unique<CConnector>(PortParams{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", "300"}},
+                                            leds);
+        EXPECT_TRUE(conn->open_device());
+        CDeviceConfig config;
+        config.meter_id = "42";
+        config.params = {{"address", "3"}, {"systems", "1;"}, {"manufacturer", "spg742"},
+                         {"pu_TZ", std::to_string(tzHours)}};
+        config.serial_text = serial;
+        driver.save_init_params(config);
+        DriverPaths paths;
+        paths.controlDir = dir + "/";
+        paths.storageRoot = dir + "/storage/";
+        driver.setPaths(paths);
+        driver.SaveConnector(conn.get());
+    }
+    ~Rig() { std::system(("rm -rf '" + dir + "'").c_str()); }
+
+    // The meter's own list of an archive, "<time> name=value ..." a line.
+    std::vector<std::string> dump(int archive, time_t until) const {
+        std::ostringstream out;
+        makeM4SimModel("spg742", options)->dumpArchive(archive, until, out);
+        std::vector<std::string> lines;
+        std::istringstream in(out.str());
+        for (std::string l; std::getline(in, l);)
+            lines.push_back(l);
+        return lines;
+    }
+};
+
+std::string line(const ArchiveRecord& r) {
+    std::string s = std::to_string(r.timestamp);
+    for (const auto& f : r.fields)
+        s += " " + f.first + "=" + f.second;
+    return s;
+}
+
+std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
+    std::map<std::string, CValueRecord> m;
+    for (const auto& r : v)
+        m[r.name] = r;
+    return m;
+}
+
+TEST(SpgM4, SessionSystemAndCurrentValues) {
+    Rig rig;
+    ASSERT_TRUE(rig.driver.init());
+    auto sys = byName(rig.driver.get_all_system_values());
+    EXPECT_EQ(sys["SerialNumber"].value, "74212");  // the meter's top byte is not part of the number
+    EXPECT_EQ(sys["MeterModel"].value, "SPG742");
+    EXPECT_EQ(sys["RateHour"].value, "9");
+    EXPECT_EQ(sys["SerialNumber"].timestamp, kStart);
+
+    auto cur = rig.driver.get_all_curtime_cur_integ_values();
+    ASSERT_EQ(cur.size(), 17u);  // date-time and every current value of both pipes
+    auto v = byName(cur);
+    EXPECT_EQ(v["DateTime"].value, "01.05.2024 10:15:00");
+    EXPECT_EQ(v["P1"].dim, "kgs/sm2 (atm)");
+    EXPECT_EQ(v["Vstd"].dim, "m3");
+    EXPECT_EQ(v["T2"].dim, "grad");
+    // The meter keeps pressure in MPa; published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2).
+    const double p = std::atof(v["P1"].value.c_str());
+    EXPECT_GT(p, 0.31 * 10.19);
+    EXPECT_LT(p, 0.41 * 10.20);
+}
+
+TEST(SpgM4, WrongSerialEndsTheCycle) {
+    Rig rig(0, "999");
+    ASSERT_TRUE(rig.driver.init());
+    EXPECT_THROW(rig.driver.get_all_system_values(), CWrongPacketException);
+}
+
+// Every archive read whole, over more than one request, equals the meter's own
+// list: also with the meter's clock in another zone than the daemon's process.
+TEST(SpgM4, ArchivesEqualTheMetersRecords) {
+    const char* previous = std::getenv("TZ");
+    const std::string saved = previous ? previous : "";
+    struct Row {
+        int meterTz;
+        const char* processTz;
+    } rows[] = {{0, "UTC0"}, {3, "EST5"}};
+    for (const auto& row : rows) {
+        setenv("TZ", row.processTz, 1);
+        tzset();
+        Rig rig(row.meterTz);
+        ASSERT_TRUE(rig.driver.init());
+        struct Kind {
+            int arch;
+            int dump;
+            size_t atLeast;
+        } kinds[] = {{ARCH_HOURLY, CM4SimModel::Hourly, 40},
+                     {ARCH_DAILY, CM4SimModel::Daily, 1},
+                     {ARCH_JOURNAL_EVENT, CM4SimModel::Events, 4}};
+        for (const auto& k : kinds) {
+            std::vector<ArchiveRecord> out;
+            rig.driver.get_arch_values(k.arch, kStart - 10 * 86400, kStart + 86400, out);
+            std::vector<std::string> got;
+            for (const auto& r : out)
+                got.push_back(line(r));
+            EXPECT_EQ(got, rig.dump(k.dump, kStart)) << "archive " << k.arch << " meter tz " << row.meterTz;
+            EXPECT_GE(got.size(), k.atLeast);
+        }
+    }
+    if (previous)
+        setenv("TZ", saved.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
+// The meter falls silent after the first archive block: the cycle ends, and
+// what was read before is whole and in order.
+TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
+    Rig rig(0, "74212", 1);
+    ASSERT_TRUE(rig.driver.init());
+    std::vector<ArchiveRecord> out;
+    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out), CDisconnectException);
+    const auto all = rig.dump(CM4SimModel::Hourly, kStart);
+    ASSERT_EQ(out.size(), 32u);
+    for (size_t i = 0; i < out.size(); ++i)
+        EXPECT_EQ(line(out[i]), all[i]);
+}
+
+}  // namespace
