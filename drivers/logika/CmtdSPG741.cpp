@@ -57,10 +57,10 @@ struct CurrentValue {
     bool pressure;
 };
 const CurrentValue kCurrent[] = {
-    {kRamTotals + 0, Enc::Total, "Vstd", DU_M3, false},   {kRamTotals + 8, Enc::Total, "Vw", DU_M3, false},
+    {kRamTotals + 0, Enc::Total, "Vstd1", DU_M3, false},   {kRamTotals + 8, Enc::Total, "Vw1", DU_M3, false},
     {kRamTotals + 16, Enc::Total, "Vstd2", DU_M3, false}, {kRamTotals + 24, Enc::Total, "Vw2", DU_M3, false},
-    {kRamCurrent + 0, Enc::Float, "P", DU_KGF_CM2, true}, {kRamCurrent + 4, Enc::Float, "T", DU_GRAD, false},
-    {kRamCurrent + 8, Enc::Float, "Qw", DU_M3_H, false},  {kRamCurrent + 12, Enc::Float, "Qstd", DU_M3_H, false},
+    {kRamCurrent + 0, Enc::Float, "P1", DU_KGF_CM2, true}, {kRamCurrent + 4, Enc::Float, "T1", DU_GRAD, false},
+    {kRamCurrent + 8, Enc::Float, "Qw1", DU_M3_H, false},  {kRamCurrent + 12, Enc::Float, "Qstd1", DU_M3_H, false},
     {kRamCurrent + 16, Enc::Float, "P2", DU_KGF_CM2, true}, {kRamCurrent + 20, Enc::Float, "T2", DU_GRAD, false},
     {kRamCurrent + 24, Enc::Float, "Qw2", DU_M3_H, false}, {kRamCurrent + 28, Enc::Float, "Qstd2", DU_M3_H, false},
 };

@@ -151,15 +151,15 @@ TEST(SPG741, SessionSystemAndCurrentValues) {
 
     auto cur = byName(rig.driver.get_all_curtime_cur_integ_values());
     EXPECT_EQ(cur["DateTime"].value, "2024-05-01,10:15:00");
-    EXPECT_EQ(cur["Vstd"].value, "123456.75000");
-    EXPECT_EQ(cur["Vstd"].dim, "m3");
-    EXPECT_NEAR(std::stod(cur["P"].value), 0.25 * 10.197162, 1e-4);  // MPa -> kgf/cm2
-    EXPECT_EQ(cur["P"].dim, "kgs/sm2 (atm)");
-    EXPECT_EQ(cur["T"].value, "12.50000");
-    EXPECT_EQ(cur["Qstd"].dim, "m3/h");
+    EXPECT_EQ(cur["Vstd1"].value, "123456.75000");
+    EXPECT_EQ(cur["Vstd1"].dim, "m3");
+    EXPECT_NEAR(std::stod(cur["P1"].value), 0.25 * 10.197162, 1e-4);  // MPa -> kgf/cm2
+    EXPECT_EQ(cur["P1"].dim, "kgs/sm2 (atm)");
+    EXPECT_EQ(cur["T1"].value, "12.50000");
+    EXPECT_EQ(cur["Qstd1"].dim, "m3/h");
     EXPECT_EQ(cur["Qstd2"].value, "0.00000");
     EXPECT_EQ(cur["NS"].value, "0x00000005");
-    EXPECT_EQ(cur["T"].sys, "2");
+    EXPECT_EQ(cur["T1"].sys, "2");
 
     time_t t = 0;
     int rateHour = -1;

@@ -86,20 +86,20 @@ if last is None:
     sys.exit("  no put_all_current_values")
 v = {x["name"]: x for x in last}
 names = [x["name"] for x in last]
-want = ["DateTime", "Vstd", "Vw", "Vstd2", "Vw2", "P", "T", "Qw", "Qstd", "P2", "T2", "Qw2", "Qstd2", "NS"]
+want = ["DateTime", "Vstd1", "Vw1", "Vstd2", "Vw2", "P1", "T1", "Qw1", "Qstd1", "P2", "T2", "Qw2", "Qstd2", "NS"]
 bad = []
 if names != want:
     bad.append("names %s" % names)
 else:
-    checks = [("T", "7.50000", "grad"), ("Qstd", "102.50000", "m3/h"), ("Vstd2", "1000.25000", "m3"),
+    checks = [("T1", "7.50000", "grad"), ("Qstd1", "102.50000", "m3/h"), ("Vstd2", "1000.25000", "m3"),
               ("Vw2", "1200.50000", "m3"), ("DateTime", None, "")]
     for n, value, dim in checks:
         if (value and v[n]["value"] != value) or v[n]["dim"] != dim:
             bad.append(json.dumps(v[n]))
-    if abs(float(v["P"]["value"]) - 0.3125 * 10.197162129787) > 1e-4 or v["P"]["dim"] != "kgs/sm2 (atm)":
-        bad.append(json.dumps(v["P"]))
-    if float(v["Vstd"]["value"]) < 50000 or any(x["quality"] != 192 for x in last):
-        bad.append(json.dumps(v["Vstd"]))
+    if abs(float(v["P1"]["value"]) - 0.3125 * 10.197162129787) > 1e-4 or v["P1"]["dim"] != "kgs/sm2 (atm)":
+        bad.append(json.dumps(v["P1"]))
+    if float(v["Vstd1"]["value"]) < 50000 or any(x["quality"] != 192 for x in last):
+        bad.append(json.dumps(v["Vstd1"]))
 for b in bad:
     print("  " + b)
 sys.exit(1 if bad else 0)
