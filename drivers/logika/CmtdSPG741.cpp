@@ -150,14 +150,12 @@ bool CmtdSPG741::init() {
                 m_ident[1]);
         throw CWrongPacketException("not an SPG741");
     }
-    m_session = true;
     return true;
 }
 
 void CmtdSPG741::cycle_end() {
     // The dialect has no closing frame; the meter ends the session after a
     // minute of silence. The next cycle starts a new one.
-    m_session = false;
     m_haveSystem = false;
     MTD_LOG(Info, "[%lld][%s] CmtdSPG741::cycle_end() - session left", logId(), driverName());
 }
@@ -220,6 +218,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
     std::string text;
     readClock(now, text);
     auto add = [&](const char* name, const std::string& value) {
+        MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_all_system_values() - %s = %s", id, nm, name, value.c_str());
         out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     if (!readSystemBlock()) {

@@ -98,7 +98,6 @@ private:
     std::unique_ptr<CM4MemoryConnector> m_proto;
     M4::Timing m_timing;
     ProtocolSleep m_sleep;
-    bool m_session = false;
 
     // From the configuration (init).
     std::string m_sys = "1";
