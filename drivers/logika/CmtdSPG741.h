@@ -27,8 +27,9 @@
 // NOT FOUND in any published source available here, and therefore an
 // assumption of this driver (checked only against tools/m4sim, which was
 // written from this same list): every address below, the record layouts and
-// the ring depths, the pressure-unit codes, and that the newest slot of each
-// ring is kept in RAM. Replace them from the maker's memory map before
+// the ring depths, the pressure-unit codes, the firmware version as the third
+// byte of the session answer, and that the newest slot of each ring is kept
+// in RAM. Replace them from the maker's memory map before
 // trusting readings from a real meter.
 //   RAM  0x0000  clock: YY MM DD HH mm SS (device local time)
 //        0x0008  fault flags, 32 bits, low byte first
