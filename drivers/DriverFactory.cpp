@@ -1,6 +1,7 @@
 #include "drivers/DriverFactory.h"
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
+#include "drivers/logika/CmtdSPG741.h"
 #include "drivers/logika/CmtdSpgM4.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
@@ -37,9 +38,9 @@ const DriverModelRow kModelTable[] = {
     {"irvis-rs4m-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"irvis-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"vrsg-1", Row::CONTAINS, "CmtdVrsg", 2, nullptr, 0, nullptr},
-    {"spg741", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, nullptr},
-    {"spg741.1", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, nullptr},
-    {"spg741.2", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, nullptr},
+    {"spg741", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
+    {"spg741.1", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
+    {"spg741.2", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
     {"im2300gas", Row::CONTAINS, "CmtdIM2300Agas", 0, nullptr, 0, nullptr},
     {"im2300x", Row::CONTAINS, "CmtdIM2300GasNotModbus", 0, nullptr, 0, nullptr},
     {"vkg-2", Row::CONTAINS, "CmtdWKG2", 0, nullptr, 0, nullptr},

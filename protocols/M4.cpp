@@ -18,17 +18,10 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr size_t kHeaderSize = 8;
-constexpr uint8_t kDle = 0x10;
-constexpr uint8_t kEnd = 0x16;
+constexpr uint8_t kDle = kFrameStart;
+constexpr uint8_t kEnd = kFrameEnd;
 constexpr uint8_t kFrameType = 0x90;  // "long" frame with attribute byte and length
 constexpr size_t kWakeUpLength = 20;
-
-uint8_t complementOfSum(const uint8_t* data, size_t length) {
-    unsigned sum = 0;
-    for (size_t i = 0; i < length; ++i)
-        sum += data[i];
-    return static_cast<uint8_t>(~sum);
-}
 
 uint32_t le32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
@@ -83,6 +76,13 @@ size_t putCrc(uint8_t* p, size_t end) {
 
 }  // namespace
 
+uint8_t shortFrameChecksum(const uint8_t* data, size_t length) {
+    unsigned sum = 0;
+    for (size_t i = 0; i < length; ++i)
+        sum += data[i];
+    return static_cast<uint8_t>(~sum);
+}
+
 CM4::CM4(CConnector& connector, uint8_t netAddr, long long logId, std::string logName, Timing timing,
          ProtocolSleep sleep)
     : m_connector(connector),
@@ -127,7 +127,7 @@ bool CM4::makePacket(const LogikaRequest& request) {
         p[1] = m_netAddr;
         p[2] = kFnSessionStart;
         p[3] = p[4] = p[5] = p[6] = 0x00;
-        p[7] = complementOfSum(p + 1, 5);
+        p[7] = shortFrameChecksum(p + 1, 5);
         p[8] = kEnd;
         m_sendLength = 9;
         m_packetId = 0xFF;
@@ -223,7 +223,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
 
     if (request.function == kFnSessionStart) {
         dumpFrame("Recv", request, m_recv, m_recvLength);
-        uint8_t cs = complementOfSum(m_recv + 1, 5);
+        uint8_t cs = shortFrameChecksum(m_recv + 1, 5);
         struct {
             uint8_t want, got;
         } checks[] = {{m_netAddr, m_recv[1]}, {kFnSessionStart, m_recv[2]}, {cs, m_recv[6]}};

@@ -42,6 +42,14 @@ enum : uint32_t {
     kFnErrorReply = 0x21,
 };
 
+// Start and end bytes of the frames (the end byte only in the short frames).
+constexpr uint8_t kFrameStart = 0x10;
+constexpr uint8_t kFrameEnd = 0x16;
+
+// Check byte of the short frames (session start, and the memory reads of the
+// older meters): the complement of the 8-bit sum of NT .. the last data byte.
+uint8_t shortFrameChecksum(const uint8_t* data, size_t length);
+
 struct Timing {
     std::chrono::milliseconds afterSend{1000};
     std::chrono::milliseconds betweenAttempts{1000};

@@ -3,7 +3,8 @@
 # namespace (own loopback, tmpfs over /tmp and /mnt/storage) runs mtd_hostsim
 # and an EK270 simulated by mtd_metersim (three days of archives, line timing
 # at 9600 Bd), lets mtd_main -e do one full cycle, stops it with SIGINT and
-# shows what was read. --model spg742 plays an SPG742 with mtd_m4sim instead.
+# shows what was read. --model spg742 (or spg741) plays that Logika corrector
+# with mtd_m4sim instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,7 +21,8 @@ trap stop_started EXIT
 
 ID=1001
 MODEL=ek270
-[ "${1:-}" = --model ] && MODEL=${2:?--model wants ek270 or spg742}
+SERIAL=12345678
+[ "${1:-}" = --model ] && MODEL=${2:?--model wants ek270, spg742 or spg741}
 case $MODEL in
 ek270)
     start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/meter" --model EK270 \
@@ -32,13 +34,19 @@ spg742)
         --serial 12345678 --archive-days 3 --baud 9600
     line='"data": "8", "parity": "N", "address": "0"'
     cycle_end='CmtdSpgM4::cycle_end\(\) - session left' ;;
-*) echo "demo: unknown model '$MODEL' (ek270, spg742)"; exit 2 ;;
+spg741)
+    SERIAL=741005  # the meter keeps 24 bits of it
+    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_m4sim" --link "$WORK/meter" --model spg741 \
+        --serial $SERIAL --archive-days 3 --baud 9600
+    line='"data": "8", "parity": "N", "address": "0"'
+    cycle_end='CmtdSPG741::cycle_end\(\) - session left' ;;
+*) echo "demo: unknown model '$MODEL' (ek270, spg742, spg741)"; exit 2 ;;
 esac
 wait_for "$WORK/sim.out" '^ready' 5 || { echo "simulator did not start"; cat "$WORK/sim.out"; exit 1; }
 
 cat >"$WORK/host.json" <<JSON
 {"meters": {"$ID": {"port_params": {"manufacturer": "$MODEL", "name": "$WORK/meter", "speed": "9600",
-  $line, "stop": "1", "timeout": "1000", "serial": "12345678", "data_rate": "600"}, "systems": ["1"]}}}
+  $line, "stop": "1", "timeout": "1000", "serial": "$SERIAL", "data_rate": "600"}, "systems": ["1"]}}}
 JSON
 start_hostsim "$WORK/host.json" "$WORK/host.record"
 

@@ -1,0 +1,158 @@
+#include "drivers/logika/CM4MemoryConnector.h"
+
+#include <cstdio>
+#include <thread>
+#include <utility>
+
+#include "shell/logger.h"
+#include "transport/CConnector.h"
+#include "transport/CLinkStats.h"
+
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr size_t kFrameLength = 9;  // 10 NT FN d0 d1 d2 d3 CS 16
+constexpr size_t kReplyOverhead = 5;  // 10 NT FN ... CS 16
+
+}  // namespace
+
+CM4MemoryConnector::CM4MemoryConnector(CConnector& connector, uint8_t netAddr, long long logId, std::string logName,
+                                       M4::Timing timing, ProtocolSleep sleep)
+    : m_connector(connector),
+      m_m4(connector, netAddr, logId, logName, timing, sleep),
+      m_netAddr(netAddr),
+      m_logId(logId),
+      m_logName(std::move(logName)),
+      m_timing(timing),
+      m_sleep(std::move(sleep)) {}
+
+void CM4MemoryConnector::pause(std::chrono::milliseconds d) const {
+    if (m_sleep)
+        m_sleep(d);
+    else
+        std::this_thread::sleep_for(d);
+}
+
+bool CM4MemoryConnector::startSession(uint8_t ident[3]) {
+    LogikaRequest request;
+    request.name = "Session Start";
+    request.function = M4::kFnSessionStart;
+    if (!m_m4.SendRequest(request))
+        return false;
+    for (int i = 0; i < 3; ++i)
+        ident[i] = m_m4.reply()[3 + i];
+    return true;
+}
+
+bool CM4MemoryConnector::readRam(const char* name, uint16_t address, size_t count, std::vector<uint8_t>& out) {
+    return read(name, kFnReadRam, address, count, count, out);
+}
+
+bool CM4MemoryConnector::readFlash(const char* name, uint16_t page, size_t pages, std::vector<uint8_t>& out) {
+    return read(name, kFnReadFlash, page, pages, pages * kPageSize, out);
+}
+
+bool CM4MemoryConnector::readExactly(uint8_t* p, size_t n) {
+    for (size_t got = 0; got < n;) {
+        int r = m_connector.ReadBuffer(p + got, static_cast<uint16_t>(n - got), true);
+        if (r <= 0)
+            return false;
+        got += static_cast<size_t>(r);
+    }
+    return true;
+}
+
+bool CM4MemoryConnector::read(const char* name, uint8_t function, uint16_t where, size_t count, size_t replyData,
+                              std::vector<uint8_t>& out) {
+    out.clear();
+    m_error = false;
+    m_errorCode = 0xFF;
+    const size_t limit = function == kFnReadRam ? kMaxRamBytes : kMaxPages;
+    if (count == 0 || count > limit) {
+        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s') - WRONG COUNT %d !!!", m_logId, m_logName.c_str(),
+                name, static_cast<int>(count));
+        return false;
+    }
+    uint8_t frame[kFrameLength] = {M4::kFrameStart, m_netAddr, function, static_cast<uint8_t>(where & 0xFF),
+                                   static_cast<uint8_t>(where >> 8), static_cast<uint8_t>(count), 0x00, 0, M4::kFrameEnd};
+    frame[7] = M4::shortFrameChecksum(frame + 1, 6);
+    for (int i = 0; i < kAttempts; ++i) {
+        switch (attempt(name, frame, replyData, out)) {
+        case Attempt::Ok: return true;
+        case Attempt::Refused: return false;
+        case Attempt::Failed: break;
+        }
+        pause(m_timing.betweenAttempts);
+    }
+    MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!", m_logId, m_logName.c_str(), name);
+    return false;
+}
+
+CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const uint8_t* frame, size_t replyData,
+                                                        std::vector<uint8_t>& out) {
+    const char* dev = m_logName.c_str();
+    logger* log = g_logger;
+    const bool dump = log && log->isLevel(logger::DEBUG);
+    char title[128];
+
+    m_connector.FlushBuffers();  // what is left of an earlier, broken reply
+    int written = m_connector.WriteBuffer(frame, kFrameLength, true);
+    if (dump) {
+        std::snprintf(title, sizeof title, "[%lld][%s] CM4MemoryConnector::read('%s'): Send", m_logId, dev, name);
+        log->dump(title, frame, kFrameLength);
+    }
+    if (written != static_cast<int>(kFrameLength)) {
+        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Send - WRITE ERROR, WANT %d BYTES, WRITTEN %d", m_logId,
+                dev, name, static_cast<int>(kFrameLength), written);
+        return Attempt::Failed;
+    }
+
+    m_recv.assign(replyData + kReplyOverhead, 0);
+    uint8_t* r = m_recv.data();
+    if (!readExactly(r, 3)) {
+        CLinkStats::noteTimeout();
+        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Header Recv - CAN'T READ HEADER !!!", m_logId, dev,
+                name);
+        return Attempt::Failed;
+    }
+    // A refusal is short whatever was asked: code, check byte, end byte.
+    const size_t length = r[2] == M4::kFnErrorReply ? 6 : m_recv.size();
+    if (!readExactly(r + 3, length - 3)) {
+        CLinkStats::noteTimeout();
+        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES", m_logId,
+                dev, name, static_cast<int>(length - 3));
+        return Attempt::Failed;
+    }
+    if (dump) {
+        std::snprintf(title, sizeof title, "[%lld][%s] CM4MemoryConnector::read('%s'): Recv", m_logId, dev, name);
+        log->dump(title, r, length);
+    }
+    struct Check {
+        const char* what;
+        unsigned want, got;
+    } checks[] = {
+        {"START", M4::kFrameStart, r[0]},
+        {"netAddr", m_netAddr, r[1]},
+        {"FUNCTION", r[2] == M4::kFnErrorReply ? static_cast<unsigned>(M4::kFnErrorReply) : frame[2], r[2]},
+        {"CRC", M4::shortFrameChecksum(r + 1, length - 3), r[length - 2]},
+        {"END", M4::kFrameEnd, r[length - 1]},
+    };
+    for (const auto& c : checks) {
+        if (c.want != c.got) {
+            if (c.what[0] == 'C')
+                CLinkStats::noteChecksumError();
+            MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Recv - WRONG %s, WAIT 0x%02x, BUT GET 0x%02x !!!",
+                    m_logId, dev, name, c.what, c.want, c.got);
+            return Attempt::Failed;
+        }
+    }
+    if (r[2] == M4::kFnErrorReply) {
+        m_error = true;
+        m_errorCode = r[3];
+        MTD_LOG(Warning, "[%lld][%s] CM4MemoryConnector::read('%s') - GET ERROR RESPONSE WITH ERROR 0x%02x ('%s')",
+                m_logId, dev, name, m_errorCode, M4::CM4::errorText(m_errorCode));
+        return Attempt::Refused;
+    }
+    out.assign(r + 3, r + 3 + replyData);
+    return Attempt::Ok;
+}

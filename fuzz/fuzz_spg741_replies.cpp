@@ -1,0 +1,47 @@
+// The SPG741 driver against a meter that answers with the fuzz input: session
+// start, system block, clock, current values and the three archive rings, so
+// the memory-read frames, the Microchip floats, the ring indexes and the
+// record dates all see hostile bytes. The input is the whole stream of replies.
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "drivers/logika/CmtdSPG741.h"
+#include "fuzz/CReplayTransport.h"
+#include "fuzz/FuzzLog.h"
+#include "storage/ArchiveRecord.h"
+#include "transport/CConnector.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzzLogAll();
+    CConnector conn{std::make_unique<CReplayTransport>(data, size)};
+    CmtdSPG741 driver;
+    CDeviceConfig config;
+    config.meter_id = "41";
+    config.params = {{"systems", "1;"}, {"manufacturer", "spg741"}, {"pu_TZ", "3"}};
+    config.serial_text = "741005";
+    driver.save_init_params(config);
+    driver.setTiming(M4::Timing(), [](std::chrono::milliseconds) {});
+    driver.SaveConnector(&conn);
+
+    auto step = [](auto f) {
+        try {
+            f();
+        } catch (const std::runtime_error&) {
+            // CDisconnectException and friends end the cycle, which is fine.
+        }
+    };
+    const time_t from = 1714000000, to = 1714600000;
+    step([&] { driver.init(); });
+    step([&] { driver.get_all_system_values(); });
+    step([&] { driver.get_all_curtime_cur_integ_values(); });
+    for (int arch : {ARCH_DAILY, ARCH_HOURLY, ARCH_JOURNAL_EVENT}) {
+        std::vector<ArchiveRecord> out;
+        step([&] { driver.get_arch_values(arch, from, to, out); });
+    }
+    return 0;
+}
