@@ -157,7 +157,7 @@ TEST(Gost61107Parse, ValuesOfReplies) {
 
 // The master against a scripted meter on a pseudo-terminal.
 TEST(Gost61107Io, RepliesAndFirstByteRules) {
-    Bytes data = bytesOf("\x02" "1:180.0(12345678)\x03");
+    Bytes data = withBcc(bytesOf("\x02" "1:180.0(12345678)\x03"));
     Bytes p0 = withBcc(bytesOf("\x01P0\x02(12345678)\x03"));
     Bytes badP0 = p0;
     badP0.back() ^= 0x20;
@@ -185,7 +185,8 @@ TEST(Gost61107Io, RepliesAndFirstByteRules) {
              b.insert(b.end(), data.begin(), data.end());
              return b;
          }(), false, 3, {}, "Recv #4: 1ST MUST BE 0x02('.'), BUT GOT 0x77('w')"},
-        {"block ended by EOT", req(3, "3:V.0"), bytesOf("\x02(1)\r\n\x04"), true, 1, bytesOf("\x02(1)\r\n\x04"), ""},
+        {"block ended by EOT", req(3, "3:V.0"), withBcc(bytesOf("\x02(1)\r\n\x04")), true, 1,
+         withBcc(bytesOf("\x02(1)\r\n\x04")), ""},
         {"option select with its BCC", req(1), p0, true, 1, p0, "<BCC=0x"},
         {"wrong BCC fails every attempt", req(1), badP0, false, 3, {}, "Recv: WRONG BCC - GOT 0x"},
         {"silent meter", req(2, "1:180.0"), {}, false, 3, {}, "RECV: TIMEOUT !!! ReadAll = 0"},
@@ -212,7 +213,7 @@ TEST(Gost61107Io, RepliesAndFirstByteRules) {
 TEST(Gost61107Io, BreakWaitsForNothingAndValuesAreParsed) {
     LogCapture log;
     PtyMeter meter(iecFrameSize, [](const Bytes& r, int) {
-        return r[1] == 'R' ? Bytes(bytesOf("\x02" "2:300.0(1234.5678*m3)\x03")) : Bytes();
+        return r[1] == 'R' ? withBcc(bytesOf("\x02" "2:300.0(1234.5678*m3)\x03")) : Bytes();
     });
     CConnector conn(meter.params(), PtyMeter::noLeds());
     ASSERT_TRUE(conn.open_device());
