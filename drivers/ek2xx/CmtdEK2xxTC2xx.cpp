@@ -202,6 +202,14 @@ uint32_t pressureUnitCode(const std::string& unit) {
     return DU_UNKNOWN;
 }
 
+// Journal entries of the newest second may be only part of their group when a
+// transfer ends early: they wait for the next read, which starts at that second.
+void holdBackNewestSecond(std::vector<ArchiveRecord>& out) {
+    const time_t newest = out.empty() ? 0 : out.back().timestamp;
+    while (!out.empty() && out.back().timestamp == newest)
+        out.pop_back();
+}
+
 std::string fmtNumber(double v) {
     char buf[48];
     std::snprintf(buf, sizeof buf, "%.5f", v);
@@ -723,24 +731,16 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     }
     m_out = nullptr;
     if (ok && !m_damaged && !bounded) {
-        if (isStopping() && m_events && !out.empty()) {
-            // Stopped between blocks: the newest second may be only part of its group.
-            const time_t newest = out.back().timestamp;
-            while (!out.empty() && out.back().timestamp == newest)
-                out.pop_back();
-        }
+        if (isStopping() && m_events)
+            holdBackNewestSecond(out);  // stopped between blocks
         return;
     }
     // Keep what came whole, up to the last good record, and let the cycle go
-    // on; the next read starts after it. Journal entries of the newest second
-    // may be only part of their group: they wait for that read too.
+    // on; the next read starts after it.
     MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!",
             id, nm, static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
-    if (m_events && !out.empty()) {
-        const time_t newest = out.back().timestamp;
-        while (!out.empty() && out.back().timestamp == newest)
-            out.pop_back();
-    }
+    if (m_events)
+        holdBackNewestSecond(out);
 }
 
 bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
