@@ -25,12 +25,11 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <memory>
 
 #include "tools/metersim/SMeterSimConfig.h"
 #include "tools/simline/CLineFaults.h"
