@@ -8,5 +8,8 @@ BUILD_DIR=${BUILD_DIR:-$ROOT/build}
 SEEDS=${1:-"21 22 23 24 25 26 27 28"}
 CYCLES=${2:-8}
 SHARE=${3:-0.08}
-[ -x "$BUILD_DIR/mtd_main" ] && [ -x "$BUILD_DIR/mtd_metersim" ] || "$ROOT/scripts/build.sh"
+if [ ! -x "$BUILD_DIR/mtd_main" ] || [ ! -x "$BUILD_DIR/mtd_metersim" ]; then
+    "$ROOT/scripts/deps.sh"
+    "$ROOT/scripts/build.sh" >/dev/null
+fi
 exec "$ROOT/tests/e2e/ek_soak.sh" "$BUILD_DIR" "$SEEDS" "$CYCLES" "$SHARE"
