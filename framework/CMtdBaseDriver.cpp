@@ -497,6 +497,14 @@ size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
     try {
         get_arch_values(archType, from, to, records);
     } catch (...) {
+        // Journal entries may share a second, and the transfer may have broken
+        // inside such a group: the next read starts a second after what is
+        // stored, so that second waits for it, as flushArchive does.
+        if (archType == ARCH_JOURNAL_EVENT || archType == ARCH_JOURNAL_INTERVENT) {
+            const long long newest = records.empty() ? 0 : records.back().timestamp;
+            while (!records.empty() && records.back().timestamp == newest)
+                records.pop_back();
+        }
         storeArchive(archType, records);
         m_reading.type = -1;
         throw;

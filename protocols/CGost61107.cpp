@@ -12,6 +12,13 @@
 namespace {
 
 constexpr auto kPause = std::chrono::milliseconds(100);
+// IEC 62056-21 devices need the line quiet for 20 ms after their last byte
+// before they listen to the next request.
+constexpr auto kQuietGap = std::chrono::milliseconds(20);
+// Silence that ends the wait for the check byte of an STX reply: a few
+// character times, but not below the 16 ms latency timer of USB adapters.
+constexpr int kBccWaitChars = 5;
+constexpr uint32_t kBccWaitMinMs = 20;
 constexpr int kAttempts = 3;
 constexpr int kMaxWrongFirst = 3;
 
@@ -31,22 +38,31 @@ CGost61107::CGost61107(CConnector& connector, long long id, std::string name)
 bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8_t>& reply) {
     const char* rq = request.name.c_str();
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (!makePacket(request))
+        // A block that did not come whole and checked is never acknowledged: the
+        // meter would take the ACK for "next block" and the lost one would never
+        // be read. NAK makes it send the same block again.
+        SGost61107Request sent = request;
+        if (attempt > 0 && request.kind == SGost61107Request::Acknowledge)
+            sent.kind = SGost61107Request::Repeat;
+        if (!makePacket(sent))
             return false;
         if (debugOn()) {
             std::string shownTx = printable(m_tx, m_txLength, (m_tx[0] & 0xFD) == SOH);
             MTD_LOG(Debug, "[%lld][%s] CGost61107::send('%s'): Send: %s", m_id, m_name.c_str(), rq,
                     shownTx.c_str());
         }
-        // Whatever is still queued belongs to an earlier exchange: the BCC after an
-        // STX block (never read), the tail of a damaged or late reply. Left there
-        // it would be taken for the start of this reply; a stale 0x06 would even
-        // pass for the ACK of a write.
+        keepQuietGap();
+        // Whatever is still queued belongs to an earlier exchange: the tail of a
+        // damaged or late reply. Left there it would be taken for the start of
+        // this reply; a stale 0x06 would even pass for the ACK of a write.
         m_connector.FlushBuffers();
         m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
-        pause(kPause);
-        if (receive(request, reply))
+        bool got = receive(request, reply);
+        m_lastRx = std::chrono::steady_clock::now();
+        if (got)
             return processReply(request, reply);
+        // Let the rest of a damaged reply (or a check byte that comes late)
+        // arrive before the flush of the next attempt.
         pause(kPause);
         CLinkStats::noteRetry();
         MTD_LOG(Warning, "[%lld][%s] CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", m_id,
@@ -54,6 +70,20 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
     }
     MTD_LOG(Err, "[%lld][%s] CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", m_id, m_name.c_str(), rq);
     return false;
+}
+
+void CGost61107::keepQuietGap() {
+    if (m_lastRx == std::chrono::steady_clock::time_point())
+        return;
+    auto since = std::chrono::steady_clock::now() - m_lastRx;
+    if (since < kQuietGap)
+        pause(std::chrono::duration_cast<std::chrono::milliseconds>(kQuietGap - since) + std::chrono::milliseconds(1));
+}
+
+uint32_t CGost61107::bccWaitMs() const {
+    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    uint32_t ms = baud > 0 ? static_cast<uint32_t>(kBccWaitChars * 10 * 1000 / baud + 1) : kBccWaitMinMs;
+    return ms < kBccWaitMinMs ? kBccWaitMinMs : ms;
 }
 
 void CGost61107::pause(std::chrono::milliseconds d) const {
@@ -64,20 +94,28 @@ void CGost61107::pause(std::chrono::milliseconds d) const {
 }
 
 bool CGost61107::processReply(const SGost61107Request& request, const std::vector<uint8_t>& reply) {
-    return parse(request, m_values, reply.data(), reply.size());
+    // The check byte may be any value, a '(' too: it is not part of the text.
+    return parse(request, m_values, reply.data(), reply.size() - (m_replyHasBcc ? 1 : 0));
 }
 
 bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>& reply) {
     const char* rq = request.name.c_str();
     const char* nm = m_name.c_str();
     reply.clear();
+    m_replyHasBcc = false;
     if (m_expectedFirst == 0) {
         MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): will not wait response", m_id, nm, rq);
         return true;
     }
     uint8_t byte = 0;
+    // The reply is waited for as it comes; the first byte may take the pause the
+    // meter is allowed before it answers on top of the port's time-out.
+    uint32_t firstWait = m_connector.GetTimeout() + static_cast<uint32_t>(kPause.count());
     auto readOne = [&]() {
-        if (m_connector.ReadBuffer(&byte, 1, true) == 1)
+        int n = firstWait != 0 ? m_connector.ReadBufferCycle(&byte, 1, true, firstWait)
+                               : m_connector.ReadBuffer(&byte, 1, true);
+        firstWait = 0;
+        if (n == 1)
             return true;
         CLinkStats::noteTimeout();
         MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", m_id, nm, rq,
@@ -126,22 +164,32 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
                 return false;
             }
         }
-        if ((reply[0] & 0xFD) == SOH) {
-            uint8_t got = 0;
-            if (m_connector.ReadBuffer(&got, 1, true) != 1) {
-                CLinkStats::noteTimeout();
-                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
-                return false;
-            }
-            uint8_t calc = bcc(reply.data() + 1, reply.size() - 1);
-            if (got != calc) {
-                CLinkStats::noteChecksumError();
+    }
+    if (!complete && (reply[0] == SOH || reply[0] == STX)) {
+        uint8_t got = 0;
+        const bool stx = reply[0] == STX;
+        // The check byte of an STX reply follows at once; waiting only a few
+        // character times keeps a meter that leaves it out from costing the
+        // whole time-out.
+        int n = stx ? m_connector.ReadBufferCycle(&got, 1, true, bccWaitMs()) : m_connector.ReadBuffer(&got, 1, true);
+        if (n != 1) {
+            CLinkStats::noteTimeout();
+            MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
+            return false;
+        }
+        uint8_t calc = bcc(reply.data() + 1, reply.size() - 1);
+        if (got != calc) {
+            CLinkStats::noteChecksumError();
+            if (stx)
+                MTD_LOG(Warning, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC OF STX REPLY - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
+                        m_id, nm, rq, got, calc);
+            else
                 MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
                         m_id, nm, rq, got, calc);
-                return false;
-            }
-            reply.push_back(got);
+            return false;
         }
+        reply.push_back(got);
+        m_replyHasBcc = true;
     }
     if (debugOn()) {
         std::string shownRx = printable(reply.data(), reply.size(), reply.size() > 1 && (reply[0] & 0xFD) == SOH);

@@ -11,11 +11,15 @@
 // Long data sets (archives) come in blocks: EOT ends a block with more to come,
 // ETX the last one; the master asks for the next block with a bare ACK.
 //
-// Replies are read one byte per connector read, each with the connector's
-// time-out. Up to three wrong first bytes (echoes, a late check byte) are
-// dropped. Only replies that start with SOH have their BCC read and checked;
-// a BCC that follows an STX block stays in the input queue and is discarded,
-// with anything else left over, before the next request is sent.
+// Replies are read one byte per connector read as they come, each with the
+// connector's time-out (the first with 100 ms more for the meter's reaction).
+// Up to three wrong first bytes (echoes, a late check byte) are dropped. Every
+// reply that ends with ETX or EOT has its BCC read and checked: a damaged
+// register value or archive block that still parses must not be taken, and a
+// check byte left unread would start the next reply. A wrong or missing BCC
+// fails the attempt; a failed "next block" is asked for again with NAK, never
+// with ACK. The line stays quiet for 20 ms after the meter's last byte before
+// the next request goes out.
 //
 // Every failure is a false result and one log line; nothing throws.
 
@@ -38,7 +42,7 @@ public:
 
     CGost61107(CConnector& connector, long long id, std::string name);
 
-    // Up to three attempts (100 ms after sending, 100 ms more after a failure);
+    // Up to three attempts (100 ms pause after a failure; a retried ACK goes out as NAK);
     // a good reply is handed to processReply(), whose result is returned.
     bool SendRequest(const SGost61107Request& request, std::vector<uint8_t>& reply);
     // Reads one reply as the last makePacket() described it.
@@ -56,8 +60,10 @@ public:
 
     // Values split by the default processReply() from the last good reply.
     const std::vector<std::string>& values() const { return m_values; }
+    // The last good reply ended with a check byte (SOH and STX replies do).
+    bool replyHasBcc() const { return m_replyHasBcc; }
     CConnector& connector() { return m_connector; }
-    // How SendRequest pauses between send and reply; empty means a real sleep.
+    // How SendRequest pauses (quiet gap, after a failure); empty means a real sleep.
     // A replay of recorded replies has nothing to wait for.
     void setSleep(Sleep sleep) { m_sleep = std::move(sleep); }
 
@@ -67,8 +73,14 @@ protected:
 
     CConnector& m_connector;
     std::vector<std::string> m_values;
+    bool m_replyHasBcc = false;  // the last reply ends with its check byte
 
 private:
     void pause(std::chrono::milliseconds d) const;
+    // Sleeps what is left of the quiet gap after the meter's last byte.
+    void keepQuietGap();
+    // How long the check byte of an STX reply is waited for at the port's speed.
+    uint32_t bccWaitMs() const;
     Sleep m_sleep;
+    std::chrono::steady_clock::time_point m_lastRx;
 };

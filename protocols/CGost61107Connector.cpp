@@ -68,7 +68,8 @@ bool CGost61107Connector::makePacket(const SGost61107Request& request) {
         frame = {static_cast<char>(SOH), 'B', '0', static_cast<char>(ETX)};
         break;
     case SGost61107Request::Acknowledge:
-        frame = static_cast<char>(ACK);
+    case SGost61107Request::Repeat:
+        frame = static_cast<char>(request.kind == SGost61107Request::Acknowledge ? ACK : NAK);
         m_expectedFirst = STX;
         m_expectedEnd = ETX;
         m_expectedAltEnd = EOT;

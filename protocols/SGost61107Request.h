@@ -14,6 +14,7 @@ struct SGost61107Request {
         WriteW1 = 4,       // SOH "W1" STX address "(" data ")" ETX BCC
         Break = 5,         // SOH "B0" ETX BCC
         Acknowledge = 6,   // ACK alone: asks for the next block of a data set
+        Repeat = 7,        // NAK alone: asks for the last block of a data set again
     };
 
     std::string name;     // quoted in every log line of the exchange

@@ -349,7 +349,7 @@ ek_runs() {
     fi
     b1=$(io_bytes "$MS_PID")
     cp "$LOG" "$BUILD_DIR/bench-first-run.log"  # kept for a look at the exchange timing
-    local cpu_first sends first_send last_recv measured bytes ideal_bytes pauses ideal lower
+    local cpu_first sends first_send last_recv measured bytes ideal_bytes gaps
     cpu_first=$(calc "$(cpu_ns "$PID") / 1e9" 3)
     sends=$(count_in "$LOG" "CGost61107::send\(")
     first_send=$(log_seconds "$(grep -m1 -E "CGost61107::send\(" "$LOG")")
@@ -357,37 +357,32 @@ ek_runs() {
     measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
     bytes=$((b1 - b0))
     ideal_bytes=$(calc "$bytes * 10 / 9600" 3)
-    pauses=$(calc "$sends * 0.1" 3)   # 100 ms after every request (IEC 61107 layer)
-    ideal=$(calc "$ideal_bytes + $pauses" 3)
-    lower=$(calc "($ideal_bytes > $pauses ? $ideal_bytes : $pauses)" 3)
+    gaps=$(calc "$sends * 0.02" 3)   # the 20 ms of quiet the meter needs before every request
     put ek_line baud 9600
     put ek_line history_days "$hist"
     put ek_line requests "$sends"
     put ek_line line_bytes "$bytes"
     put ek_line bytes_time_s "$ideal_bytes"
-    put ek_line pauses_s "$pauses"
-    put ek_line ideal_s "$ideal"
+    put ek_line quiet_gaps_s "$gaps"
     put ek_line measured_s "$measured"
-    put ek_line measured_over_ideal "$(calc "$measured / $ideal" 3)"
-    put ek_line efficiency "$(calc "$ideal / $measured" 3)"
-    # the 100 ms pause overlaps the reply on the wire: the run can't be shorter than this
-    put ek_line lower_bound_s "$lower"
-    put ek_line efficiency_vs_lower_bound "$(calc "$lower / $measured" 3)"
-    # Split of the run: time inside exchanges (request sent .. reply complete, which
-    # holds the 100 ms pause and the reply bytes) and the daemon's own time between
-    # a reply and the next request (parsing, storing, publishing).
+    put ek_line efficiency "$(calc "$ideal_bytes / $measured" 3)"
+    echo "line efficiency (bytes time / measured): $(calc "$ideal_bytes / $measured" 2)"
+    # what the line allows at best with the quiet gaps: bytes time + gaps
+    put ek_line efficiency_vs_gaps "$(calc "($ideal_bytes + $gaps) / $measured" 3)"
+    # Split of the run: time inside exchanges (request sent .. reply complete) and
+    # the time between a reply and the next request (the quiet gap, parsing,
+    # storing, publishing).
     local split
     split=$(grep -E "CGost61107::send\(|CGost61107::receive\(.*(Recv: |will not wait)" "$LOG" | awk '
         { split($1, t, "[:.]"); s = t[1] * 3600 + t[2] * 60 + t[3] + t[4] / 1e3 + t[5] / 1e6
           if (ls && s < ls - 43200) s += 86400
           if ($0 ~ /::send\(/) { if (lr) gap += s - lr; ls = s }
-          else { if (ls) { ex += s - ls; if (s - ls > 0.1) over += s - ls - 0.1 } lr = s } }
-        END { printf "%.3f %.3f %.3f\n", ex, gap, over }')
-    local in_ex gaps over
-    read -r in_ex gaps over <<<"$split"
+          else { if (ls) ex += s - ls; lr = s } }
+        END { printf "%.3f %.3f\n", ex, gap }')
+    local in_ex between
+    read -r in_ex between <<<"$split"
     put ek_line in_exchange_s "$in_ex"
-    put ek_line reply_beyond_pause_s "$over"
-    put ek_line daemon_between_exchanges_s "$gaps"
+    put ek_line between_exchanges_s "$between"
     put ek_line line_busy_fraction "$(calc "$in_ex / $measured" 4)"
     put ek_line cpu_s_first_run "$cpu_first"
     put ek_line wakeups_first_run "$(ctxsw "$PID")"

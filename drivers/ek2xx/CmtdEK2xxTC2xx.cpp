@@ -27,6 +27,10 @@ using D = CmtdEK2xxTC2xx;
 
 // Reads of the rest of an archive after a damaged record, in one call.
 constexpr int kReadsAgain = 3;
+// Blocks a journal transfer may take (far above what a journal holds), and
+// the margin on top of the records a window can hold.
+constexpr long kJournalBlocks = 2000;
+constexpr long kBlockMargin = 10;
 
 const char* const kEkArch = "3;%04d-%02d-%02d,%02d:00:00;%04d-%02d-%02d,%02d:00:00;1";
 const char* const kTcHourly = "3;%d-%d-%d,%d:0:0;%d-%d-%d,%d:0:0;10";
@@ -196,6 +200,14 @@ uint32_t pressureUnitCode(const std::string& unit) {
     if (unit == "bar")
         return DU_BAR;
     return DU_UNKNOWN;
+}
+
+// Journal entries of the newest second may be only part of their group when a
+// transfer ends early: they wait for the next read, which starts at that second.
+void holdBackNewestSecond(std::vector<ArchiveRecord>& out) {
+    const time_t newest = out.empty() ? 0 : out.back().timestamp;
+    while (!out.empty() && out.back().timestamp == newest)
+        out.pop_back();
 }
 
 std::string fmtNumber(double v) {
@@ -719,30 +731,54 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     m_from = from;
     m_to = to;
     m_lastRecord = 0;
+    m_lastNumber = -1;
     m_out = &out;
     m_archType = archType;
     m_damaged = false;
+    m_period = m_events ? 0 : archType == ARCH_DAILY && !isTc() ? 86400 : (m_archPeriodMin > 0 ? m_archPeriodMin : 60) * 60;
+    // A meter that keeps ending blocks with EOT would be acknowledged for ever:
+    // no transfer takes more blocks than its window holds records, and a margin.
+    const long blockLimit = (m_events ? kJournalBlocks : static_cast<long>((to - from) / m_period) + 1) + kBlockMargin;
     const SRequest* first = findRequest(prefix + " Data 1st");
     bool ok = sendRequest(prefix + " Data 1st", archArgument(*first, from, to, archType == ARCH_DAILY));
+    bool bounded = false;
     for (int again = 0;;) {
+        long blocks = 1;
         while (ok && !m_damaged && isNextRequest(to)) {
+            if (++blocks > blockLimit) {
+                MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - MORE THAN %ld BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!",
+                        id, nm, blockLimit);
+                bounded = true;
+                break;
+            }
             flushArchive(out);
             ok = sendRequest(prefix + " Data Next");
         }
-        if (!ok || !m_damaged || m_lastRecord == 0 || ++again > kReadsAgain)
+        if (bounded || isStopping() || (ok && !m_damaged) || ++again > kReadsAgain)
             break;
-        // Ask again from the last good record. Journal entries may share a
-        // second, so that second is asked again too; the repeats are exact and
-        // the store keeps one of each.
+        // A block that did not come whole even after NAK, a damaged record or
+        // a hole in the record numbers: ask again from the last good record.
+        // Journal entries may share a second, so that second is asked again
+        // too; the records already here are known by their numbers.
         m_damaged = false;
-        m_from = m_events ? m_lastRecord : m_lastRecord + 1;
+        if (m_lastRecord != 0)
+            m_from = m_events ? m_lastRecord : m_lastRecord + 1;
         MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - read again from %d", id, nm,
                 static_cast<int>(m_from));
         ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
     }
     m_out = nullptr;
-    if (!ok)
-        throw CDisconnectException("archive transfer broken");
+    if (ok && !m_damaged && !bounded) {
+        if (isStopping() && m_events)
+            holdBackNewestSecond(out);  // stopped between blocks
+        return;
+    }
+    // Keep what came whole, up to the last good record, and let the cycle go
+    // on; the next read starts after it.
+    MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!",
+            id, nm, static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
+    if (m_events)
+        holdBackNewestSecond(out);
 }
 
 bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
@@ -750,8 +786,14 @@ bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
         MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - STOP BY TIME !!!", logId(), driverName());
         return false;
     }
-    if (m_reply.empty() || m_reply.back() != CGost61107Connector::EOT) {
+    const size_t end = m_reply.size() - (m_proto->replyHasBcc() ? 1 : 0);
+    if (end == 0 || m_reply[end - 1] != CGost61107Connector::EOT) {
         MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop by device !!!", logId(), driverName());
+        return false;
+    }
+    if (isStopping()) {
+        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop requested between blocks", logId(),
+                driverName());
         return false;
     }
     MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - send next ACK ...", logId(), driverName());
@@ -769,7 +811,7 @@ bool CmtdEK2xxTC2xx::parseUnits(const std::vector<std::string>& values) {
 
 bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
     // One record per line; the line is split again so a damaged line costs one record.
-    std::string text(m_reply.begin(), m_reply.end());
+    std::string text(m_reply.begin(), m_reply.end() - (m_proto->replyHasBcc() ? 1 : 0));
     size_t pos = 0;
     while (pos < text.size()) {
         size_t end = text.find('\n', pos);
@@ -814,7 +856,8 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
             continue;
         }
         MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - CRC Ok", logId(), driverName());
-        parseArch(values);
+        if (!parseArch(values) && m_damaged)
+            return true;
     }
     return true;
 }
@@ -840,6 +883,7 @@ bool CmtdEK2xxTC2xx::endTransferAtDamage() {
         MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!",
                 logId(), driverName(), static_cast<int>(after), m_damagedTimes);
         m_damagedAfter = -1;
+        m_lastNumber = -1;  // the next record may follow the skipped one
         return false;
     }
     MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE",
@@ -863,6 +907,31 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
             return false;
         rec.fields.emplace_back(field, values[i]);
     }
+    // Records carry consecutive numbers (the archive's own one where the model
+    // has it) and interval archives a fixed period: a jump means records were
+    // lost on the way, a number seen already a block the meter sent again.
+    const bool hasIdx = (*m_fields)[1] == std::string("ArchIdx");
+    char* numEnd = nullptr;
+    const long long number = std::strtoll(values[hasIdx ? 1 : 0].c_str(), &numEnd, 10);
+    if (values[hasIdx ? 1 : 0].empty() || *numEnd != '\0') {
+        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!", id, nm,
+                values[hasIdx ? 1 : 0].c_str());
+        return !endTransferAtDamage();
+    }
+    if (m_lastNumber >= 0 && number <= m_lastNumber) {
+        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.", id, nm,
+                number);
+        return true;
+    }
+    const bool numberJump = hasIdx && m_lastNumber >= 0 && number != m_lastNumber + 1;
+    const bool timeJump = !hasIdx && m_period > 0 && m_lastNumber >= 0 && ts - m_lastRecord > m_period;
+    if (numberJump || timeJump) {
+        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", id,
+                nm, number, static_cast<int>(ts));
+        if (endTransferAtDamage())
+            return false;
+    }
+    m_lastNumber = number;
     m_lastRecord = ts;
     if (ts < m_from || ts > m_to) {
         MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.", id, nm,
@@ -875,8 +944,15 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
         char* end = nullptr;
         unsigned long n = std::strtoul(code.c_str(), &end, 16);
         if (code.empty() || *end != '\0' || n > 0xFFFF) {
+            // Kept with its code as the meter gave it: a journal entry the
+            // meter holds is never left out.
             MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - WRONG EVENT CODE = '%s' !!!", id, nm, code.c_str());
-            return false;
+            rec.fields.emplace_back("event", "unknown");
+            rec.fields.emplace_back("state", "unknown");
+            rec.fields.emplace_back("intervention", "0");
+            if (m_out)
+                m_out->push_back(std::move(rec));
+            return true;
         }
         const EventClass* found = nullptr;
         for (const auto& e : kEventTable)

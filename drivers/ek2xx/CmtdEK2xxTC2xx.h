@@ -81,8 +81,8 @@ private:
     bool parseUnits(const std::vector<std::string>& values);
     bool parseArchBlock(const std::vector<std::string>& values);
     bool parseArch(const std::vector<std::string>& values);
-    // A record of the block failed its check: true when the transfer ends
-    // before it (read again next cycle), false when it is skipped for good.
+    // A record of the block failed its check or follows a hole: true when the
+    // transfer ends before it (read again), false when it is taken as it is.
     bool endTransferAtDamage();
     bool parseResponse(const std::vector<std::string>& values);
     // "12.5*bar" -> value "12.5", unit "bar"; false for an error code "#0001".
@@ -120,6 +120,8 @@ private:
     size_t m_headerCount = 0;
     bool m_events = false;
     time_t m_from = 0, m_to = 0, m_lastRecord = 0;
+    long long m_lastNumber = -1;  // record number of the last good record; -1 none yet
+    time_t m_period = 0;          // seconds between records of an interval archive; 0 journals
     std::vector<ArchiveRecord>* m_out = nullptr;
     int m_archType = 0;
     bool m_damaged = false;  // this transfer ended at a damaged record

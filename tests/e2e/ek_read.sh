@@ -10,7 +10,8 @@ HERE=$(cd "$(dirname "$0")" && pwd)
 e2e_case "$@"
 
 # One meter per model; the device clock runs at 720 s per second, so the
-# 5 s data rate lets about an hour of new records build up between cycles.
+# 10 s data rate lets about two hours of new records build up between cycles
+# (and leaves the checks of the first cycle time before the second begins).
 read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     local id=$1 model=$2 manufacturer=$3 unit=$4 seed=$5
     local dev sim=("--now" "" "--archive-days" 1 "--seed" "$seed" "--model" "$model" "--pressure-unit" "$unit")
@@ -23,7 +24,7 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     start_metersim "$WORK/$id.sim" --link "$WORK/$id.tty" --no-timing --clock-scale 720 --serial "5${seed}0${seed}" \
         "${sim[@]}" --value 2:300.0=123456.7891 --value 4:300.0=100001.5 --value "$pressure=$p" \
         --value 7:314_1.0=$pass_p --value 6:310_1.0=-3.25 --value 11:314.0=0.612 || return 1
-    write_ek_model_config "$WORK/$id.json" "$id" "$manufacturer" "$WORK/$id.tty" "5${seed}0${seed}" 5
+    write_ek_model_config "$WORK/$id.json" "$id" "$manufacturer" "$WORK/$id.tty" "5${seed}0${seed}" 10
     start_hostsim "$WORK/$id.json" "$WORK/$id.rec" || return 1
     start_bg "$WORK/$id.log" "$MTD_MAIN" -e -v 7 -i "$id"
     local pid=$BG_PID

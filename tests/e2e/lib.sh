@@ -333,3 +333,104 @@ for b in bad:
 sys.exit(1 if bad else 0)
 PY
 }
+
+# ---- a bad line over many cycles (ek_soak.sh, scripts/soak.sh) ----
+
+# ek_check_soak LOG ID MODEL SIMARGS... : per archive of meter ID, the stored
+# records are exactly the meter's from its first record up to the newest one
+# stored (none twice, no hole, every field equal, journal entries that share a
+# second included), and the daemon caught up: the newest stored record is the
+# meter's newest up to the hour where the last unbroken read of that archive
+# ended. LOG is every run's log in order, a line "=== killed" after a run killed.
+ek_check_soak() {
+    local log=$1 id=$2 model=$3
+    shift 3
+    python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@" <<'PY'
+import glob, json, re, subprocess, sys
+log, root, model, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5:]
+kinds = {"Hourly_JSONRPC": 3, "Daily_JSONRPC": 7, "Journal_Event_JSONRPC": 4}
+if model.startswith("TC"):
+    del kinds["Daily_JSONRPC"]
+good_end, kind, end = {}, None, None
+def close():
+    if kind and end is not None:
+        good_end[kind] = max(good_end.get(kind, 0), end)
+for line in open(log, errors="replace"):
+    m = re.search(r"get_arch_values\((\w+)\) ---", line)
+    if m:
+        close()
+        kind, end = m.group(1), None
+        continue
+    m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
+    if m and kind:
+        end = int(m.group(1))
+    if kind and re.search(r"ARCHIVE TRANSFER BROKEN|CAN'T SEND REQUEST|cycle_end\(\)|disconnecting|^=== killed", line):
+        if not re.search(r"cycle_end\(\)|disconnecting", line):
+            end = None
+        close()
+        kind, end = None, None
+close()
+stored = {}
+for path in glob.glob(root + "/**/*.jsonl", recursive=True):
+    for line in open(path):
+        rec = json.loads(line)
+        stored.setdefault(rec["archive"], []).append(rec)
+bad = 0
+for name, number in kinds.items():
+    got = stored.get(name, [])
+    if not got or name not in good_end:
+        print("  %s: nothing stored or never read whole" % name)
+        bad += 1
+        continue
+    newest = max(r["timestamp"] for r in got)
+    upto = max(newest, good_end[name])
+    out = subprocess.run([sim] + simargs + ["--dump-archive", str(number), "--dump-until", str(upto)],
+                         capture_output=True, text=True, check=True).stdout.split("\n")
+    meter = sorted((int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l)
+    want = [m for m in meter if m[0] <= newest]
+    n = 5 if name.startswith("Journal") else None
+    have = sorted((r["timestamp"], "".join("(%s)" % v for v in list(r["fields"].values())[:n])) for r in got)
+    if have != want:
+        hs, ws = set(have), set(want)
+        dups = sorted(set(h for h in have if have.count(h) > 1))
+        print("  %s: %d stored, %d held by the meter; missing %s; not the meter's %s; twice %s"
+              % (name, len(have), len(want), sorted(ws - hs)[:3], sorted(hs - ws)[:3], dups[:3]))
+        bad += 1
+    # The EK archive request names whole hours: a read that ended at 10:37 asked up to 10:00.
+    caught = [m[0] for m in meter if m[0] <= good_end[name] - good_end[name] % 3600]
+    if caught and newest < caught[-1]:
+        print("  %s: newest stored %d, the meter had %d when a read last ended whole" % (name, newest, caught[-1]))
+        bad += 1
+    print("  %s: %d records, newest %d" % (name, len(have), newest))
+sys.exit(1 if bad else 0)
+PY
+}
+
+# ek_check_current_every RECORD PRESSURE_UNIT NAME=VALUE... : every
+# put_all_current_values the host service got carries, for each NAME it holds,
+# the meter's VALUE (P and PassP given in PRESSURE_UNIT, published in kgf/cm2).
+ek_check_current_every() {
+    python3 - "$@" <<'PY'
+import json, sys
+record, unit = sys.argv[1:3]
+given = dict(a.split("=", 1) for a in sys.argv[3:])
+to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+puts, bad = 0, []
+for line in open(record):
+    req = json.loads(line)
+    if req.get("method") != "put_all_current_values":
+        continue
+    puts += 1
+    for v in req["params"]:
+        n = v["name"]
+        if n not in given:
+            continue
+        if n in ("P", "PassP"):
+            if abs(float(v["value"]) - float(given[n]) * to_at) > 5e-5:
+                bad.append("%s = %s" % (n, v["value"]))
+        elif v["value"] != given[n]:
+            bad.append("%s = %s, want %s" % (n, v["value"], given[n]))
+print("  %d publications, %d values not the meter's %s" % (puts, len(bad), bad[:5]))
+sys.exit(1 if bad or puts == 0 else 0)
+PY
+}

@@ -105,6 +105,16 @@ public:
                 throw CDisconnectException();
             }
         }
+        if (type == ARCH_JOURNAL_EVENT && !eventRecords.empty()) {
+            for (time_t t : eventRecords) {
+                ArchiveRecord r;
+                r.timestamp = t;
+                r.fields = {{"Event", "0x8102"}};
+                out.push_back(r);
+            }
+            eventRecords.clear();
+            throw CDisconnectException();
+        }
     }
     void session_close() override {
         ++sessionCloses;
@@ -127,6 +137,7 @@ public:
     std::atomic<bool> turnHeldAtClose{false};
     std::vector<time_t> hourlyRecords;
     std::atomic<bool> throwInHourly{false};
+    std::vector<time_t> eventRecords;  // handed over, then the line breaks
     bool flushBlocks = false;
     size_t maxHeld = 0;
     std::mutex mutex;
@@ -281,6 +292,20 @@ TEST(PollingThread, ExceptionEndsTheCycleAndKeepsWhatWasStoredAndTheSchedule) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].from, kMidnight + 12 * 3600);
     EXPECT_EQ(f.lastStored("1005", ARCH_HOURLY), kMidnight + 11 * 3600);
+}
+
+TEST(PollingThread, BrokenJournalReadKeepsTheNewestSecondForTheNextRead) {
+    const time_t now = kMidnight + 12 * 3600 + 600;
+    Fixture f(now);
+    ScriptedDriver d;
+    // The line broke inside a group of entries sharing 11:00:07: the rest of
+    // the group is still in the meter and must be read with it next time.
+    d.eventRecords = {kMidnight + 10 * 3600, kMidnight + 11 * 3600 + 7, kMidnight + 11 * 3600 + 7};
+    f.start(d, "1007", {{"data_rate", "0"}});
+
+    ASSERT_TRUE(runCycle(d));
+    EXPECT_EQ(f.lastStored("1007", ARCH_JOURNAL_EVENT), kMidnight + 10 * 3600);
+    EXPECT_EQ(d.nextJournalEvent(), kMidnight + 10 * 3600 + 1);
 }
 
 // Every stored hourly timestamp of a meter, from the batch files on disk.

@@ -37,7 +37,7 @@ Bytes withBcc(Bytes b) {
 size_t iecFrameSize(const Bytes& f) {
     if (f.empty())
         return 0;
-    if (f[0] == ACK && f.size() == 1)
+    if ((f[0] == ACK || f[0] == NAK) && f.size() == 1)
         return 1;
     for (size_t i = 0; i < f.size(); ++i) {
         if (f[0] == SOH && f[i] == ETX)
@@ -157,10 +157,13 @@ TEST(Gost61107Parse, ValuesOfReplies) {
 
 // The master against a scripted meter on a pseudo-terminal.
 TEST(Gost61107Io, RepliesAndFirstByteRules) {
-    Bytes data = bytesOf("\x02" "1:180.0(12345678)\x03");
+    Bytes data = withBcc(bytesOf("\x02" "1:180.0(12345678)\x03"));
     Bytes p0 = withBcc(bytesOf("\x01P0\x02(12345678)\x03"));
     Bytes badP0 = p0;
     badP0.back() ^= 0x20;
+    // "<STX>8:310.0(0.9978)<ETX>" as a bad line delivered it: still a value, but not the meter's.
+    Bytes changed = withBcc(bytesOf("\x02" "8:310.0(0.9978)\x03"));
+    changed[1] ^= 0x38;
     struct Row {
         const char* legend;
         SGost61107Request request;
@@ -185,10 +188,15 @@ TEST(Gost61107Io, RepliesAndFirstByteRules) {
              b.insert(b.end(), data.begin(), data.end());
              return b;
          }(), false, 3, {}, "Recv #4: 1ST MUST BE 0x02('.'), BUT GOT 0x77('w')"},
-        {"block ended by EOT", req(3, "3:V.0"), bytesOf("\x02(1)\r\n\x04"), true, 1, bytesOf("\x02(1)\r\n\x04"), ""},
+        {"block ended by EOT", req(3, "3:V.0"), withBcc(bytesOf("\x02(1)\r\n\x04")), true, 1,
+         withBcc(bytesOf("\x02(1)\r\n\x04")), ""},
         {"option select with its BCC", req(1), p0, true, 1, p0, "<BCC=0x"},
         {"wrong BCC fails every attempt", req(1), badP0, false, 3, {}, "Recv: WRONG BCC - GOT 0x"},
         {"silent meter", req(2, "1:180.0"), {}, false, 3, {}, "RECV: TIMEOUT !!! ReadAll = 0"},
+        {"STX reply with a changed byte", req(2, "8:310.0"), changed, false, 3, {},
+         "Recv: WRONG BCC OF STX REPLY - GOT 0x"},
+        {"STX reply without its check byte", req(2, "1:180.0"), bytesOf("\x02" "1:180.0(12345678)\x03"), false, 3, {},
+         "Recv: CAN'T GET BCC !!!"},
         {"missing BCC", req(1), bytesOf("\x01P0\x02()\x03"), false, 3, {}, "Recv: CAN'T GET BCC !!!"},
     };
     for (const auto& row : rows) {
@@ -209,10 +217,28 @@ TEST(Gost61107Io, RepliesAndFirstByteRules) {
     }
 }
 
+// A block that did not come whole is asked for again with NAK: an ACK would
+// make the meter move on and the block would be lost.
+TEST(Gost61107Io, FailedNextBlockIsAskedForAgainWithNak) {
+    LogCapture log;
+    Bytes block = withBcc(bytesOf("\x02(7)(2024-05-01,06:00:00)\r\n\x04"));
+    PtyMeter meter(iecFrameSize, [&](const Bytes&, int n) {
+        return n < 2 ? Bytes(block.begin(), block.end() - 2) : block;  // the first two lose their end
+    });
+    CConnector conn(meter.params(), PtyMeter::noLeds());
+    ASSERT_TRUE(conn.open_device());
+    CGost61107 p(conn, 7, "EK270");
+    std::vector<uint8_t> reply;
+    ASSERT_TRUE(p.SendRequest(req(6), reply));
+    EXPECT_EQ(reply, block);
+    EXPECT_EQ(p.values(), (std::vector<std::string>{"7", "2024-05-01,06:00:00"}));
+    EXPECT_EQ(meter.requests(), (std::vector<Bytes>{{ACK}, {NAK}, {NAK}}));
+}
+
 TEST(Gost61107Io, BreakWaitsForNothingAndValuesAreParsed) {
     LogCapture log;
     PtyMeter meter(iecFrameSize, [](const Bytes& r, int) {
-        return r[1] == 'R' ? Bytes(bytesOf("\x02" "2:300.0(1234.5678*m3)\x03")) : Bytes();
+        return r[1] == 'R' ? withBcc(bytesOf("\x02" "2:300.0(1234.5678*m3)\x03")) : Bytes();
     });
     CConnector conn(meter.params(), PtyMeter::noLeds());
     ASSERT_TRUE(conn.open_device());

@@ -1,19 +1,14 @@
 #include "tools/metersim/CMeterSim.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
-#include "protocols/Crc16Arc.h"
 
 namespace {
 
@@ -27,10 +22,26 @@ const char* const kErrNoUnits = "#0013";
 const char* const kErrPassword = "#0018";
 
 // Status-journal codes: 0x8000 set when a message comes, register in the
-// high byte, message number in the low byte.
-const char* const kEventCodes[] = {"0x8102", "0x0102", "0x8105", "0x0105", "0x8201", "0x0201",
-                                   "0x8203", "0x0203", "0x8401", "0x0401", "0x8702", "0x0702",
-                                   "0x8801", "0x0801", "0x8908", "0x0908"};
+// high byte, message number in the low byte. Registers 3 and 10 hold messages
+// a reader may not know: they must still come through as entries.
+const char* const kEventCodes[] = {"0x8102", "0x0102", "0x8105", "0x0105", "0x8201", "0x0201", "0x8203",
+                                   "0x0203", "0x8401", "0x0401", "0x8702", "0x0702", "0x8801", "0x0801",
+                                   "0x8908", "0x0908", "0x8304", "0x0304", "0x8A03", "0x0A03"};
+// What a journal entry shows when its code cannot be read as a number.
+const char* const kOddEventCode = "0x8G01";
+
+// CRC-16/ARC: polynomial 0x8005 reflected (0xA001), initial value 0, no final XOR.
+std::string crcArc(const std::string& text) {
+    uint16_t crc = 0;
+    for (unsigned char c : text) {
+        crc ^= c;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
+    }
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "%04X", crc);
+    return buf;
+}
 
 uint64_t mix(uint64_t x) {
     x += 0x9E3779B97F4A7C15ull;
@@ -76,19 +87,6 @@ char xorBcc(const std::string& bytes, size_t from, size_t to) {
     return x;
 }
 
-speed_t speedCode(int baud) {
-    switch (baud) {
-    case 300: return B300;
-    case 600: return B600;
-    case 1200: return B1200;
-    case 2400: return B2400;
-    case 4800: return B4800;
-    case 19200: return B19200;
-    case 38400: return B38400;
-    default: return B9600;
-    }
-}
-
 int symbolRate(char symbol) {
     static const int rates[] = {300, 600, 1200, 2400, 4800, 9600, 19200};
     return (symbol >= '0' && symbol <= '6') ? rates[symbol - '0'] : 0;
@@ -109,7 +107,7 @@ std::string record(std::vector<std::string> fields) {
     std::string text;
     for (const auto& f : fields)
         text += "(" + f + ")";
-    return text + "(" + Crc16Arc::hex(text) + ")";
+    return text + "(" + crcArc(text) + ")";
 }
 
 struct Register {
@@ -119,7 +117,7 @@ struct Register {
 }  // namespace
 
 CMeterSim::CMeterSim(SMeterSimConfig config, Reporter reporter)
-    : m_cfg(std::move(config)), m_reporter(std::move(reporter)) {
+    : m_cfg(std::move(config)), m_reporter(std::move(reporter)), m_faults(m_cfg.faultSeed, m_cfg.faultShare) {
     m_clockStart = m_cfg.now != 0 ? m_cfg.now : std::time(nullptr);
     m_steadyStart = std::chrono::steady_clock::now();
     m_baud = m_cfg.baud;
@@ -143,8 +141,13 @@ std::time_t CMeterSim::deviceNow() const {
 }
 
 std::string CMeterSim::slavePath() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_slavePath;
+    std::lock_guard<std::mutex> lock(m_lineMutex);
+    return m_line ? m_line->slavePath() : std::string();
+}
+
+int CMeterSim::masterFd() const {
+    std::lock_guard<std::mutex> lock(m_lineMutex);
+    return m_line ? m_line->fd() : -1;
 }
 
 void CMeterSim::report(const std::string& line) {
@@ -158,74 +161,58 @@ bool CMeterSim::open(const std::string& link) {
 }
 
 bool CMeterSim::openPty() {
-    CUniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (master.get() < 0 || ::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0)
+    CSimLine::Options options;
+    options.baud = m_cfg.baud;
+    options.frameBits = m_cfg.frameBits;
+    options.timing = m_cfg.timing;
+    options.link = m_link;
+    auto line = std::make_unique<CSimLine>(options);
+    if (!line->open())
         return false;
-    char name[128];
-    if (::ptsname_r(master.get(), name, sizeof name) != 0)
-        return false;
-    CUniqueFd slave(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (slave.get() < 0)
-        return false;
-    struct termios tio {};
-    ::tcgetattr(slave.get(), &tio);
-    ::cfmakeraw(&tio);
-    ::tcsetattr(slave.get(), TCSANOW, &tio);
-    ::tcgetattr(master.get(), &tio);
-    ::cfmakeraw(&tio);
-    ::tcsetattr(master.get(), TCSANOW, &tio);
-    ::fcntl(master.get(), F_SETFL, ::fcntl(master.get(), F_GETFL) | O_NONBLOCK);
-    m_master = std::move(master);
-    m_slaveKeep = std::move(slave);
+    std::string name = line->slavePath();
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_slavePath = name;
+        std::lock_guard<std::mutex> lock(m_lineMutex);
+        m_line = std::move(line);
+        if (m_stopping)
+            m_line->stop();
     }
-    setLineSpeed(m_cfg.baud);
-    if (!m_link.empty()) {
-        std::string tmp = m_link + ".new";
-        ::unlink(tmp.c_str());
-        if (::symlink(name, tmp.c_str()) != 0 || ::rename(tmp.c_str(), m_link.c_str()) != 0)
-            return false;
-    }
-    report(std::string("pty ") + name);
+    m_baud = m_cfg.baud;
+    report("pty " + name);
     return true;
 }
 
 bool CMeterSim::start() {
-    if (m_thread.joinable() || m_master.get() < 0)
-        return false;
-    m_stopFd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (m_stopFd.get() < 0)
+    if (m_thread.joinable() || !m_line)
         return false;
     m_thread = std::thread([this] { serve(); });
     return true;
 }
 
 void CMeterSim::stop() {
-    if (!m_thread.joinable())
-        return;
-    uint64_t one = 1;
-    ssize_t n = ::write(m_stopFd.get(), &one, sizeof one);
-    (void)n;
-    m_thread.join();
+    m_stopping = true;
+    {
+        std::lock_guard<std::mutex> lock(m_lineMutex);
+        if (m_line)
+            m_line->stop();
+    }
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 void CMeterSim::setLineSpeed(int baud) {
     m_baud = baud;
-    struct termios tio {};
-    if (::tcgetattr(m_master.get(), &tio) == 0) {
-        ::cfsetispeed(&tio, speedCode(baud));
-        ::cfsetospeed(&tio, speedCode(baud));
-        ::tcsetattr(m_master.get(), TCSANOW, &tio);
-    }
+    m_line->setBaud(baud);
 }
 
 void CMeterSim::hangup() {
-    m_master.reset();
-    m_slaveKeep.reset();
+    // The old line goes with its slave side: the daemon's descriptor sees the hang-up.
+    {
+        std::lock_guard<std::mutex> lock(m_lineMutex);
+        m_line.reset();
+    }
     m_state = State::Idle;
     m_pending.clear();
+    m_lastBlock.clear();
     m_inArchive = false;
     openPty();
 }
@@ -241,18 +228,12 @@ void CMeterSim::serve() {
                                                                               std::chrono::steady_clock::now());
             timeout = left.count() > 0 ? static_cast<int>(left.count()) : 0;
         }
-        struct pollfd fds[2] = {{m_master.get(), POLLIN, 0}, {m_stopFd.get(), POLLIN, 0}};
-        int r = ::poll(fds, 2, timeout);
-        if (r < 0 && errno != EINTR)
+        uint8_t buf[512];
+        ssize_t n = m_line->read(buf, sizeof buf, timeout);
+        if (n < 0 || m_line->stopped())
             return;
-        if (fds[1].revents & POLLIN)
-            return;
-        if (r > 0 && (fds[0].revents & POLLIN)) {
-            char buf[512];
-            ssize_t n = ::read(m_master.get(), buf, sizeof buf);
-            if (n > 0)
-                in.append(buf, static_cast<size_t>(n));
-        }
+        if (n > 0)
+            in.append(reinterpret_cast<const char*>(buf), static_cast<size_t>(n));
         bool ackExpired = ackWait && std::chrono::steady_clock::now() >= ackDeadline;
         ackWait = false;
         // Take whole frames off the input; noise and wake-up fill bytes are dropped.
@@ -282,6 +263,9 @@ void CMeterSim::serve() {
                 std::string frame = in.substr(0, end + 2);
                 in.erase(0, end + 2);
                 handle(frame);
+            } else if (c == NAK) {
+                in.erase(0, 1);
+                handle(std::string(1, NAK));
             } else if (c == ACK) {
                 if (in.size() == 1 && m_inArchive) {
                     // Inside a transfer a lone ACK can only ask for the next block.
@@ -316,7 +300,7 @@ void CMeterSim::serve() {
             } else {
                 in.erase(0, 1);
             }
-            if (m_master.get() < 0)
+            if (!m_line || m_line->stopped())
                 return;
         }
     }
@@ -330,6 +314,23 @@ void CMeterSim::handle(const std::string& frame) {
         return;
     if (m_silentLeft > 0) {
         --m_silentLeft;
+        return;
+    }
+    const bool blockRequest = frame.size() == 1 && !m_lastBlock.empty();
+    m_fault = m_faults.draw();
+    auto fixed = blockRequest ? m_cfg.blockFaults.find(m_blocksSent + 1) : m_cfg.blockFaults.end();
+    if (fixed != m_cfg.blockFaults.end() && fixed->second == CLineFaults::IgnoredRequest) {
+        m_cfg.blockFaults.erase(fixed);
+        return;
+    }
+    if (m_fault == CLineFaults::IgnoredRequest)
+        return;  // garbled on the line: the meter never heard it
+    if (frame.size() == 1 && frame[0] == NAK) {
+        // The master missed the last block: the same block again.
+        if (!m_lastBlock.empty()) {
+            ++m_blocksSent;
+            send(m_lastBlock, true);
+        }
         return;
     }
     if (frame[0] == '/')
@@ -352,6 +353,7 @@ void CMeterSim::handleSignOn(const std::string& frame) {
     m_state = State::SignedOn;
     m_consumerOpen = m_supplierOpen = false;
     m_pending.clear();
+    m_lastBlock.clear();
     m_inArchive = false;
     setLineSpeed(m_cfg.baud);
     send("/" + m_cfg.maker + m_cfg.maxSpeedSymbol + m_cfg.model + "\r\n");
@@ -402,6 +404,7 @@ void CMeterSim::handleCommand(const std::string& frame) {
     std::string data = frame.substr(open + 1, close - open - 1);
     m_inArchive = false;
     m_pending.clear();
+    m_lastBlock.clear();
     if (cmd == "R1" || cmd == "R3") {
         if (address.find(":V.") != std::string::npos && !m_cfg.errorRegisters.count(address)) {
             handleArchive(cmd[1], address, data);
@@ -477,13 +480,27 @@ void CMeterSim::handleArchive(char, const std::string& address, const std::strin
 }
 
 void CMeterSim::sendBlock() {
+    auto twice = m_cfg.blockFaults.find(m_blocksSent + 1);
+    if (twice != m_cfg.blockFaults.end() && twice->second == SMeterSimConfig::kHeardTwice) {
+        // An echo on a two-wire line: the meter took the request twice and the
+        // block for the first one is gone without a trace.
+        m_cfg.blockFaults.erase(twice);
+        size_t skip = std::min(m_pending.size() > 1 ? m_pending.size() - 1 : 0, m_perBlock);
+        m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<long>(skip));
+        ++m_blocksSent;
+    }
     std::string body;
     size_t n = m_pending.size() < m_perBlock ? m_pending.size() : m_perBlock;
+    if (m_cfg.endlessArchive && n == m_pending.size() && n > 0)
+        m_pending.push_back(m_pending.back());  // never the last block
     for (size_t i = 0; i < n; ++i)
         body += m_pending[i] + "\r\n";
     m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<long>(n));
     bool last = m_pending.empty();
-    sendData(body, last);
+    m_lastBlock = std::string(1, STX) + body + (last ? ETX : EOT);
+    m_lastBlock += xorBcc(m_lastBlock, 1, m_lastBlock.size());
+    ++m_blocksSent;
+    send(m_lastBlock, true);
     if (last) {
         m_inArchive = false;
     } else if (m_cfg.hangupInArchive && !m_hungUp) {
@@ -498,7 +515,7 @@ void CMeterSim::sendData(const std::string& body, bool last) {
     send(reply);
 }
 
-void CMeterSim::send(std::string bytes) {
+void CMeterSim::send(std::string bytes, bool block) {
     ++m_replies;
     bool hasBcc = bytes.size() > 2 && (bytes[0] == SOH || bytes[0] == STX);
     if (hasBcc && m_cfg.badBccEvery > 0 && m_replies % m_cfg.badBccEvery == 0) {
@@ -509,34 +526,18 @@ void CMeterSim::send(std::string bytes) {
     }
     if (m_cfg.dropByteEvery > 0 && m_replies % m_cfg.dropByteEvery == 0 && bytes.size() > 2)
         bytes.erase(bytes.size() / 2, 1);
-    writeAll(bytes);
-}
-
-bool CMeterSim::writeAll(const std::string& bytes) {
-    using clock = std::chrono::steady_clock;
-    auto perByte = std::chrono::nanoseconds(1000000000LL * m_cfg.frameBits / (m_baud > 0 ? m_baud.load() : 9600));
-    auto t0 = clock::now();
-    size_t done = 0;
-    while (done < bytes.size()) {
-        size_t chunk = bytes.size() - done;
-        if (m_cfg.timing) {
-            // A real line delivers one character per frame time.
-            std::this_thread::sleep_until(t0 + perByte * static_cast<long>(done + 1));
-            chunk = 1;
-        }
-        ssize_t n = ::write(m_master.get(), bytes.data() + done, chunk);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno != EAGAIN && errno != EINTR)
-            return false;
-        // The slave's queue is full: wait until it drains or we are told to stop.
-        struct pollfd fds[2] = {{m_master.get(), POLLOUT, 0}, {m_stopFd.get(), POLLIN, 0}};
-        if (::poll(fds, 2, 1000) <= 0 || (fds[1].revents & POLLIN))
-            return false;
+    CLineFaults::Kind kind = m_fault;
+    m_fault = CLineFaults::None;
+    auto fixed = block ? m_cfg.blockFaults.find(m_blocksSent) : m_cfg.blockFaults.end();
+    if (fixed != m_cfg.blockFaults.end()) {
+        kind = static_cast<CLineFaults::Kind>(fixed->second);
+        m_cfg.blockFaults.erase(fixed);
     }
-    return true;
+    // The end byte sits before the check byte of a framed answer, last in a sign-on answer.
+    CLineFaults::Framing framing;
+    framing.checkBytes = hasBcc ? 1 : 0;
+    framing.endPos = static_cast<long>(bytes.size()) - 1 - static_cast<long>(framing.checkBytes);
+    m_faults.deliver(*m_line, std::vector<uint8_t>(bytes.begin(), bytes.end()), kind, framing);
 }
 
 std::string CMeterSim::registerValue(const std::string& address) const {
@@ -672,7 +673,15 @@ std::vector<std::string> CMeterSim::archiveRecords(int archive, std::time_t from
         std::string idx = std::to_string(k);
         std::string when = fmtTime(t);
         if (archive == 4) {
-            out.push_back(record({npp, idx, when, kEventCodes[h % (sizeof kEventCodes / sizeof kEventCodes[0])]}));
+            // Two entries in the same second (a message going as another comes),
+            // numbered on without a gap.
+            const size_t codes = sizeof kEventCodes / sizeof kEventCodes[0];
+            for (long long e = 2 * k - 1; e <= 2 * k; ++e) {
+                const char* code = kEventCodes[(h + static_cast<uint64_t>(e)) % codes];
+                if (m_cfg.oddEventCodeEvery > 0 && e % m_cfg.oddEventCodeEvery == 0)
+                    code = kOddEventCode;
+                out.push_back(record({std::to_string(archive * 100000 + e), std::to_string(e), when, code}));
+            }
         } else if (archive == 5) {
             out.push_back(record({npp, idx, when, "7:314_1.1", fmt("%.5f", 1.01325), fmt("%.5f", 1.01325 + (h % 7) / 1000.0),
                                   "1", std::to_string(h % 100)}));

@@ -11,8 +11,13 @@
 // master asks for the next block with a bare ACK. The CRC is CRC-16/ARC of the
 // record text up to the ")" before it.
 //
-// The simulator keeps its own descriptor of the slave side open, so the
-// master end never sees a hang-up when the daemon closes and reopens the port.
+// The line is a CSimLine (real timing unless turned off) and its damage comes
+// from CLineFaults: a seeded share of the exchanges gets one fault each, and a
+// test can put a chosen fault on a chosen archive block. The meter behaves as
+// a device does: an ACK moves it to the next block whatever the line did to
+// the last one, a NAK makes it send the last block again, a request the line
+// garbled is not heard at all. Nothing here comes from the daemon's protocol
+// code: the record check sum and the event codes are the simulator's own.
 
 #include <atomic>
 #include <chrono>
@@ -20,13 +25,15 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tools/metersim/SMeterSimConfig.h"
-#include "shell/CUniqueFd.h"
+#include "tools/simline/CLineFaults.h"
+#include "tools/simline/CSimLine.h"
 
 class CMeterSim {
 public:
@@ -48,12 +55,15 @@ public:
     // Line speed the simulator is using now (it follows the option select).
     int currentBaud() const { return m_baud.load(); }
     // The master side's descriptor, for tests that read its termios.
-    int masterFd() const { return m_master.get(); }
+    int masterFd() const;
     // Value of a register as a read would return it (without the unit).
     std::string registerValue(const std::string& address) const;
     int requestsSeen() const { return m_requests.load(); }
     // Session ends (B0) received.
     int breaksSeen() const { return m_breaks.load(); }
+    // Faults the line played so far, as one line "exchanges=N changed_byte=N ...".
+    std::string faultSummary() const { return m_faults.summary(); }
+    const CLineFaults& faults() const { return m_faults; }
 
     // Record texts of an archive (3, 4, 5, 7) between two device times, inclusive.
     std::vector<std::string> archiveRecords(int archive, std::time_t from, std::time_t to) const;
@@ -71,8 +81,8 @@ private:
     void handleArchive(char cmd, const std::string& address, const std::string& data);
     void sendBlock();
     void sendData(const std::string& body, bool last);
-    void send(std::string bytes);
-    bool writeAll(const std::string& bytes);
+    // One answer through the line's faults; `block` for archive blocks, which chosen faults aim at.
+    void send(std::string bytes, bool block = false);
     void setLineSpeed(int baud);
     void hangup();
     std::string readRegister(const std::string& address, bool withUnit) const;
@@ -82,11 +92,11 @@ private:
     SMeterSimConfig m_cfg;
     Reporter m_reporter;
     std::string m_link;
-    CUniqueFd m_master;
-    CUniqueFd m_slaveKeep;
-    CUniqueFd m_stopFd;
-    std::string m_slavePath;
-    mutable std::mutex m_mutex;  // guards m_slavePath and m_written against test readers
+    std::unique_ptr<CSimLine> m_line;  // replaced on a hang-up
+    mutable std::mutex m_lineMutex;    // guards m_line against stop() and test readers
+    std::atomic<bool> m_stopping{false};
+    CLineFaults m_faults;
+    mutable std::mutex m_mutex;  // guards m_written against test readers
     std::thread m_thread;
     std::atomic<int> m_baud{9600};
     std::atomic<int> m_requests{0};
@@ -101,6 +111,9 @@ private:
     std::atomic<bool> m_supplierOpen{false};
     std::map<std::string, std::string> m_written;
     std::vector<std::string> m_pending;  // archive lines not yet sent
+    std::string m_lastBlock;             // what a NAK brings again
+    int m_blocksSent = 0;                // archive blocks sent, repeats included
+    CLineFaults::Kind m_fault = CLineFaults::None;  // for the answer to the request in hand
     size_t m_perBlock = 1;
     bool m_inArchive = false;
     bool m_hungUp = false;

@@ -40,4 +40,15 @@ struct SMeterSimConfig {
     int badBccEvery = 0;                // corrupt the check byte of every Nth reply
     int dropByteEvery = 0;              // drop one byte of every Nth reply
     bool hangupInArchive = false;       // hang the line up once during an archive transfer
+
+    // Line damage: this share (0..1) of the exchanges gets one fault, drawn from `faultSeed`.
+    double faultShare = 0;
+    uint32_t faultSeed = 1;
+    // A chosen fault on a chosen archive block: block number (from 1, repeats
+    // counted) -> CLineFaults::Kind. IgnoredRequest drops the request for that block.
+    std::map<int, int> blockFaults;
+    static constexpr int kHeardTwice = -1;  // a blockFaults value: the meter skips a block
+    bool endlessArchive = false;        // archive blocks end with EOT for ever, the last record repeated
+    // Every Nth event entry carries a code no table knows how to read (0 = never).
+    int oddEventCodeEvery = 0;
 };

@@ -25,7 +25,8 @@ const char* const kUsage =
     "  [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss] [--clock-scale X] [--seed N]\n"
     "  [--baud B] [--max-speed SYMBOL] [--no-timing] [--frame-bits N]\n"
     "  [--silent-after N] [--silent-count N] [--bad-bcc-every N] [--drop-byte-every N]\n"
-    "  [--hangup-in-archive] [--dump-archive N [--dump-until T]]\n";
+    "  [--hangup-in-archive] [--fault-share P --fault-seed N] [--odd-event-code-every N]\n"
+    "  [--dump-archive N [--dump-until T]]\n";
 
 bool toInt(const std::string& text, long long& out) {
     char* end = nullptr;
@@ -117,6 +118,16 @@ bool apply(SMeterSimConfig& c, std::string& link, const std::string& key, const 
     else if (key == "bad-bcc-every") return num(c.badBccEvery);
     else if (key == "drop-byte-every") return num(c.dropByteEvery);
     else if (key == "hangup-in-archive") c.hangupInArchive = (v == "1" || v == "true");
+    else if (key == "fault-seed") return num(c.faultSeed);
+    else if (key == "odd-event-code-every") return num(c.oddEventCodeEvery);
+    else if (key == "fault-share") {
+        char* end = nullptr;
+        c.faultShare = std::strtod(v.c_str(), &end);
+        if (v.empty() || *end != '\0' || c.faultShare < 0 || c.faultShare > 1) {
+            std::fprintf(stderr, "mtd_metersim: --fault-share wants a fraction 0..1, got '%s'\n", v.c_str());
+            return false;
+        }
+    }
     else if (key == "link") link = v;
     else if (key == "dump-archive" || key == "dump-until") return true;  // taken by main()
     else {
@@ -205,6 +216,8 @@ int main(int argc, char** argv) {
         {"frame-bits", required_argument, nullptr, 0}, {"silent-after", required_argument, nullptr, 0},
         {"silent-count", required_argument, nullptr, 0}, {"bad-bcc-every", required_argument, nullptr, 0},
         {"drop-byte-every", required_argument, nullptr, 0}, {"hangup-in-archive", no_argument, nullptr, 0},
+        {"fault-share", required_argument, nullptr, 0}, {"fault-seed", required_argument, nullptr, 0},
+        {"odd-event-code-every", required_argument, nullptr, 0},
         {"dump-archive", required_argument, nullptr, 0}, {"dump-until", required_argument, nullptr, 0},
         {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
 
@@ -273,8 +286,11 @@ int main(int argc, char** argv) {
     int sig = 0;
     while (sigwait(&stopSignals, &sig) == 0 && sig == SIGUSR1) {
         std::printf("requests %d\n", sim.requestsSeen());
+        std::printf("faults %s\n", sim.faultSummary().c_str());
         std::fflush(stdout);
     }
     sim.stop();
+    std::printf("faults %s\n", sim.faultSummary().c_str());
+    std::fflush(stdout);
     return 0;
 }
