@@ -258,11 +258,16 @@ void CSpbusSim::handle(const std::vector<uint8_t>& f) {
         crc != static_cast<uint16_t>(f[etx + 1] << 8 | f[etx + 2]))
         return;  // a frame the line damaged: the meter keeps quiet
     ++m_requests;
-    if (m_cfg.silentAfter > 0 && m_requests.load() > m_cfg.silentAfter) {
+    // One spell of silence: `silentCount` requests (for ever when 0), then answers again.
+    if (m_cfg.silentAfter > 0 && m_requests.load() > m_cfg.silentAfter && m_silentLeft != 0) {
         if (m_silentLeft < 0)
             m_silentLeft = m_cfg.silentCount;
-        if (m_cfg.silentCount == 0 || m_silentLeft-- > 0)
+        if (m_cfg.silentCount == 0)
             return;
+        if (m_silentLeft > 0) {
+            --m_silentLeft;
+            return;
+        }
     }
     const CLineFaults::Kind kind = m_faults.draw();
     if (kind == CLineFaults::IgnoredRequest)
