@@ -23,34 +23,8 @@ record() {  # record MODEL SELECTOR
     local low=${model,,}
     start_metersim "$WORK/$model.sim" --link "$WORK/$model.meter" --no-timing --archive-days 1 --seed 3 \
         --model "$model" --now "$(ek_device_start 10)" || return 1
-    # The relay: the daemon opens the link of a new pseudo-terminal, every
-    # byte is passed on both ways, the meter's side is written to a file.
-    cat >"$WORK/relay.py" <<'PY'
-import os, pty, select, sys, tty
-meter_path, link, out = sys.argv[1:4]
-master, slave = pty.openpty()
-tty.setraw(slave)
-os.symlink(os.ttyname(slave), link)
-meter = os.open(meter_path, os.O_RDWR | os.O_NOCTTY)
-tty.setraw(meter)
-print("ready", flush=True)
-with open(out, "wb") as rec:
-    while True:
-        ready, _, _ = select.select([master, meter], [], [])
-        for fd in ready:
-            try:
-                data = os.read(fd, 4096)
-            except OSError:
-                continue
-            if fd == master:
-                os.write(meter, data)
-            else:
-                rec.write(data)
-                rec.flush()
-                os.write(master, data)
-PY
-    # A background job's standard input is /dev/null: the script goes in a file.
-    start_bg "$WORK/$model.relay" python3 "$WORK/relay.py" "$WORK/$model.meter" "$WORK/$model.line" "$WORK/$model.bytes"
+    # The relay keeps the meter's side of the line.
+    start_bg "$WORK/$model.relay" python3 "$ROOT/fuzz/line_relay.py" "$WORK/$model.meter" "$WORK/$model.line" "$WORK/$model.bytes"
     wait_for "$WORK/$model.relay" '^ready' 5 || { cat "$WORK/$model.relay"; return 1; }
     write_ek_model_config "$WORK/$model.json" 2400 "$low" "$WORK/$model.line" 12345678 600
     start_hostsim "$WORK/$model.json" "$WORK/$model.rec" || return 1

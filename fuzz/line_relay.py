@@ -1,0 +1,26 @@
+# fuzz/line_relay.py METER_PTY LINK OUT : sits between the daemon and a meter
+# simulator when seeds are recorded. The daemon opens LINK (the slave of a new
+# pseudo-terminal), every byte is passed on both ways, and the meter's bytes
+# are also written to OUT.
+import os, pty, select, sys, tty
+meter_path, link, out = sys.argv[1:4]
+master, slave = pty.openpty()
+tty.setraw(slave)
+os.symlink(os.ttyname(slave), link)
+meter = os.open(meter_path, os.O_RDWR | os.O_NOCTTY)
+tty.setraw(meter)
+print("ready", flush=True)
+with open(out, "wb") as rec:
+    while True:
+        ready, _, _ = select.select([master, meter], [], [])
+        for fd in ready:
+            try:
+                data = os.read(fd, 4096)
+            except OSError:
+                continue
+            if fd == master:
+                os.write(meter, data)
+            else:
+                rec.write(data)
+                rec.flush()
+                os.write(master, data)
