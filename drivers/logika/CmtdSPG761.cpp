@@ -43,6 +43,7 @@ const D::SRequest kTable[] = {
     {"Read Work Volume", SpNet::kFnReadParam, kPipe, 161, 0, 0},
     {"Read Hourly Archive", SpNet::kFnReadArchive, kPipe, 65, 0, 0},
     {"Read Daily Archive", SpNet::kFnReadArchive, kPipe, 66, 0, 0},
+    {"Read Event Journal", SpNet::kFnReadArchive, 0, 96, 0, 0},    // НС journal
 };
 
 // Published current values, in this order; pressures converted to kgf/cm2.
@@ -63,8 +64,11 @@ const CurrentValue kCurrent[] = {
 const CurrentValue kComposition[] = {
     {"", "PassS", DU_KG_M3, false}, {"", "PassN2", DU_PERCENT, false}, {"", "PassCO2", DU_PERCENT, false}};
 
-// The columns of the hourly and daily records after the time, as the meter orders them.
+// The columns of the records after the time, as the meter orders them.
 const std::vector<const char*> kArchFields = {"Vstd", "Vw", "P", "T", "NS"};
+// Event journal: the number of the nonstandard situation and "+" when it
+// began, "-" when it ended.
+const std::vector<const char*> kEventFields = {"Event", "State"};
 
 // Pressure unit texts as the meter sends them (CP866 and Latin).
 struct PressureUnit {
@@ -428,7 +432,7 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
 void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
     const long long id = logId();
     const char* nm = driverName();
-    if (archType != ARCH_HOURLY && archType != ARCH_DAILY) {
+    if (archType != ARCH_HOURLY && archType != ARCH_DAILY && archType != ARCH_JOURNAL_EVENT) {
         MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
                 archType, archTypeName(archType));
         return;
@@ -449,19 +453,33 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
         throw CDisconnectException("archive transfer broken");
 }
 
-// Reads the window reply by reply. Each record must sit on the archive's grid
-// (whole hours; days at the contract hour), after the one before it and
+// Reads the window reply by reply. Interval records must sit on the archive's
+// grid (whole hours; days at the contract hour), after the one before it and
 // inside the window; a reply that breaks this ends the transfer before it, so
-// that no record is stored past a hole the line made.
+// that no record is stored past a hole the line made. Journal entries only
+// must not go back in time; several may share a second, so the next request
+// starts at the second of the last entry and what was had is not taken twice.
+// The entries of the newest second are handed on only once a later second or
+// the end of the journal shows they are all there: a transfer broken between
+// two entries of one second leaves the whole second to the next cycle, which
+// reads on from the second after the newest stored entry.
 bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
     const long long id = logId();
     const char* nm = driverName();
-    const bool hourly = archType == ARCH_HOURLY;
-    const time_t period = hourly ? 3600 : 86400;
-    const time_t gridOffset = hourly ? 0 : static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600;
-    const char* request = hourly ? "Read Hourly Archive" : "Read Daily Archive";
-    const int sys = m_pipe;
+    const bool journal = archType == ARCH_JOURNAL_EVENT;
+    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
+    const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
+    const char* request = journal ? "Read Event Journal"
+                          : archType == ARCH_HOURLY ? "Read Hourly Archive" : "Read Daily Archive";
+    const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
     time_t last = from - 1;
+    std::vector<std::vector<std::string>> atLast;  // journal entries of the second `last`
+    std::vector<ArchiveRecord> held;                // journal entries of `last`, not handed on yet
+    auto handOn = [&] {
+        for (auto& rec : held)
+            out.push_back(std::move(rec));
+        held.clear();
+    };
     for (time_t start = from; start <= to;) {
         if (!sendRequest(request, protocolTimeArg(start, m_puTZ), protocolTimeArg(to, m_puTZ)))
             return false;
@@ -472,41 +490,62 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             return false;
         }
         const size_t records = (blocks.size() - 1) / 2;
-        if (records == 0) {
-            MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - stop by device !!!", id, nm);
-            return true;
-        }
+        bool advanced = false;
         for (size_t r = 0; r < records; ++r) {
             const auto& stamp = blocks[1 + 2 * r];
             const auto& values = blocks[2 + 2 * r];
             int d, mo, y, h, mi, s;
             bool good = stamp.size() == 6 && parseInt(stamp[0], 1, 31, d) && parseInt(stamp[1], 1, 12, mo) &&
                         parseInt(stamp[2], 2000, 2099, y) && parseInt(stamp[3], 0, 23, h) &&
-                        parseInt(stamp[4], 0, 59, mi) && parseInt(stamp[5], 0, 59, s) &&
-                        values.size() == kArchFields.size();
+                        parseInt(stamp[4], 0, 59, mi) && parseInt(stamp[5], 0, 59, s) && values.size() == fields.size();
             const time_t ts = good ? deviceFieldsToUnix(y, mo, d, h, mi, s, m_puTZ) : 0;
             const time_t onDevice = ts + static_cast<time_t>(m_puTZ) * 3600;
-            if (!good || ((onDevice - gridOffset) % period) != 0 || ts <= last || ts < from) {
+            if (good && !journal)
+                good = (onDevice - gridOffset) % period == 0 && ts > last;
+            // Nothing may come from before the start asked for: a meter that
+            // sent it would be asked the same again and again.
+            if (!good || ts < last || ts < start) {
                 MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_arch_values() - BAD RECORD %d AFTER %d - TRANSFER ENDS !!!",
                         id, nm, static_cast<int>(ts), static_cast<int>(last));
                 return false;
             }
             if (ts > to) {
                 MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - STOP BY TIME !!!", id, nm);
+                handOn();
                 return true;
             }
+            if (ts == last) {
+                bool had = false;
+                for (const auto& v : atLast)
+                    had = had || v == values;
+                if (had)
+                    continue;
+            } else {
+                atLast.clear();
+                handOn();
+            }
+            atLast.push_back(values);
             ArchiveRecord rec;
-            rec.sys = sys;
+            rec.sys = m_pipe;
             rec.timestamp = ts;
             rec.fields.emplace_back("DateTime", deviceText(ts, m_puTZ));
             for (size_t i = 0; i < values.size(); ++i)
-                rec.fields.emplace_back(kArchFields[i], values[i]);
-            out.push_back(std::move(rec));
+                rec.fields.emplace_back(fields[i], values[i]);
+            (journal ? held : out).push_back(std::move(rec));
+            advanced = advanced || ts > start || !journal;
             last = ts;
         }
+        if (records == 0) {
+            MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - stop by device !!!", id, nm);
+            handOn();
+            return true;
+        }
         flushArchive(out);
-        start = last + period;
+        // A journal reply that brought nothing past its start second had the
+        // whole reply at one second: go on after it rather than ask again.
+        start = journal ? (advanced ? last : last + 1) : last + period;
     }
+    handOn();
     return true;
 }
 

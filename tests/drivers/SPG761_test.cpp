@@ -145,8 +145,14 @@ TEST(SPG761, ArchivesMatchTheMeterAcrossRepliesAndWrongSerialThrows) {
     ASSERT_EQ(daily.size(), 2u);  // days from the contract hour 10:00
     EXPECT_EQ(daily.back().timestamp, kStart - 86400 - 900);
 
+    // Journal entries come in replies of 4 and may share a second: each once.
+    std::vector<ArchiveRecord> events;
+    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    EXPECT_EQ(asDump(events), simDump(rig.sim, 96, kStart - 2 * 86400, kStart));
+    EXPECT_GT(events.size(), 4u);
+
     std::vector<ArchiveRecord> none;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 86400, kStart, none);
+    rig.driver.get_arch_values(ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
     EXPECT_TRUE(none.empty());
 
     Rig wrong(SSpbusSimConfig(), 0, "99999999");
@@ -184,21 +190,39 @@ std::string rec(const char* day, const char* hour, const char* vstd = "1.5") {
     return std::string("\t") + day + "\t05\t2024\t" + hour + "\t00\t00\f\t" + vstd + "\t1.1\t1.6\t2.0\t0\f";
 }
 
-TEST(SPG761, ArchiveRepliesThatBreakTheGridEndTheTransfer) {
-    const std::string ptr = "\t1\t065\f";
+std::string event(const char* time, const char* code, const char* state) {
+    return std::string("\t01\t05\t2024\t") + time + "\f\t" + code + "\t" + state + "\f";
+}
+
+// Each case: the archive replies in turn; after them (or at "") the meter is silent.
+TEST(SPG761, ArchiveRepliesThatBreakTheOrderEndTheTransfer) {
+    const std::string ptr = "\t1\t065\f", journal = "\t0\t096\f";
     struct Case {
         const char* legend;
-        std::string body;
+        int arch;
+        std::vector<std::string> replies;
         size_t kept;
+        bool throws;
     } cases[] = {
-        {"good then empty", ptr + rec("01", "06") + rec("01", "07"), 2},
-                // the good records before the break stay; nothing after it is stored
-        {"record off the hour", ptr + rec("01", "06") + "\t01\t05\t2024\t07\t30\t00\f\t1\t1\t1\t1\t0\f", 1},
-        {"record older than the one before", ptr + rec("01", "07") + rec("01", "06"), 1},
-        {"record before the window", ptr + rec("01", "04"), 0},
-        {"values missing", ptr + "\t01\t05\t2024\t06\t00\t00\f\t1\t1\f", 0},
-        {"time block without values", ptr + rec("01", "06") + "\t01\t05\t2024\t07\t00\t00\f", 0},
-        {"pointer of another archive", "\t1\t066\f" + rec("01", "06"), 0},
+        {"good then empty", ARCH_HOURLY, {ptr + rec("01", "06") + rec("01", "07"), ptr}, 2, false},
+        // the good records before the break stay; nothing after it is stored
+        {"record off the hour", ARCH_HOURLY, {ptr + rec("01", "06") + "\t01\t05\t2024\t07\t30\t00\f\t1\t1\t1\t1\t0\f"},
+         1, true},
+        {"record older than the one before", ARCH_HOURLY, {ptr + rec("01", "07") + rec("01", "06")}, 1, true},
+        {"record from before the start asked for", ARCH_HOURLY, {ptr + rec("01", "06"), ptr + rec("01", "06")}, 1, true},
+        {"record before the window", ARCH_HOURLY, {ptr + rec("01", "04")}, 0, true},
+        {"values missing", ARCH_HOURLY, {ptr + "\t01\t05\t2024\t06\t00\t00\f\t1\t1\f"}, 0, true},
+        {"time block without values", ARCH_HOURLY, {ptr + rec("01", "06") + "\t01\t05\t2024\t07\t00\t00\f"}, 0, true},
+        {"pointer of another archive", ARCH_HOURLY, {"\t1\t066\f" + rec("01", "06")}, 0, true},
+        {"journal entries sharing a second, then the end", ARCH_JOURNAL_EVENT,
+         {journal + event("06\t10\t00", "01", "+") + event("06\t20\t00", "02", "+"),
+          journal + event("06\t20\t00", "02", "+") + event("06\t20\t00", "03", "-"), journal},
+         3, false},
+        // a break after the reply: the second it ended in is left whole to the next cycle
+        {"journal broken after a shared second", ARCH_JOURNAL_EVENT,
+         {journal + event("06\t10\t00", "01", "+") + event("06\t20\t00", "02", "+")}, 1, true},
+        {"journal going back in time", ARCH_JOURNAL_EVENT,
+         {journal + event("06\t20\t00", "01", "+") + event("06\t10\t00", "02", "+")}, 0, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.legend);
@@ -213,8 +237,10 @@ TEST(SPG761, ArchiveRepliesThatBreakTheGridEndTheTransfer) {
             },
             [&](const Bytes& req, int) -> Bytes {
                 const std::string text(req.begin(), req.end());
-                if (req[4] == 0x0E)
-                    return frame(0x16, archiveReplies++ == 0 ? c.body : ptr);
+                if (req[4] == 0x0E) {
+                    const size_t n = static_cast<size_t>(archiveReplies++);
+                    return n < c.replies.size() && !c.replies[n].empty() ? frame(0x16, c.replies[n]) : Bytes();
+                }
                 if (text.find("\t060\f") != std::string::npos)
                     return frame(0x03, "\t0\t060\f\t01-05-24\t\f");
                 if (text.find("\t061\f") != std::string::npos)
@@ -230,11 +256,11 @@ TEST(SPG761, ArchiveRepliesThatBreakTheGridEndTheTransfer) {
         std::vector<ArchiveRecord> out;
         bool threw = false;
         try {
-            driver.get_arch_values(ARCH_HOURLY, kStart - 4 * 3600 - 900, kStart, out);
+            driver.get_arch_values(c.arch, kStart - 4 * 3600 - 900, kStart, out);
         } catch (const CDisconnectException&) {
             threw = true;
         }
-        EXPECT_EQ(threw, std::string(c.legend) != "good then empty");
+        EXPECT_EQ(threw, c.throws);
         EXPECT_EQ(out.size(), c.kept);
     }
 }

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr uint8_t SOH = 0x01, STX = 0x02, ETX = 0x03, HT = 0x09, FF = 0x0C, DLE = 0x10, ISI = 0x1F;
-constexpr int kHourly = 65, kDaily = 66;
+constexpr int kHourly = 65, kDaily = 66, kEvents = 96;
 
 // CRC-16, polynomial 0x1021, start 0, bit by bit: written here on its own so
 // that a mistake in the daemon's table-free version cannot hide in both.
@@ -166,6 +166,23 @@ std::time_t CSpbusSim::deviceNow() const {
 std::vector<std::pair<std::time_t, std::string>> CSpbusSim::records(int archive, std::time_t from, std::time_t to,
                                                                     std::time_t until) const {
     std::vector<std::pair<std::time_t, std::string>> out;
+    if (archive == kEvents) {
+        // About one hour in five has a situation come or go, some two in the same second.
+        for (std::time_t hour = m_historyStart; hour + 3600 <= until && hour <= to; hour += 3600) {
+            const uint64_t h = mix(m_cfg.seed * 7919ull + static_cast<uint64_t>(hour));
+            if (h % 5 != 0)
+                continue;
+            const std::time_t t = hour + static_cast<std::time_t>((h >> 8) % 3600);
+            const int code = 1 + static_cast<int>((h >> 20) % 24);
+            const char* state = ((h >> 32) & 1) ? "+" : "-";
+            if (t >= from && t <= to && t < until) {
+                out.emplace_back(t, two(code) + " " + state);
+                if ((h >> 40) % 3 == 0)
+                    out.emplace_back(t, two(code % 24 + 1) + " +");
+            }
+        }
+        return out;
+    }
     const std::time_t period = archive == kHourly ? 3600 : 86400;
     const std::time_t offset = archive == kHourly ? 0 : static_cast<std::time_t>(m_cfg.rateHour) * 3600;
     std::time_t t = m_historyStart + offset;
@@ -259,11 +276,11 @@ void CSpbusSim::handle(const std::vector<uint8_t>& f) {
         return;  // a frame the line damaged: the meter keeps quiet
     ++m_requests;
     // One spell of silence: `silentCount` requests (for ever when 0), then answers again.
-    if (m_cfg.silentAfter > 0 && m_requests.load() > m_cfg.silentAfter && m_silentLeft != 0) {
-        if (m_silentLeft < 0)
-            m_silentLeft = m_cfg.silentCount;
+    if (m_cfg.silentAfter > 0 && m_requests.load() > m_cfg.silentAfter) {
         if (m_cfg.silentCount == 0)
             return;
+        if (m_silentLeft < 0)
+            m_silentLeft = m_cfg.silentCount;
         if (m_silentLeft > 0) {
             --m_silentLeft;
             return;
@@ -301,7 +318,8 @@ void CSpbusSim::handle(const std::vector<uint8_t>& f) {
                 reply.field(units[i]);
                 reply.end();
             }
-        } else if (fn == 0x0E && ch == 1 && (param == kHourly || param == kDaily) && blocks.size() >= 3) {
+        } else if (fn == 0x0E && ((ch == 1 && (param == kHourly || param == kDaily)) || (ch == 0 && param == kEvents)) &&
+                   blocks.size() >= 3) {
             std::time_t from = 0, to = 0;
             if (timeOf(blocks[1], from) && timeOf(blocks[2], to)) {
                 reply = Frame(0x16);

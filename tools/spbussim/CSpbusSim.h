@@ -6,7 +6,8 @@
 // Requests DLE SOH DLE ISI FN DLE STX HT ch HT ppp ... FF DLE ETX crc-hi crc-lo
 // are answered with 0x03 (parameter: value and unit), 0x14 (array elements)
 // and 0x16 (archive records between two device times, a few per reply,
-// each a time block and a value block). A request that fails its check or
+// each a time block and a value block; hourly and daily archives of pipeline
+// 1, the event journal of channel 0). A request that fails its check or
 // names an unknown parameter gets no data: the first is ignored, the second
 // answered with function 0x21. Units go out in CP866 as the meter sends them.
 //
@@ -58,8 +59,8 @@ public:
     const std::string& slavePath() const { return m_line.slavePath(); }
 
     std::time_t deviceNow() const;
-    // Archive 65 (hourly) or 66 (daily): "<time> <v1> <v2> ..." per record with
-    // from <= time <= to, each closed by `until` (device seconds).
+    // Archive 65 (hourly), 66 (daily) or 96 (event journal): "<time> <v1> <v2> ..."
+    // per record with from <= time <= to, each closed by `until` (device seconds).
     std::vector<std::pair<std::time_t, std::string>> records(int archive, std::time_t from, std::time_t to,
                                                              std::time_t until) const;
     std::string faultSummary() const { return m_faults.summary(); }

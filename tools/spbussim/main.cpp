@@ -22,7 +22,7 @@ const char* const kUsage =
     "  [--pressure-unit kgf/cm2|MPa|kPa|bar] [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss]\n"
     "  [--clock-scale X] [--seed N] [--records-per-reply N] [--baud B] [--no-timing]\n"
     "  [--silent-after N] [--silent-count N] [--fault-share P] [--fault-seed N]\n"
-    "  [--dump-archive hourly|daily [--dump-until T]]\n";
+    "  [--dump-archive hourly|daily|events [--dump-until T]]\n";
 
 std::atomic<int> g_signal{0};
 std::atomic<bool> g_usr1{false};
@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
         case 'C': ok = toLong(optarg, n) && n >= 0; cfg.silentCount = static_cast<int>(n); break;
         case 'f': cfg.faultShare = std::strtod(optarg, nullptr); ok = cfg.faultShare >= 0 && cfg.faultShare <= 1; break;
         case 'F': ok = toLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
-        case 'd': dump = optarg; ok = dump == "hourly" || dump == "daily"; break;
+        case 'd': dump = optarg; ok = dump == "hourly" || dump == "daily" || dump == "events"; break;
         case 'u': ok = parseTime(optarg, until); break;
         default: std::fputs(kUsage, c == 'h' ? stdout : stderr); return c == 'h' ? 0 : 2;
         }
@@ -118,7 +118,7 @@ int main(int argc, char** argv) {
         CSpbusSim sim(cfg);
         if (until == 0)
             until = sim.deviceNow();
-        for (const auto& r : sim.records(dump == "hourly" ? 65 : 66, 0, until, until))
+        for (const auto& r : sim.records(dump == "hourly" ? 65 : dump == "daily" ? 66 : 96, 0, until, until))
             std::printf("%lld %s\n", static_cast<long long>(r.first), r.second.c_str());
         return 0;
     }
