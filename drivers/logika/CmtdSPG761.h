@@ -11,10 +11,10 @@
 //   meter   DLE SOH DLE ISI 03 DLE STX HT 0 HT 060 FF HT 01-05-24 FF DLE ETX crc crc
 //
 // 0x0C reads elements of an array parameter (first index, count) and gets one
-// value block per element (0x14). 0x0E reads an archive between two times on
-// the device clock and gets 0x16: the pointer, then per record a time block
-// HT dd HT mm HT yyyy HT hh HT mm HT ss FF and a block of its values in the
-// device's column order. A reply holds the oldest records of the window that
+// value block per element (0x14). 0x0E reads an archive or journal between
+// two times on the device clock and gets 0x16: the pointer, then per record a
+// time block HT dd HT mm HT yyyy HT hh HT mm HT ss FF and a block of its
+// values in the device's column order. A reply holds the oldest records of the window that
 // fit; the next request starts one period after the last record received.
 // An empty window answers with the pointer alone.
 //
@@ -40,7 +40,8 @@
 // every parameter number in the table below is an assumption, marked so:
 // common 008 ИД, 024 СР, 025 ЧР, 060 ДТ, 061 ВР, 099 model/version, 030 the
 // gas composition array; pipeline 150-161; archives hourly 065, daily 066 in
-// their three-digit form. The simulator carries its own copy of them. Check
+// their three-digit form, the journal of nonstandard situations 096 (time,
+// situation number, "+"/"-") of channel 0. The simulator carries its own copy of them. Check
 // them against a real meter before relying on them.
 
 #include <cstdint>
