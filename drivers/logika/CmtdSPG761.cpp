@@ -83,6 +83,7 @@ const PressureUnit kPressureUnits[] = {
     {"MPa", DU_MPA}, {"kPa", DU_KPA}, {"kgf/cm2", DU_KGF_CM2}, {"bar", DU_BAR},
 };
 
+// shared with the other Logika drivers: a value converted by the driver, as published.
 std::string fmtNumber(double v) {
     char buf[48];
     std::snprintf(buf, sizeof buf, "%.5f", v);
