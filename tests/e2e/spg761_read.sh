@@ -122,13 +122,14 @@ read_clean() {
     local args=(--model spg761.1 --pressure-unit MPa "${sim[@]}")
     spg_start 7611 spg761.1 76100042 --no-timing --clock-scale 720 "${args[@]}" || return 1
     check "clean: first cycle ends" wait_count "$WORK/7611.log" 'cycle_end\(\) - line left idle' 1 30
+    # Counted at once: the checks below may take longer than the data rate.
+    local first
+    first=$(find /mnt/storage/7611 -name 'Hourly_JSONRPC-*' | wc -l)
     check "clean: driver started" grep -q 'SPG761 driver version 01.00' "$WORK/7611.log"
     check "clean: serial read" sh -c "grep -q \"SendRequest('Read Identifier'): Recv: \" '$WORK/7611.log' &&
         ! grep -q \"CAN'T READ SERIAL\" '$WORK/7611.log'"
     check "clean: current values published" spg_check_current "$WORK/7611.rec"
     check "clean: archives of the first cycle" spg_check_archives "$WORK/7611.log" 7611 "${args[@]}"
-    local first
-    first=$(find /mnt/storage/7611 -name 'Hourly_JSONRPC-*' | wc -l)
     check "clean: second cycle ends" wait_count "$WORK/7611.log" 'cycle_end\(\) - line left idle' 2 20
     check "clean: second cycle stored a new hourly batch" \
         test "$(find /mnt/storage/7611 -name 'Hourly_JSONRPC-*' | wc -l)" -gt "$first"
