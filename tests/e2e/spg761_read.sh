@@ -2,7 +2,8 @@
 # SPG761 over SPbus read by the real mtd_main against mtd_spbussim: system and
 # current values, hourly and daily archives and the event journal exactly
 # once, a second cycle that reads only what is new, a wrong serial number, a
-# meter silent mid-archive and a noisy line: spg761_read.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
+# meter silent mid-archive and a noisy line: spg761_read.sh BUILD_DIR
+# (re-runs itself in `unshare -rmn`).
 set -uo pipefail
 export BUILD_DIR=${1:?usage: spg761_read.sh BUILD_DIR}
 HERE=$(cd "$(dirname "$0")" && pwd)
