@@ -34,9 +34,9 @@
 // Sources: Logika, "Correctors SPG761, operating manual" RAZhG.421412.026 RE
 // (the parameter designations ИД, СР, ЧР, ДТ, ВР, the pipeline and archive
 // structure, the units) and Logika's SPbus description (framing, functions
-// 0x1D/0x0C/0x0E and their replies); the device catalogue of a public Logika
-// meter library (SPG761 belongs to the older, SPG761.1/762.1/763.1 to the
-// newer generation). The manual's parameter pages could not be read here, so
+// 0x1D/0x0C/0x0E and their replies); the list of device families of a public
+// Logika meter library (SPG761 belongs to the older, SPG761.1/762.1/763.1 to
+// the newer generation). The manual's parameter pages could not be read here, so
 // every parameter number in the table below is an assumption, marked so:
 // common 008 ИД, 024 СР, 025 ЧР, 060 ДТ, 061 ВР, 099 model/version, 030 the
 // gas composition array; pipeline 150-161; archives hourly 065, daily 066 in
