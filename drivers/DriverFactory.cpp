@@ -2,6 +2,7 @@
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "drivers/logika/CmtdSPG741.h"
+#include "drivers/logika/CmtdSPG761.h"
 #include "drivers/logika/CmtdSpgM4.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
@@ -26,9 +27,9 @@ const DriverModelRow kModelTable[] = {
     {"vkg-3t", Row::EXACT, "CmtdWKG3T", 0, nullptr, 0, nullptr},
     {"micont186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
     {"mikont-186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
-    {"spg761.1", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, nullptr},
-    {"spg761.2", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, nullptr},
-    {"spg761", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, nullptr},
+    {"spg761.1", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &CmtdSPG761::create},
+    {"spg761.2", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &CmtdSPG761::create},
+    {"spg761", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &CmtdSPG761::create},
     // "ek88" is tested twice; the second row can never decide. Kept as the
     // table has always been.
     {"ek88", Row::EXACT, "CmtdEK88", 0, nullptr, 0, nullptr},

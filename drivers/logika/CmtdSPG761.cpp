@@ -1,0 +1,561 @@
+#include "drivers/logika/CmtdSPG761.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "framework/DataCodes.h"
+#include "framework/Exceptions.h"
+#include "shell/logger.h"
+#include "transport/CConnector.h"
+
+struct CmtdSPG761::SRequest {
+    const char* name;
+    uint32_t function;
+    uint8_t channel;  // 0 common; kPipe: the configured pipeline
+    uint16_t param;
+    uint32_t index;   // 0x0C: first element
+    uint32_t count;   // 0x0C: number of elements
+};
+
+namespace {
+
+using D = CmtdSPG761;
+constexpr uint8_t kPipe = 0xFF;
+constexpr uint8_t FF = 0x0C, HT = 0x09;
+
+// All parameter numbers are assumed (see the opening notes of the header).
+const D::SRequest kTable[] = {
+    {"Read Identifier", SpNet::kFnReadParam, 0, 8, 0, 0},         // ИД
+    {"Read Model", SpNet::kFnReadParam, 0, 99, 0, 0},             // model and version
+    {"Read Rate Day", SpNet::kFnReadParam, 0, 24, 0, 0},          // СР
+    {"Read Rate Hour", SpNet::kFnReadParam, 0, 25, 0, 0},         // ЧР
+    {"Read Date", SpNet::kFnReadParam, 0, 60, 0, 0},              // ДТ dd-mm-yy
+    {"Read Time", SpNet::kFnReadParam, 0, 61, 0, 0},              // ВР hh-mm-ss
+    {"Read Gas Composition", SpNet::kFnReadArray, 0, 30, 0, 3},   // density, N2, CO2
+    {"Read Pressure", SpNet::kFnReadParam, kPipe, 150, 0, 0},
+    {"Read Temperature", SpNet::kFnReadParam, kPipe, 151, 0, 0},
+    {"Read Work Flow", SpNet::kFnReadParam, kPipe, 152, 0, 0},
+    {"Read Std. Flow", SpNet::kFnReadParam, kPipe, 153, 0, 0},
+    {"Read Correction", SpNet::kFnReadParam, kPipe, 154, 0, 0},
+    {"Read Std. Volume", SpNet::kFnReadParam, kPipe, 160, 0, 0},
+    {"Read Work Volume", SpNet::kFnReadParam, kPipe, 161, 0, 0},
+    {"Read Hourly Archive", SpNet::kFnReadArchive, kPipe, 65, 0, 0},
+    {"Read Daily Archive", SpNet::kFnReadArchive, kPipe, 66, 0, 0},
+    {"Read Event Journal", SpNet::kFnReadArchive, 0, 96, 0, 0},    // НС journal
+};
+
+// Published current values, in this order; pressures converted to kgf/cm2.
+struct CurrentValue {
+    const char* request;
+    const char* name;
+    uint32_t unit;
+    bool pressure;
+};
+const CurrentValue kCurrent[] = {
+    {"Read Std. Volume", "Vstd", DU_M3, false},  {"Read Work Volume", "Vw", DU_M3, false},
+    {"Read Pressure", "P", DU_KGF_CM2, true},    {"Read Temperature", "T", DU_GRAD, false},
+    {"Read Std. Flow", "Qstd", DU_M3_H, false},  {"Read Work Flow", "Qw", DU_M3_H, false},
+    {"Read Correction", "Kcorr", DU_UNKNOWN, false},
+};
+
+// The gas composition array, element by element.
+const CurrentValue kComposition[] = {
+    {"", "PassS", DU_KG_M3, false}, {"", "PassN2", DU_PERCENT, false}, {"", "PassCO2", DU_PERCENT, false}};
+
+// The columns of the records after the time, as the meter orders them.
+const std::vector<const char*> kArchFields = {"Vstd", "Vw", "P", "T", "NS"};
+// Event journal: the number of the nonstandard situation and "+" when it
+// began, "-" when it ended.
+const std::vector<const char*> kEventFields = {"Event", "State"};
+
+// Pressure unit texts as the meter sends them (CP866 and Latin).
+struct PressureUnit {
+    const char* text;
+    uint32_t unit;
+};
+const PressureUnit kPressureUnits[] = {
+    {"\x8C\x8F\xA0", DU_MPA},                       // МПа
+    {"\xAA\x8F\xA0", DU_KPA},                       // кПа
+    {"\xAA\xA3\xE1/\xE1\xAC" "2", DU_KGF_CM2},      // кгс/см2
+    {"\xA1\xA0\xE0", DU_BAR},                       // бар
+    {"MPa", DU_MPA}, {"kPa", DU_KPA}, {"kgf/cm2", DU_KGF_CM2}, {"bar", DU_BAR},
+};
+
+// shared with the other Logika drivers: a value converted by the driver, as published.
+std::string fmtNumber(double v) {
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%.5f", v);
+    return buf;
+}
+
+bool parseInt(const std::string& s, int lo, int hi, int& out) {
+    if (s.empty() || s.size() > 4)
+        return false;
+    char* end = nullptr;
+    long v = std::strtol(s.c_str(), &end, 10);
+    if (*end != '\0' || v < lo || v > hi)
+        return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+bool parseNumber(const std::string& s) {
+    if (s.empty())
+        return false;
+    char* end = nullptr;
+    std::strtod(s.c_str(), &end);
+    return *end == '\0';
+}
+
+// shared with the other Logika drivers: device wall-clock fields <-> Unix seconds
+// with the configured offset of the device clock (hours east of UTC).
+time_t deviceFieldsToUnix(int y, int mo, int d, int h, int mi, int s, int tzHours) {
+    struct tm tm {};
+    tm.tm_year = y - 1900;
+    tm.tm_mon = mo - 1;
+    tm.tm_mday = d;
+    tm.tm_hour = h;
+    tm.tm_min = mi;
+    tm.tm_sec = s;
+    return timegm(&tm) - static_cast<time_t>(tzHours) * 3600;
+}
+
+// shared with the other Logika drivers: the argument word that makes the
+// protocol layer (which breaks times down in the process's local time) send
+// the device's wall-clock time of `t`.
+uint32_t protocolTimeArg(time_t t, int tzHours) {
+    time_t shifted = t + static_cast<time_t>(tzHours) * 3600;
+    struct tm dev {};
+    gmtime_r(&shifted, &dev);
+    dev.tm_isdst = -1;
+    return static_cast<uint32_t>(mktime(&dev));
+}
+
+std::string deviceText(time_t t, int tzHours) {
+    time_t shifted = t + static_cast<time_t>(tzHours) * 3600;
+    struct tm tm {};
+    gmtime_r(&shifted, &tm);
+    char buf[80];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buf;
+}
+
+}  // namespace
+
+CmtdSPG761::CmtdSPG761(int model) : m_model(model) {}
+
+std::unique_ptr<CMtdBaseDriver> CmtdSPG761::create(int model) {
+    return std::make_unique<CmtdSPG761>(model);
+}
+
+CmtdSPG761::~CmtdSPG761() {
+    StopPolling();
+}
+
+const char* CmtdSPG761::getMeterModelName() const {
+    return m_model == 1 ? "SPG761.1" : "SPG761";
+}
+
+void CmtdSPG761::SaveConnector(CConnector* connector) {
+    m_connector = connector;
+    m_proto = connector ? std::make_unique<SpNet::CSpNet>(*connector, logId(), driverName()) : nullptr;
+}
+
+const CmtdSPG761::SRequest* CmtdSPG761::findRequest(const std::string& name) const {
+    for (const auto& row : kTable)
+        if (name == row.name)
+            return &row;
+    return nullptr;
+}
+
+CmtdSPG761::Blocks CmtdSPG761::splitBody(const uint8_t* reply, size_t length) {
+    // DLE SOH DLE ISI FN DLE STX <body> DLE ETX crc crc
+    Blocks blocks;
+    if (length < 11)
+        return blocks;
+    const size_t end = length - 4;  // the DLE of DLE ETX
+    std::vector<std::string> block;
+    std::string field;
+    bool inField = false;
+    for (size_t i = 7; i < end; ++i) {
+        const uint8_t b = reply[i];
+        if (b == HT || b == FF) {
+            if (inField)
+                block.push_back(field);
+            field.clear();
+            inField = b == HT;
+            if (b == FF) {
+                blocks.push_back(block);
+                block.clear();
+            }
+        } else if (inField) {
+            field += static_cast<char>(b);
+        }
+    }
+    return blocks;
+}
+
+bool CmtdSPG761::sendRequest(const std::string& name, uint32_t a2, uint32_t a3) {
+    const SRequest* row = findRequest(name);
+    if (!m_proto || !row) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::sendRequest('%s') - CAN'T SEND REQUEST, NO SUCH ROW !!!", logId(),
+                driverName(), name.c_str());
+        return false;
+    }
+    LogikaRequest request;
+    request.name = row->name;
+    request.function = row->function;
+    request.channel = row->channel == kPipe ? static_cast<uint8_t>(m_pipe) : row->channel;
+    request.param = row->param;
+    request.args = {request.channel, row->param, row->function == SpNet::kFnReadArray ? row->index : a2,
+                    row->function == SpNet::kFnReadArray ? row->count : a3};
+    if (!m_proto->SendRequest(request))
+        return false;
+    // The pointer the meter echoes must be the one asked for: a reply to a
+    // request that was garbled on its way is of no use.
+    Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+    int ch = -1, param = -1;
+    if (blocks.empty() || blocks[0].size() < 2 || !parseInt(blocks[0][0], 0, 9, ch) ||
+        !parseInt(blocks[0][1], 0, 999, param) || ch != request.channel || param != row->param) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::sendRequest('%s') - WRONG POINTER IN REPLY !!!", logId(), driverName(),
+                name.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool CmtdSPG761::readValue(const std::string& name, std::string& value, std::string& unit) {
+    if (!sendRequest(name))
+        return false;
+    Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+    if (blocks.size() < 2 || blocks[1].empty() || blocks[1][0].empty()) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::readValue('%s') - NO VALUE IN REPLY !!!", logId(), driverName(),
+                name.c_str());
+        return false;
+    }
+    value = blocks[1][0];
+    unit = blocks[1].size() > 1 ? blocks[1][1] : std::string();
+    return true;
+}
+
+bool CmtdSPG761::init() {
+    const long long id = logId();
+    const char* nm = driverName();
+    MTD_LOG(Info, "[%lld][%s] SPG761 driver version %02X.%02X, compiled: %s %s", id, nm, 1, 0, __DATE__, __TIME__);
+    std::string systems = m_config.get("systems");
+    m_sys = systems.substr(0, systems.find(';'));
+    if (m_sys.empty())
+        m_sys = "1";
+    m_pipe = std::atoi(m_sys.c_str());
+    if (m_pipe < 1 || m_pipe > 9) {
+        MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::init() - WRONG PIPELINE '%s', USE 1", id, nm, m_sys.c_str());
+        m_pipe = 1;
+    }
+    const int srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
+    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : srvTZ;
+    MTD_LOG(Info, "[%lld][%s] CmtdSPG761::init() - model %s, serial '%s', pipeline %d, pu_TZ = %d", id, nm,
+            getMeterModelName(), m_config.serial_text.c_str(), m_pipe, m_puTZ);
+    if (!m_proto)
+        throw CDisconnectException("no connector");
+    // No session to open: the date read proves the meter is there.
+    std::string value, unit;
+    if (!readValue("Read Date", value, unit)) {
+        // A hung-up line stays dead on the old descriptor: reopen next cycle.
+        m_connector->close_device();
+        throw CDisconnectException("no answer");
+    }
+    return true;
+}
+
+void CmtdSPG761::cycle_end() {
+    // SPbus keeps no session: nothing to close, but bytes of a reply given up
+    // on must not greet the next cycle.
+    if (m_connector && m_connector->is_open())
+        m_connector->FlushBuffers();
+    MTD_LOG(Info, "[%lld][%s] CmtdSPG761::cycle_end() - line left idle", logId(), driverName());
+}
+
+std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
+    const long long id = logId();
+    const char* nm = driverName();
+    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_all_system_values() ----------------------------", id, nm);
+    std::vector<CValueRecord> out;
+    time_t now = 0;
+    std::string nowText;
+    deviceTime(now, nowText);
+    auto add = [&](const char* name, const std::string& value, const char* dim = "") {
+        CValueRecord r;
+        r.name = name;
+        r.value = value;
+        r.dim = dim;
+        r.sys = m_sys;
+        r.timestamp = now;
+        out.push_back(r);
+    };
+    std::string value, unit;
+    if (!readValue("Read Identifier", value, unit)) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+    } else {
+        const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
+        if (!given.empty() && value != given) {
+            MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
+                    id, nm, value.c_str(), given.c_str());
+            throw CWrongPacketException("serial number mismatch");
+        }
+        add("SerialNumber", value);
+    }
+    if (readValue("Read Model", value, unit)) {
+        // "761" or "761.1" and the version after a blank, e.g. "761.1 02.03".
+        const std::string wanted = m_model == 1 ? "761.1" : "761";
+        const std::string model = value.substr(0, value.find(' '));
+        if (model != wanted && !(m_model == 0 && model == "761.2"))
+            MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_all_system_values() - METER REPORTS MODEL '%s', CONFIGURED %s",
+                    id, nm, model.c_str(), getMeterModelName());
+        add("MeterModel", model);
+        if (value.find(' ') != std::string::npos)
+            add("Firmware", value.substr(value.find(' ') + 1));
+    } else {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+                "Read Model");
+    }
+    int day = 0;
+    if (readValue("Read Rate Day", value, unit) && parseInt(value, 1, 31, day))
+        add("RateDay", value);
+    else
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+                "Read Rate Day");
+    int hour = 0;
+    if (readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour)) {
+        m_rateHour = hour;
+        add("RateHour", value);
+    } else {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - WRONG RATE HOUR '%s' !!!", id, nm, value.c_str());
+    }
+    if (sendRequest("Read Gas Composition")) {
+        Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+        for (size_t i = 0; i < 3 && i + 1 < blocks.size(); ++i)
+            if (!blocks[i + 1].empty() && parseNumber(blocks[i + 1][0]))
+                add(kComposition[i].name, blocks[i + 1][0], dataUnitName(kComposition[i].unit));
+    } else {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+                "Read Gas Composition");
+    }
+    return out;
+}
+
+bool CmtdSPG761::deviceTime(time_t& t, std::string& text) {
+    std::string date, time, unit;
+    int d, mo, y, h, mi, s;
+    char tail = 0;
+    if (!readValue("Read Date", date, unit) || !readValue("Read Time", time, unit))
+        return false;
+    if (std::sscanf(date.c_str(), "%2d-%2d-%2d%c", &d, &mo, &y, &tail) != 3 ||
+        std::sscanf(time.c_str(), "%2d-%2d-%2d%c", &h, &mi, &s, &tail) != 3 || d < 1 || d > 31 || mo < 1 || mo > 12 ||
+        y < 0 || h > 23 || h < 0 || mi < 0 || mi > 59 || s < 0 || s > 59) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::deviceTime() - CAN'T PARSE '%s %s'", logId(), driverName(), date.c_str(),
+                time.c_str());
+        return false;
+    }
+    t = deviceFieldsToUnix(2000 + y, mo, d, h, mi, s, m_puTZ);
+    text = deviceText(t, m_puTZ);
+    return true;
+}
+
+bool CmtdSPG761::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
+    std::string text;
+    if (!deviceTime(deviceTimeOut, text)) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
+                logId(), driverName());
+        throw CNoDateTimeException("device time");
+    }
+    std::string value, unit;
+    int hour = 0;
+    if (m_rateHour < 0 && readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour))
+        m_rateHour = hour;
+    rateHour = m_rateHour < 0 ? 0 : m_rateHour;
+    return true;
+}
+
+double CmtdSPG761::getPressureCoef(const std::string& unit) const {
+    double factor = 0;
+    for (const auto& u : kPressureUnits)
+        if (unit == u.text && pressureFactor(u.unit, factor))
+            return factor;
+    MTD_LOG(Err, "[%lld][%s] CmtdSPG761::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'", logId(), driverName(),
+            unit.c_str());
+    return 0;
+}
+
+std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
+    const long long id = logId();
+    const char* nm = driverName();
+    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_all_curtime_cur_integ_values() -----------------", id, nm);
+    std::vector<CValueRecord> out;
+    time_t now = 0;
+    std::string nowText;
+    if (!deviceTime(now, nowText)) {
+        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
+        throw CNoDateTimeException("device time");
+    }
+    CValueRecord dt;
+    dt.name = "DateTime";
+    dt.value = nowText;
+    dt.sys = m_sys;
+    dt.timestamp = now;
+    out.push_back(dt);
+    for (const auto& cur : kCurrent) {
+        std::string value, unit;
+        if (!readValue(cur.request, value, unit) || !parseNumber(value)) {
+            MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
+                    id, nm, cur.request);
+            continue;
+        }
+        CValueRecord r;
+        r.name = cur.name;
+        r.value = value;
+        r.dim = cur.unit == DU_UNKNOWN ? "" : dataUnitName(cur.unit);
+        r.sys = m_sys;
+        r.timestamp = now;
+        if (cur.pressure) {
+            const double coef = getPressureCoef(unit);
+            if (coef <= 0)
+                continue;
+            r.value = fmtNumber(std::strtod(value.c_str(), nullptr) * coef);
+        }
+        out.push_back(r);
+    }
+    return out;
+}
+
+void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+    const long long id = logId();
+    const char* nm = driverName();
+    if (archType != ARCH_HOURLY && archType != ARCH_DAILY && archType != ARCH_JOURNAL_EVENT) {
+        MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
+                archType, archTypeName(archType));
+        return;
+    }
+    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_arch_values(%s) ---------------------------------", id, nm,
+            archTypeName(archType));
+    time_t curr = 0;
+    int rateHour = 0;
+    GetTimestamps(curr, rateHour);
+    if (to > curr) {
+        MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)",
+                id, nm, static_cast<int>(curr), deviceText(curr, m_puTZ).c_str());
+        to = curr;
+    }
+    if (from > to)
+        return;
+    if (!readArchiveWindow(archType, from, to, out))
+        throw CDisconnectException("archive transfer broken");
+}
+
+// Reads the window reply by reply. Interval records must sit on the archive's
+// grid (whole hours; days at the contract hour), after the one before it and
+// inside the window; a reply that breaks this ends the transfer before it, so
+// that no record is stored past a hole the line made. Journal entries only
+// must not go back in time; several may share a second, so the next request
+// starts at the second of the last entry and what was had is not taken twice.
+// The entries of the newest second are handed on only once a later second or
+// the end of the journal shows they are all there: a transfer broken between
+// two entries of one second leaves the whole second to the next cycle, which
+// reads on from the second after the newest stored entry.
+bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+    const long long id = logId();
+    const char* nm = driverName();
+    const bool journal = archType == ARCH_JOURNAL_EVENT;
+    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
+    const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
+    const char* request = journal ? "Read Event Journal"
+                          : archType == ARCH_HOURLY ? "Read Hourly Archive" : "Read Daily Archive";
+    const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
+    time_t last = from - 1;
+    std::vector<std::vector<std::string>> atLast;  // journal entries of the second `last`
+    std::vector<ArchiveRecord> held;                // journal entries of `last`, not handed on yet
+    auto handOn = [&] {
+        for (auto& rec : held)
+            out.push_back(std::move(rec));
+        held.clear();
+    };
+    for (time_t start = from; start <= to;) {
+        if (!sendRequest(request, protocolTimeArg(start, m_puTZ), protocolTimeArg(to, m_puTZ)))
+            return false;
+        Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+        if ((blocks.size() - 1) % 2 != 0) {
+            MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_arch_values() - BROKEN RECORD BLOCKS (%d) !!!", id, nm,
+                    static_cast<int>(blocks.size()));
+            return false;
+        }
+        const size_t records = (blocks.size() - 1) / 2;
+        bool advanced = false;
+        for (size_t r = 0; r < records; ++r) {
+            const auto& stamp = blocks[1 + 2 * r];
+            const auto& values = blocks[2 + 2 * r];
+            int d, mo, y, h, mi, s;
+            bool good = stamp.size() == 6 && parseInt(stamp[0], 1, 31, d) && parseInt(stamp[1], 1, 12, mo) &&
+                        parseInt(stamp[2], 2000, 2099, y) && parseInt(stamp[3], 0, 23, h) &&
+                        parseInt(stamp[4], 0, 59, mi) && parseInt(stamp[5], 0, 59, s) && values.size() == fields.size();
+            const time_t ts = good ? deviceFieldsToUnix(y, mo, d, h, mi, s, m_puTZ) : 0;
+            const time_t onDevice = ts + static_cast<time_t>(m_puTZ) * 3600;
+            if (good && !journal)
+                good = (onDevice - gridOffset) % period == 0 && ts > last;
+            // Nothing may come from before the start asked for: a meter that
+            // sent it would be asked the same again and again.
+            if (!good || ts < last || ts < start) {
+                MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_arch_values() - BAD RECORD %d AFTER %d - TRANSFER ENDS !!!",
+                        id, nm, static_cast<int>(ts), static_cast<int>(last));
+                return false;
+            }
+            if (ts > to) {
+                MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - STOP BY TIME !!!", id, nm);
+                handOn();
+                return true;
+            }
+            if (ts == last) {
+                bool had = false;
+                for (const auto& v : atLast)
+                    had = had || v == values;
+                if (had)
+                    continue;
+            } else {
+                atLast.clear();
+                handOn();
+            }
+            atLast.push_back(values);
+            ArchiveRecord rec;
+            rec.sys = m_pipe;
+            rec.timestamp = ts;
+            rec.fields.emplace_back("DateTime", deviceText(ts, m_puTZ));
+            for (size_t i = 0; i < values.size(); ++i)
+                rec.fields.emplace_back(fields[i], values[i]);
+            (journal ? held : out).push_back(std::move(rec));
+            advanced = advanced || ts > start || !journal;
+            last = ts;
+        }
+        if (records == 0) {
+            MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - stop by device !!!", id, nm);
+            handOn();
+            return true;
+        }
+        flushArchive(out);
+        // A journal reply that brought nothing past its start second had the
+        // whole reply at one second: go on after it rather than ask again.
+        start = journal ? (advanced ? last : last + 1) : last + period;
+    }
+    handOn();
+    return true;
+}
+
+void CmtdSPG761::writeGasPasport() {
+    std::map<std::string, std::string> values;
+    if (!GetGasPassportParams(values))
+        return;
+    // Reading is all this connection does: the meter takes parameter writes
+    // only with its database unlocked at the keyboard.
+    MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!",
+            logId(), driverName(), getMeterModelName(), m_model);
+}

@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# fuzz/record_spg761_session.sh BUILD_DIR : records what mtd_spbussim answers
+# to a real mtd_main session of an SPG761 (system and current values, hourly
+# and daily archives) and writes seeds for fuzz_spnet_reply from it:
+# fuzz/corpus/spnet_reply/session_param, session_array, session_archive (the
+# first byte picks the request kind as the target does, then one reply).
+# Runs in its own namespaces like the end-to-end cases, with the relay of
+# fuzz/line_relay.py keeping the meter's bytes. Regenerate with this one
+# command and review the diff.
+set -uo pipefail
+export BUILD_DIR=${1:?usage: record_spg761_session.sh BUILD_DIR}
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+if [ -z "${MTD_E2E_IN_NS:-}" ]; then
+    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
+fi
+. "$ROOT/tests/e2e/lib.sh"
+OUT="$ROOT/fuzz/corpus/spnet_reply"
+e2e_enter_ns
+trap stop_started EXIT
+
+start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 \
+    --now "$(ek_device_start 10)"
+wait_for "$WORK/sim.out" '^ready' 5 || { cat "$WORK/sim.out"; exit 1; }
+start_bg "$WORK/relay.out" python3 "$ROOT/fuzz/line_relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
+wait_for "$WORK/relay.out" '^ready' 5 || { cat "$WORK/relay.out"; exit 1; }
+cat >"$WORK/host.json" <<JSON
+{"meters": {"7610": {"port_params": {"manufacturer": "spg761", "name": "$WORK/line", "speed": "9600",
+  "timeout": "300", "serial": "76100042", "data_rate": "600"}, "systems": ["1"]}}}
+JSON
+start_hostsim "$WORK/host.json" "$WORK/host.rec" || exit 1
+start_bg "$WORK/main.log" "$MTD_MAIN" -e -v 7 -i 7610
+wait_for "$WORK/main.log" 'cycle_end\(\) - line left idle' 60 || { echo "no cycle"; exit 1; }
+stop_started
+
+mkdir -p "$OUT"
+python3 - "$WORK/bytes" "$OUT" <<'PY'
+import os, sys
+data, out = open(sys.argv[1], "rb").read(), sys.argv[2]
+replies, pos = [], 0
+while True:
+    start = data.find(b"\x10\x01\x10\x1f", pos)
+    if start < 0:
+        break
+    end = data.find(b"\x10\x03", start + 7)
+    if end < 0:
+        break
+    replies.append(data[start:end + 4])
+    pos = end + 4
+want = {"session_param": (0, 0x03), "session_array": (1, 0x14), "session_archive": (2, 0x16)}
+for name, (sel, fn) in want.items():
+    of_kind = [r for r in replies if r[4] == fn]
+    if not of_kind:
+        sys.exit("no reply 0x%02x recorded" % fn)
+    body = max(of_kind, key=len)
+    with open(os.path.join(out, name), "wb") as f:
+        f.write(bytes([sel]) + body)
+    print(name, len(body) + 1, "bytes")
+PY

@@ -1,0 +1,149 @@
+// mtd_spbussim: an SPG761 corrector speaking SPbus on a pseudo-terminal.
+// Prints "pty <path>" and "ready", serves until SIGINT or SIGTERM and prints
+// the line-fault summary on exit and on SIGUSR1. Options: docs/mtd_spbussim.1.
+
+#include <getopt.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
+
+#include "tools/spbussim/CSpbusSim.h"
+
+namespace {
+
+const char* const kUsage =
+    "usage: mtd_spbussim [--link PATH] [--model spg761|spg761.1|spg761.2] [--serial S] [--rate-hour H]\n"
+    "  [--pressure-unit kgf/cm2|MPa|kPa|bar] [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss]\n"
+    "  [--clock-scale X] [--seed N] [--records-per-reply N] [--baud B] [--no-timing]\n"
+    "  [--silent-after N] [--silent-count N] [--fault-share P] [--fault-seed N]\n"
+    "  [--dump-archive hourly|daily|events [--dump-until T]]\n";
+
+std::atomic<int> g_signal{0};
+std::atomic<bool> g_usr1{false};
+
+void onSignal(int sig) {
+    if (sig == SIGUSR1)
+        g_usr1 = true;
+    else
+        g_signal = sig;
+}
+
+bool toLong(const char* text, long long& out) {
+    char* end = nullptr;
+    out = std::strtoll(text, &end, 10);
+    return *text != '\0' && *end == '\0';
+}
+
+bool parseTime(const char* text, std::time_t& out) {
+    long long n = 0;
+    if (toLong(text, n)) {
+        out = static_cast<std::time_t>(n);
+        return true;
+    }
+    struct tm tm {};
+    if (std::sscanf(text, "%d-%d-%d,%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
+                    &tm.tm_sec) != 6)
+        return false;
+    tm.tm_year -= 1900;
+    tm.tm_mon -= 1;
+    out = timegm(&tm);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    static const struct option kOptions[] = {
+        {"link", required_argument, nullptr, 'l'},          {"model", required_argument, nullptr, 'm'},
+        {"serial", required_argument, nullptr, 's'},        {"rate-hour", required_argument, nullptr, 'r'},
+        {"pressure-unit", required_argument, nullptr, 'p'}, {"archive-days", required_argument, nullptr, 'a'},
+        {"now", required_argument, nullptr, 'n'},           {"clock-scale", required_argument, nullptr, 'c'},
+        {"seed", required_argument, nullptr, 'S'},          {"records-per-reply", required_argument, nullptr, 'R'},
+        {"baud", required_argument, nullptr, 'b'},          {"no-timing", no_argument, nullptr, 'T'},
+        {"silent-after", required_argument, nullptr, 'A'},  {"silent-count", required_argument, nullptr, 'C'},
+        {"fault-share", required_argument, nullptr, 'f'},   {"fault-seed", required_argument, nullptr, 'F'},
+        {"dump-archive", required_argument, nullptr, 'd'},  {"dump-until", required_argument, nullptr, 'u'},
+        {"help", no_argument, nullptr, 'h'},                {nullptr, 0, nullptr, 0}};
+    SSpbusSimConfig cfg;
+    std::string link, dump;
+    std::time_t until = 0;
+    long long n = 0;
+    for (int c; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        bool ok = true;
+        switch (c) {
+        case 'l': link = optarg; break;
+        case 'm': {
+            const std::string m = optarg;
+            ok = m == "spg761" || m == "spg761.1" || m == "spg761.2";
+            cfg.model = ok ? m.substr(3) : cfg.model;
+            break;
+        }
+        case 's': cfg.serial = optarg; break;
+        case 'r': ok = toLong(optarg, n) && n >= 0 && n < 24; cfg.rateHour = static_cast<int>(n); break;
+        case 'p': {
+            const std::string u = optarg;
+            ok = u == "kgf/cm2" || u == "MPa" || u == "kPa" || u == "bar";
+            cfg.pressureUnit = u;
+            break;
+        }
+        case 'a': ok = toLong(optarg, n) && n >= 0 && n < 400; cfg.archiveDays = static_cast<int>(n); break;
+        case 'n': ok = parseTime(optarg, cfg.now); break;
+        case 'c': cfg.clockScale = std::strtod(optarg, nullptr); ok = cfg.clockScale > 0; break;
+        case 'S': ok = toLong(optarg, n); cfg.seed = static_cast<uint32_t>(n); break;
+        case 'R': ok = toLong(optarg, n) && n > 0 && n < 60; cfg.recordsPerReply = static_cast<int>(n); break;
+        case 'b': ok = toLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
+        case 'T': cfg.timing = false; break;
+        case 'A': ok = toLong(optarg, n) && n >= 0; cfg.silentAfter = static_cast<int>(n); break;
+        case 'C': ok = toLong(optarg, n) && n >= 0; cfg.silentCount = static_cast<int>(n); break;
+        case 'f': cfg.faultShare = std::strtod(optarg, nullptr); ok = cfg.faultShare >= 0 && cfg.faultShare <= 1; break;
+        case 'F': ok = toLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
+        case 'd': dump = optarg; ok = dump == "hourly" || dump == "daily" || dump == "events"; break;
+        case 'u': ok = parseTime(optarg, until); break;
+        default: std::fputs(kUsage, c == 'h' ? stdout : stderr); return c == 'h' ? 0 : 2;
+        }
+        if (!ok) {
+            std::fprintf(stderr, "mtd_spbussim: bad value '%s'\n%s", optarg ? optarg : "", kUsage);
+            return 2;
+        }
+    }
+    if (!dump.empty()) {
+        // The records a meter started with these settings holds at device time
+        // `until` (default: its start), "<unix seconds> <values>" one a line.
+        CSpbusSim sim(cfg);
+        if (until == 0)
+            until = sim.deviceNow();
+        for (const auto& r : sim.records(dump == "hourly" ? 65 : dump == "daily" ? 66 : 96, 0, until, until))
+            std::printf("%lld %s\n", static_cast<long long>(r.first), r.second.c_str());
+        return 0;
+    }
+    struct sigaction sa {};
+    sa.sa_handler = onSignal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGUSR1, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    CSpbusSim sim(cfg, link);
+    if (!sim.open()) {
+        std::fprintf(stderr, "mtd_spbussim: can't open a pseudo-terminal\n");
+        return 1;
+    }
+    std::printf("pty %s\nready\n", sim.slavePath().c_str());
+    std::fflush(stdout);
+    sim.start();
+    while (g_signal.load() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (g_usr1.exchange(false)) {
+            std::printf("%s\n", sim.faultSummary().c_str());
+            std::fflush(stdout);
+        }
+    }
+    sim.stop();
+    std::printf("%s\n", sim.faultSummary().c_str());
+    return 0;
+}
