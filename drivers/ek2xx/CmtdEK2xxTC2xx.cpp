@@ -768,9 +768,11 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
     }
     m_out = nullptr;
-    if (ok && !m_damaged && !bounded) {
+    if ((ok && !m_damaged && !bounded) || (isStopping() && !bounded)) {
+        // A stop between blocks, or one that refused the next block's request,
+        // ends the transfer where it is: what came whole is kept.
         if (isStopping() && m_events)
-            holdBackNewestSecond(out);  // stopped between blocks
+            holdBackNewestSecond(out);
         return;
     }
     // Keep what came whole, up to the last good record, and let the cycle go
