@@ -169,8 +169,9 @@ TEST(MeterSim, InjectedFaults) {
         if (!ok && row.readSerial)  // three attempts lost in the silence; the next request gets through
             ok = s.send(SGost61107Request::ReadR1, "1:180.0");
         EXPECT_EQ(ok, row.readSerial) << row.legend;
-        if (ok)
+        if (ok) {
             EXPECT_EQ(s.values(), std::vector<std::string>{row.serial}) << row.legend;
+        }
     }
 }
 
