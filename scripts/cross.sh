@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # scripts/cross.sh arm64|armhf : builds mtd_main for a controller with Debian's cross
 # toolchain and the -dev packages of that architecture (installed by deps.sh
-# --cross), makes its Debian packages (into build-<arch>/packages/) and runs the
-# unit test suites under qemu-user. The end-to-end and package tests stay with the
-# native build; no benchmarks or fuzz targets are built here.
+# --cross), makes its Debian packages (into build-<arch>/packages/), which lintian
+# must accept, and runs the unit test suites under qemu-user. The end-to-end and
+# package tests stay with the native build; no benchmarks or fuzz targets here.
 # MTD_BUILD_DIR_OVERRIDE picks another build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -30,6 +30,8 @@ for deb in "$dir"/packages/*.deb; do
   got=$(dpkg-deb -f "$deb" Architecture)
   [ "$got" = "$arch" ] || { echo "cross: $deb is for $got" >&2; exit 1; }
 done
-ls "$dir"/packages/*.deb
+lintian --allow-root --fail-on error,warning "$dir"/packages/*.deb "$dir"/packages/*.ddeb ||
+  { echo "cross: lintian" >&2; exit 1; }
+ls "$dir"/packages/*.deb "$dir"/packages/*.ddeb
 cd "$dir"
 ctest --output-on-failure -j"$(nproc)" --timeout 600 -E '^(e2e_|packaging\.)'
