@@ -60,7 +60,9 @@ e2e_private_mount() {
         case $p in "$dir"/*) ;; *) continue ;; esac
         [ -e "$p" ] && continue  # already back with the folder that holds it
         mkdir -p "$p"
-        mount --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
+        # --no-canonicalize: the path must be followed through the descriptor, not
+        # resolved to its name, which now lies in the new tmpfs
+        mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
     done
     exec {fd}<&-
 }

@@ -54,9 +54,9 @@ pid=$BG_PID
 check "starter names the line" wait_for "$WORK/line.out" '^mtd_main-line: line rs485a, meters 22 21$' 5
 check "the service's process is the daemon" \
     test "$(tr '\0' ' ' </proc/"$pid"/cmdline)" = "$MTD_MAIN -v 0 -i 22 -i 21 "
+check "both meters read" wait_count "$WORK/host.rec" '"put_all_current_values","params":\[\{' 2 60
 check "configurations fetched in the order listed" \
     test "$(grep -o '"heat_meter":"[0-9]*"' "$WORK/host.rec" | tr '\n' ' ')" = '"heat_meter":"22" "heat_meter":"21" '
-check "both meters read" wait_count "$WORK/host.rec" '"put_all_current_values","params":\[\{' 2 60
 has_hourly() { test -n "$(stored_times "$1" Hourly_JSONRPC)"; }
 for id in 21 22; do
     check "meter $id: hourly archive stored" wait_until 30 has_hourly $id
