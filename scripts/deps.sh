@@ -23,7 +23,6 @@ if [ -n "$ARCH" ]; then
   if ! dpkg --print-foreign-architectures | grep -qx "$ARCH"; then
     echo "deps: adding architecture $ARCH"
     $SUDO dpkg --add-architecture "$ARCH"
-    NEED_UPDATE=1
   fi
   PKGS+=("crossbuild-essential-$ARCH" qemu-user-static
          "libjsoncpp-dev:$ARCH" "libcurl4-openssl-dev:$ARCH" "libmodbus-dev:$ARCH"
