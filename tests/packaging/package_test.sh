@@ -19,17 +19,17 @@ for f in ./usr/sbin/mtd_main ./usr/lib/systemd/system/mtd_main@.service ./usr/sh
   grep -q " $f\$" <<<"$contents" || fail "$f missing from $(basename "$daemon")"
 done
 grep -q "/usr/bin/\|mtd_hostsim\|mtd_metersim" <<<"$contents" && fail "simulators must not be in the daemon package"
-dpkg-deb -I "$daemon" conffiles | grep -qx /etc/mtd_main/line.conf.example || fail "the example is no conffile"
+grep -qx /etc/mtd_main/line.conf.example <<<"$(dpkg-deb -I "$daemon" conffiles)" || fail "the example is no conffile"
 
 depends=$(dpkg-deb -f "$daemon" Depends)
 for lib in libcurl libjsoncpp libmodbus; do
   grep -q "$lib" <<<"$depends" || fail "Depends lacks $lib: $depends"
 done
-dpkg-deb -I "$daemon" | grep -q postinst || fail "no postinst"
+dpkg-deb -I "$daemon" postinst >/dev/null || fail "no postinst"
 
 tools=$(ls "$work"/mtd-main-tools_*.deb 2>/dev/null | head -n1)
 [ -n "$tools" ] || fail "no mtd-main-tools package"
-dpkg-deb -f "$tools" Depends | grep -q "mtd-main (=" || fail "tools package must depend on the daemon"
+grep -q "mtd-main (=" <<<"$(dpkg-deb -f "$tools" Depends)" || fail "tools package must depend on the daemon"
 for pkg in mtd-main mtd-main-tools; do
   ls "$work/$pkg"-dbgsym_*.ddeb >/dev/null 2>&1 || fail "no $pkg-dbgsym package"
 done
