@@ -72,6 +72,7 @@ printf '# nothing yet\n#METERS="1"\n' >/etc/mtd_main/empty.conf
 printf 'METERS="1 2x"\n' >/etc/mtd_main/badid.conf
 printf 'METERS=1\nPORT=/dev/ttyS1\n' >/etc/mtd_main/unknown.conf
 printf 'METERS 1\n' >/etc/mtd_main/noequal.conf
+printf 'METERS=1\nLOG_LEVEL=9\n' >/etc/mtd_main/badlevel.conf
 while IFS='|' read -r line message; do
     start_line "$line" "$WORK/$line.out"
     wait_exit "$BG_PID" 5
@@ -83,6 +84,7 @@ empty|mtd_main-line: /etc/mtd_main/empty.conf lists no meter
 badid|mtd_main-line: /etc/mtd_main/badid.conf: meter identifier '2x' is not a number
 unknown|mtd_main-line: /etc/mtd_main/unknown.conf:2: unknown setting PORT
 noequal|mtd_main-line: /etc/mtd_main/noequal.conf:1: not NAME=value: METERS 1
+badlevel|mtd_main-line: /etc/mtd_main/badlevel.conf: LOG_LEVEL '9' is not 0..7
 ROWS
 
 echo "e2e: $FAILURES failure(s)"
