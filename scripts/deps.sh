@@ -35,5 +35,7 @@ done
 [ ${#missing[@]} -eq 0 ] && exit 0
 echo "deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
+# A mirror caught mid-sync fails one index now and then; the install below still
+# fails clearly if a package is really out of reach.
+$SUDO apt-get update -qq || echo "deps: apt-get update reported errors; installing from the lists at hand" >&2
 $SUDO apt-get install -y -qq --no-install-recommends -o DPkg::Lock::Timeout=600 "${missing[@]}" >/dev/null
