@@ -5,9 +5,10 @@
 #
 #   scripts/bench.sh [--quick] [--no-build] [BUILD_DIR]
 #
-# BUILD_DIR defaults to build-bench (configure it with -DMTD_BUILD_BENCH=ON
-# -DCMAKE_BUILD_TYPE=Release). Everything runs inside `unshare -rmn`: own loopback,
-# tmpfs over /tmp and /mnt/storage, so the real ports and folders are private.
+# BUILD_DIR defaults to build-bench: unless --no-build, what is missing is installed
+# and a new folder configured (-DMTD_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release).
+# Everything runs inside `unshare -rmn`: own loopback, tmpfs over /tmp and
+# /mnt/storage, so the real ports and folders are private.
 # Prints a table and writes BUILD_DIR/bench-results.json. docs/performance.md
 # explains each figure. --quick shortens the idle windows and skips the slow
 # (timed 9600 Bd) first run.
@@ -23,13 +24,21 @@ for arg in "$@"; do
     --quick) QUICK=1 ;;
     --no-build) BUILD=0 ;;
     -h | --help)
-        sed -n '2,13p' "$0"
+        sed -n '2,14p' "$0"
         exit 0
         ;;
     *) BUILD_ARG=$arg ;;
     esac
 done
-BUILD_DIR=$(cd "${BUILD_ARG:-$SRC/build-bench}" 2>/dev/null && pwd) || {
+BUILD_DIR=${BUILD_ARG:-$SRC/build-bench}
+if [ -z "${MTD_BENCH_IN_NS:-}" ] && ((BUILD)); then
+    # like the other scripts: what is missing is installed, a new folder configured
+    "$SRC/scripts/deps.sh" || exit 2
+    if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
+        cmake -S "$SRC" -B "$BUILD_DIR" -G Ninja -DMTD_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null || exit 2
+    fi
+fi
+BUILD_DIR=$(cd "$BUILD_DIR" 2>/dev/null && pwd) || {
     echo "bench.sh: no build directory ${BUILD_ARG:-$SRC/build-bench}" >&2
     exit 2
 }

@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 
 if [ "${MTD_DEMO_INSIDE:-}" != 1 ]; then
     scripts/deps.sh
-    dir=$(scripts/build.sh | tail -n 1)
+    dir=$(cd "$(scripts/build.sh | tail -n 1)" && pwd)
     exec unshare -rmn env MTD_DEMO_INSIDE=1 BUILD_DIR="$dir" "$0" "$@"
 fi
 

@@ -4,7 +4,8 @@
 #
 #   e2e_case "$@"                first line of a case: re-runs the script inside
 #                                `unshare -rmn`, enters the namespace, cleans up on exit
-#   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage
+#   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage (a checkout
+#                                or build folder below them stays in view)
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
 #   wait_for FILE REGEX [SECS]   true once FILE has a line matching REGEX
 #   count_in FILE REGEX          matching lines
@@ -19,6 +20,9 @@
 
 : "${BUILD_DIR:?BUILD_DIR must name the build directory}"
 MTD_MAIN="$BUILD_DIR/mtd_main"
+# Physical paths of the checkout and the build folder, to keep them in view in the namespace.
+E2E_SOURCE_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
+E2E_BUILD_DIR=$(cd "$BUILD_DIR" && pwd -P)
 HOSTSIM="$BUILD_DIR/mtd_hostsim"
 FAILURES=0
 STARTED_PIDS=()
@@ -33,13 +37,34 @@ e2e_case() {
 
 e2e_enter_ns() {
     ip link set lo up
-    mount -t tmpfs tmpfs /tmp
-    if ! mkdir -p /mnt/storage 2>/dev/null; then
-        mount -t tmpfs tmpfs /mnt
-        mkdir -p /mnt/storage
+    e2e_private_mount /tmp
+    # /mnt/storage is made inside the private /mnt when the machine has none:
+    # nothing is created on the real disk.
+    if [ -d /mnt/storage ]; then
+        e2e_private_mount /mnt/storage
+    else
+        e2e_private_mount /mnt
+        mkdir /mnt/storage
     fi
-    mount -t tmpfs tmpfs /mnt/storage
     WORK=$(mktemp -d /tmp/e2e.XXXXXX)
+}
+
+# e2e_private_mount DIR: an empty tmpfs over DIR. The checkout and the build
+# folder may lie below DIR (a clone under /tmp): those are bound back at the same
+# path, reached through a descriptor opened on DIR before the mount hid it.
+e2e_private_mount() {
+    local dir=$1 fd p
+    exec {fd}<"$dir"
+    mount -t tmpfs tmpfs "$dir"
+    for p in "$E2E_SOURCE_DIR" "$E2E_BUILD_DIR"; do
+        case $p in "$dir"/*) ;; *) continue ;; esac
+        [ -e "$p" ] && continue  # already back with the folder that holds it
+        mkdir -p "$p"
+        # --no-canonicalize: the path must be followed through the descriptor, not
+        # resolved to its name, which now lies in the new tmpfs
+        mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
+    done
+    exec {fd}<&-
 }
 
 # start_bg OUTFILE CMD ARGS... : runs CMD in the background, sets BG_PID.

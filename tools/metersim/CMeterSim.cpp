@@ -348,7 +348,9 @@ void CMeterSim::handleSignOn(const std::string& frame) {
     if (frame.size() < 3 || frame[1] != '?' || bang == std::string::npos)
         return;
     std::string address = frame.substr(2, bang - 2);
-    if (!address.empty() && !m_cfg.address.empty() && address != m_cfg.address)
+    // Several addresses ("1,2") let one simulator answer for the meters of a multi-drop line.
+    if (!address.empty() && !m_cfg.address.empty() &&
+        ("," + m_cfg.address + ",").find("," + address + ",") == std::string::npos)
         return;  // another meter on the bus
     m_state = State::SignedOn;
     m_consumerOpen = m_supplierOpen = false;
