@@ -19,6 +19,13 @@ constexpr auto kQuietGap = std::chrono::milliseconds(20);
 // character times, but not below the 16 ms latency timer of USB adapters.
 constexpr int kBccWaitChars = 5;
 constexpr uint32_t kBccWaitMinMs = 20;
+// While a long block trickles in, the layer sleeps this many character times
+// between reads and takes what has queued, instead of waking for every byte;
+// never beyond kSliceMaxMs, and never within the last kSliceMargin characters
+// of the length the previous reply had, so the end byte is still seen at once.
+constexpr uint32_t kSliceChars = 8;
+constexpr uint32_t kSliceMaxMs = 10;
+constexpr size_t kSliceMargin = 4;
 constexpr int kAttempts = 3;
 constexpr int kMaxWrongFirst = 3;
 
@@ -56,6 +63,7 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
         // damaged or late reply. Left there it would be taken for the start of
         // this reply; a stale 0x06 would even pass for the ACK of a write.
         m_connector.FlushBuffers();
+        dropReadAhead();
         m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
         bool got = receive(request, reply);
         m_lastRx = std::chrono::steady_clock::now();
@@ -86,6 +94,33 @@ uint32_t CGost61107::bccWaitMs() const {
     return ms < kBccWaitMinMs ? kBccWaitMinMs : ms;
 }
 
+uint32_t CGost61107::sliceMs() const {
+    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    if (baud <= 0)
+        return 0;
+    uint32_t ms = static_cast<uint32_t>(kSliceChars * 10 * 1000 / baud);
+    return ms > kSliceMaxMs ? kSliceMaxMs : ms;
+}
+
+bool CGost61107::nextByte(uint8_t& byte, uint32_t waitMs) {
+    if (m_rxPos == m_rxLen) {
+        m_rxPos = m_rxLen = 0;
+        // A bounded wait takes the first byte only; after it, one read takes
+        // whatever the line has queued.
+        int n = waitMs != 0 ? m_connector.ReadBufferCycle(m_rx, 1, true, waitMs)
+                            : m_connector.ReadBuffer(m_rx, sizeof m_rx, true);
+        if (n <= 0)
+            return false;
+        m_rxLen = static_cast<size_t>(n) < sizeof m_rx ? static_cast<size_t>(n) : sizeof m_rx;
+    }
+    byte = m_rx[m_rxPos++];
+    return true;
+}
+
+void CGost61107::dropReadAhead() {
+    m_rxPos = m_rxLen = 0;
+}
+
 void CGost61107::pause(std::chrono::milliseconds d) const {
     if (m_sleep)
         m_sleep(d);
@@ -112,10 +147,9 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
     // meter is allowed before it answers on top of the port's time-out.
     uint32_t firstWait = m_connector.GetTimeout() + static_cast<uint32_t>(kPause.count());
     auto readOne = [&]() {
-        int n = firstWait != 0 ? m_connector.ReadBufferCycle(&byte, 1, true, firstWait)
-                               : m_connector.ReadBuffer(&byte, 1, true);
+        bool got = nextByte(byte, firstWait);
         firstWait = 0;
-        if (n == 1)
+        if (got)
             return true;
         CLinkStats::noteTimeout();
         MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", m_id, nm, rq,
@@ -152,7 +186,12 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
     reply.push_back(byte);
 
     if (!complete) {
+        const uint32_t slice = sliceMs();
         for (;;) {
+            // Far from where the previous reply ended, let a slice of the block
+            // queue up before the next read; near it, wake for every byte.
+            if (slice != 0 && m_rxPos == m_rxLen && reply.size() + kSliceChars + kSliceMargin < m_lastReplySize)
+                pause(std::chrono::milliseconds(slice));
             if (!readOne())
                 return false;
             reply.push_back(byte);
@@ -171,8 +210,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         // The check byte of an STX reply follows at once; waiting only a few
         // character times keeps a meter that leaves it out from costing the
         // whole time-out.
-        int n = stx ? m_connector.ReadBufferCycle(&got, 1, true, bccWaitMs()) : m_connector.ReadBuffer(&got, 1, true);
-        if (n != 1) {
+        if (!nextByte(got, stx ? bccWaitMs() : 0)) {
             CLinkStats::noteTimeout();
             MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
             return false;
@@ -191,6 +229,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         reply.push_back(got);
         m_replyHasBcc = true;
     }
+    m_lastReplySize = reply.size();
     if (debugOn()) {
         std::string shownRx = printable(reply.data(), reply.size(), reply.size() > 1 && (reply[0] & 0xFD) == SOH);
         MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): Recv: %s", m_id, nm, rq, shownRx.c_str());
@@ -272,6 +311,7 @@ bool CGost61107::ChangeBaudRate(int baudRate) {
     }
     m_connector.SetParam("speed", std::to_string(baudRate));
     m_connector.close_device();
+    dropReadAhead();
     bool ok = m_connector.open_device();
     if (ok)
         MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeSpeed() - CHANGE BAUD RATE FROM %d TO %d - Ok", m_id, m_name.c_str(),

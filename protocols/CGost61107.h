@@ -11,8 +11,13 @@
 // Long data sets (archives) come in blocks: EOT ends a block with more to come,
 // ETX the last one; the master asks for the next block with a bare ACK.
 //
-// Replies are read one byte per connector read as they come, each with the
-// connector's time-out (the first with 100 ms more for the meter's reaction).
+// Replies are read as they come, each read with the connector's time-out (the
+// first with 100 ms more for the meter's reaction) taking whatever the line has
+// queued. While a long block trickles in, the layer sleeps a slice of a few
+// character times between reads rather than waking for every byte, except over
+// the last characters of the length the previous reply had: a run of blocks of
+// one record each has its end byte seen as soon as it comes. Bytes read ahead
+// past a reply are dropped with the port's input before the next request.
 // Up to three wrong first bytes (echoes, a late check byte) are dropped. Every
 // reply that ends with ETX or EOT has its BCC read and checked: a damaged
 // register value or archive block that still parses must not be taken, and a
@@ -63,6 +68,8 @@ public:
     // The last good reply ended with a check byte (SOH and STX replies do).
     bool replyHasBcc() const { return m_replyHasBcc; }
     CConnector& connector() { return m_connector; }
+    // Bytes read from the line and not yet taken by a reply.
+    size_t pending() const { return m_rxLen - m_rxPos; }
     // How SendRequest pauses (quiet gap, after a failure); empty means a real sleep.
     // A replay of recorded replies has nothing to wait for.
     void setSleep(Sleep sleep) { m_sleep = std::move(sleep); }
@@ -81,6 +88,16 @@ private:
     void keepQuietGap();
     // How long the check byte of an STX reply is waited for at the port's speed.
     uint32_t bccWaitMs() const;
+    // The pause between reads while a block trickles in (0: read at once).
+    uint32_t sliceMs() const;
+    // The next byte of the line: read ahead earlier, or after one wait (waitMs
+    // of silence; 0: the port's time-out). False when nothing came.
+    bool nextByte(uint8_t& byte, uint32_t waitMs);
+    void dropReadAhead();
     Sleep m_sleep;
+    uint8_t m_rx[256] = {};
+    size_t m_rxPos = 0;
+    size_t m_rxLen = 0;
+    size_t m_lastReplySize = 0;
     std::chrono::steady_clock::time_point m_lastRx;
 };

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <termios.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 
 #include "LogikaTestKit.h"
@@ -233,6 +235,43 @@ TEST(Gost61107Io, FailedNextBlockIsAskedForAgainWithNak) {
     EXPECT_EQ(reply, block);
     EXPECT_EQ(p.values(), (std::vector<std::string>{"7", "2024-05-01,06:00:00"}));
     EXPECT_EQ(meter.requests(), (std::vector<Bytes>{{ACK}, {NAK}, {NAK}}));
+}
+
+// A read takes whatever the line has queued, so bytes behind a reply (a late
+// or doubled ACK) can be in hand when the reply is done. They belong to the old
+// exchange and must go with the flush, not answer the next request.
+// Blocks as long as the one before are read in slices, but the reply is the same.
+TEST(Gost61107Io, BytesReadAheadAreDroppedAndLongBlocksComeInSlices) {
+    LogCapture log;
+    Bytes value = withBcc(bytesOf("\x02" "1:180.0(12345678)\x03"));
+    Bytes block = withBcc(bytesOf("\x02(7)(2024-05-01,06:00:00)(1234567.8912)(0.9978)(21.5)\r\n\x04"));
+    PtyMeter meter(iecFrameSize, [&](const Bytes& r, int) {
+        if (r[0] == ACK)
+            return block;
+        if (r.size() > 2 && r[1] == 'W')
+            return Bytes();  // the write gets no answer at all
+        Bytes b = value;
+        b.push_back(ACK);  // a stray ACK right behind the reply
+        return b;
+    });
+    CConnector conn(meter.params(), PtyMeter::noLeds());
+    ASSERT_TRUE(conn.open_device());
+    CGost61107 p(conn, 7, "EK270");
+    std::vector<std::chrono::milliseconds> pauses;
+    p.setSleep([&](std::chrono::milliseconds d) { pauses.push_back(d); });
+    std::vector<uint8_t> reply;
+    ASSERT_TRUE(p.SendRequest(req(2, "1:180.0"), reply));
+    EXPECT_EQ(reply, value);
+    EXPECT_FALSE(p.SendRequest(req(4, "4:171.0", "00000000"), reply));
+    EXPECT_TRUE(log.contains("RECV: TIMEOUT !!! ReadAll = 0"));
+
+    const std::chrono::milliseconds slice(8);  // eight characters at 9600 Bd
+    for (int n = 0; n < 3; ++n) {
+        ASSERT_TRUE(p.SendRequest(req(6), reply)) << n;
+        EXPECT_EQ(reply, block) << n;
+    }
+    EXPECT_GE(std::count(pauses.begin(), pauses.end(), slice), 1);
+    EXPECT_EQ(p.values()[0], "7");
 }
 
 TEST(Gost61107Io, BreakWaitsForNothingAndValuesAreParsed) {
