@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "protocols/CGost61107.h"
@@ -69,6 +70,10 @@ TEST(MeterSim, SessionLocksAndBaudChangeOnBothEnds) {
     ASSERT_TRUE(s.send(SGost61107Request::OptionSelect));
     EXPECT_EQ(s.values(), std::vector<std::string>{"12345678"});
     ASSERT_TRUE(s.master->ChangeBaudRate('6'));
+    // The meter switches once its answer is out, which the master may have
+    // read a moment before: wait for the switch, boundedly.
+    for (int i = 0; i < 400 && s.sim.currentBaud() != 19200; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(s.sim.currentBaud(), 19200);
     EXPECT_EQ(ttySpeed(s.sim.masterFd()), static_cast<speed_t>(B19200));
     int slave = ::open(s.sim.slavePath().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
