@@ -57,6 +57,11 @@ bool CLogikaBaseDriver::m4PressureFactor(int code, const char* function, double&
     return true;
 }
 
+void CLogikaBaseDriver::noDeviceTime(const char* function, const char* what) const {
+    MTD_LOG(Err, "[%lld][%s] %s::%s() - %s", logId(), driverName(), driverName(), function, what);
+    throw CNoDateTimeException("device time");
+}
+
 void CLogikaBaseDriver::refusePassport(const char* model, int version) {
     std::map<std::string, std::string> values;
     if (!GetGasPassportParams(values))

@@ -38,9 +38,14 @@ protected:
     // Throws CWrongPacketException (after the log line) when a serial number
     // is configured and the meter's differs.
     void checkSerial(const std::string& read) const;
-    // Pressure unit code of the M4 meters (0 kgf/cm2, 1 MPa, 2 bar) to the
-    // factor to kgf/cm2; false (logged under `function`) for an unknown code.
+    // Pressure unit code of the M4 meters (0 kgf/cm2, 1 MPa, 2 bar; assumed,
+    // see the drivers' notes) to the factor to kgf/cm2; false (logged under
+    // `function`) for an unknown code.
     bool m4PressureFactor(int code, const char* function, double& factor) const;
+    // The device time could not be had: logs "<driver>::<function>() - <what>"
+    // and throws CNoDateTimeException, which ends the cycle (nothing is stored
+    // against a clock that was not read).
+    [[noreturn]] void noDeviceTime(const char* function, const char* what) const;
     // Reads and removes a waiting passport file: these meters take parameter
     // writes only at their keyboard.
     void refusePassport(const char* model, int version);

@@ -184,11 +184,8 @@ bool CmtdSPG741::readClock(time_t& t, std::string& text) {
 
 bool CmtdSPG741::GetTimestamps(time_t& deviceTime, int& rateHour) {
     std::string text;
-    if (!readClock(deviceTime, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!readClock(deviceTime, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     if (!m_haveSystem)
         readSystemBlock();
     rateHour = m_rateHour < 0 || m_rateHour > 23 ? 0 : m_rateHour;
@@ -244,16 +241,12 @@ std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
     std::vector<uint8_t> ram, tail;
     if (!m_proto || !m_proto->readRam("Read Current Values", 0, CM4MemoryConnector::kMaxRamBytes, ram) ||
         !m_proto->readRam("Read Totals", CM4MemoryConnector::kMaxRamBytes,
-                          kRamValuesEnd - CM4MemoryConnector::kMaxRamBytes, tail)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+                          kRamValuesEnd - CM4MemoryConnector::kMaxRamBytes, tail))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     ram.insert(ram.end(), tail.begin(), tail.end());
     time_t now = 0;
-    if (!deviceToUnix(ram.data() + kRamClock, now)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceToUnix(ram.data() + kRamClock, now))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     std::vector<CValueRecord> out;
     auto add = [&](const char* name, const std::string& value, uint32_t unit) {
         out.push_back(makeValue(name, value, unit, now, m_sys));

@@ -309,11 +309,8 @@ bool CmtdSPG761::deviceTime(time_t& t, std::string& text) {
 
 bool CmtdSPG761::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     std::string text;
-    if (!deviceTime(deviceTimeOut, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(deviceTimeOut, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     std::string value, unit;
     int hour = 0;
     if (m_rateHour < 0 && readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour))
@@ -339,10 +336,8 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
-    if (!deviceTime(now, nowText)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(now, nowText))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     out.push_back(makeValue("DateTime", nowText, DU_UNKNOWN, now, m_sys));
     for (const auto& cur : kCurrent) {
         std::string value, unit;

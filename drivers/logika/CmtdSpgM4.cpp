@@ -219,11 +219,8 @@ bool CmtdSpgM4::deviceTime(time_t& t, std::string& text) {
 
 bool CmtdSpgM4::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     std::string text;
-    if (!deviceTime(deviceTimeOut, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(deviceTimeOut, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     rateHour = m_rateHour < 0 ? 0 : m_rateHour;
     return true;
 }
@@ -299,10 +296,8 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
-    if (!deviceTime(now, nowText)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(now, nowText))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     out.push_back(makeValue("DateTime", nowText, DU_UNKNOWN, now, m_sys));
     if (m_pressureUnit < 0) {
         M4::ParamValue u;
