@@ -370,7 +370,7 @@ for name, dump, lab in specs:
     for rec in got:
         t, f = rec["timestamp"], rec["fields"]
         hit = next((i for i, (wt, m) in enumerate(left)
-                    if wt == t and eval(match, globals(), {"t": t, "f": f, "m": m})), None)
+                    if wt == t and eval(match, dict(globals(), t=t, f=f, m=m))), None)
         if hit is None:
             print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(f),
                   [m for wt, m in left if wt == t])); bad += 1; break
