@@ -65,9 +65,6 @@ const CurrentValue kCurrent[] = {
     {kRamCurrent + 24, Enc::Float, "Qw2", DU_M3_H, false}, {kRamCurrent + 28, Enc::Float, "Qstd2", DU_M3_H, false},
 };
 
-// The meter's pressure-unit codes.
-const uint32_t kPressureUnits[] = {DU_KGF_CM2, DU_MPA, DU_BAR};
-
 uint32_t le(const uint8_t* p, size_t n) {
     uint32_t v = 0;
     for (size_t i = n; i-- > 0;)
@@ -85,12 +82,6 @@ double microchipFloat(const uint8_t* p) {
     float f;
     std::memcpy(&f, &bits, sizeof f);
     return f;
-}
-
-std::string fmtNumber(double v) {
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "%.5f", v);
-    return buf;
 }
 
 const CmtdSPG741::Ring* findRing(int archType) {
@@ -130,10 +121,8 @@ bool CmtdSPG741::init() {
     const char* nm = driverName();
     MTD_LOG(Info, "[%lld][%s] SPG741 driver version %02X.%02X, compiled: %s %s", id, nm, kVersionMajor, kVersionMinor,
             __DATE__, __TIME__);
-    std::string systems = m_config.get("systems");
-    m_sys = systems.substr(0, systems.find(';'));
-    if (m_sys.empty())
-        m_sys = "1";
+    const std::string systems = m_config.get("systems");
+    takeSystem();
     MTD_LOG(Info, "[%lld][%s] CmtdSPG741::init() - serial '%s', address %d, systems %s, device TZ = %d", id, nm,
             m_config.serial_text.c_str(), m_netAddr, systems.c_str(), deviceTzHours());
     if (!m_proto)
@@ -189,20 +178,14 @@ bool CmtdSPG741::readClock(time_t& t, std::string& text) {
                 driverName(), clock[0], clock[1], clock[2], clock[3], clock[4], clock[5]);
         return false;
     }
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d,%02d:%02d:%02d", 2000 + clock[0], clock[1], clock[2], clock[3],
-                  clock[4], clock[5]);
-    text = buf;
+    text = deviceTimeText(t);
     return true;
 }
 
 bool CmtdSPG741::GetTimestamps(time_t& deviceTime, int& rateHour) {
     std::string text;
-    if (!readClock(deviceTime, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!readClock(deviceTime, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     if (!m_haveSystem)
         readSystemBlock();
     rateHour = m_rateHour < 0 || m_rateHour > 23 ? 0 : m_rateHour;
@@ -226,12 +209,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
         return out;
     }
     const std::string serial = std::to_string(m_serial);
-    const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
-    if (!given.empty() && serial != given) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-                id, nm, serial.c_str(), given.c_str());
-        throw CWrongPacketException("serial number mismatch");
-    }
+    checkSerial(serial);
     char firmware[8];
     std::snprintf(firmware, sizeof firmware, "%02X", m_ident[2]);
     add("SerialNumber", serial);
@@ -252,14 +230,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
 bool CmtdSPG741::pressureFactorOfDevice(double& factor) {
     if (!m_haveSystem)
         readSystemBlock();
-    const size_t n = sizeof kPressureUnits / sizeof kPressureUnits[0];
-    if (m_pressureUnit < 0 || static_cast<size_t>(m_pressureUnit) >= n ||
-        !pressureFactor(kPressureUnits[m_pressureUnit], factor)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::pressureFactorOfDevice() - UNKNOWN PRESSURE UNIT %d", logId(),
-                driverName(), m_pressureUnit);
-        return false;
-    }
-    return true;
+    return m4PressureFactor(m_pressureUnit, "pressureFactorOfDevice", factor);
 }
 
 std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
@@ -270,24 +241,18 @@ std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
     std::vector<uint8_t> ram, tail;
     if (!m_proto || !m_proto->readRam("Read Current Values", 0, CM4MemoryConnector::kMaxRamBytes, ram) ||
         !m_proto->readRam("Read Totals", CM4MemoryConnector::kMaxRamBytes,
-                          kRamValuesEnd - CM4MemoryConnector::kMaxRamBytes, tail)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+                          kRamValuesEnd - CM4MemoryConnector::kMaxRamBytes, tail))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     ram.insert(ram.end(), tail.begin(), tail.end());
     time_t now = 0;
-    if (!deviceToUnix(ram.data() + kRamClock, now)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceToUnix(ram.data() + kRamClock, now))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     std::vector<CValueRecord> out;
     auto add = [&](const char* name, const std::string& value, uint32_t unit) {
         out.push_back(makeValue(name, value, unit, now, m_sys));
     };
+    add("DateTime", deviceTimeText(now), DU_UNKNOWN);
     char text[32];
-    const uint8_t* c = ram.data() + kRamClock;
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d,%02d:%02d:%02d", 2000 + c[0], c[1], c[2], c[3], c[4], c[5]);
-    add("DateTime", text, DU_UNKNOWN);
     double pf = 0;
     const bool havePressure = pressureFactorOfDevice(pf);
     for (const auto& v : kCurrent) {
@@ -303,7 +268,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
                 continue;
             value *= pf;
         }
-        add(v.name, fmtNumber(value), v.unit);
+        add(v.name, formatNumber(value), v.unit);
     }
     std::snprintf(text, sizeof text, "0x%08X", le(ram.data() + kRamFaults, 4));
     add("NS", text, DU_UNKNOWN);
@@ -331,12 +296,11 @@ bool CmtdSPG741::readNewestSlot(const Ring& ring, unsigned& slot) {
 bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* pf, time_t& ts, ArchiveRecord& rec) {
     if (!deviceToUnix(p, ts))
         return false;  // erased or never written
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d,%02d:%02d:%02d", 2000 + p[0], p[1], p[2], p[3], p[4], p[5]);
     rec = ArchiveRecord();
     rec.sys = std::atoi(m_sys.c_str()) > 0 ? std::atoi(m_sys.c_str()) : 1;
     rec.timestamp = ts;
-    rec.fields.emplace_back("DateTime", text);
+    rec.fields.emplace_back("DateTime", deviceTimeText(ts));
+    char text[32];
     if (ring.period == 0) {
         rec.fields.emplace_back("NS", std::to_string(p[6]));
         rec.fields.emplace_back("state", p[7] ? "on" : "off");
@@ -346,7 +310,7 @@ bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* p
         double v = microchipFloat(p + 6 + 4 * (i - 1));
         if (std::strcmp((*ring.fields)[i], "P1") == 0)
             v = pf ? v * *pf : NAN;
-        rec.fields.emplace_back((*ring.fields)[i], std::isfinite(v) ? fmtNumber(v) : std::string());
+        rec.fields.emplace_back((*ring.fields)[i], std::isfinite(v) ? formatNumber(v) : std::string());
     }
     std::snprintf(text, sizeof text, "0x%04X", le(p + 30, 2));
     rec.fields.emplace_back("NS", text);
@@ -438,9 +402,5 @@ time_t CmtdSPG741::sync_time(time_t storedTimestamp) {
 }
 
 void CmtdSPG741::writeGasPasport() {
-    std::map<std::string, std::string> values;
-    if (!GetGasPassportParams(values))
-        return;
-    MTD_LOG(Warning, "[%lld][%s] CmtdSPG741::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!",
-            logId(), driverName(), "SPG741", m_ident[2]);
+    refusePassport("SPG741", m_ident[2]);
 }

@@ -57,9 +57,9 @@
 #include <vector>
 
 #include "drivers/logika/CM4MemoryConnector.h"
-#include "framework/CMtdGasBaseDriver.h"
+#include "drivers/logika/CLogikaBaseDriver.h"
 
-class CmtdSPG741 : public gas::CMtdGasBaseDriver {
+class CmtdSPG741 : public logika::CLogikaBaseDriver {
 public:
     CmtdSPG741();
     ~CmtdSPG741() override;
@@ -101,7 +101,6 @@ private:
     ProtocolSleep m_sleep;
 
     // From the configuration (init).
-    std::string m_sys = "1";
     uint8_t m_netAddr = 0;
 
     // From the device.

@@ -83,13 +83,6 @@ const PressureUnit kPressureUnits[] = {
     {"MPa", DU_MPA}, {"kPa", DU_KPA}, {"kgf/cm2", DU_KGF_CM2}, {"bar", DU_BAR},
 };
 
-// shared with the other Logika drivers: a value converted by the driver, as published.
-std::string fmtNumber(double v) {
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "%.5f", v);
-    return buf;
-}
-
 bool parseInt(const std::string& s, int lo, int hi, int& out) {
     if (s.empty() || s.size() > 4)
         return false;
@@ -107,40 +100,6 @@ bool parseNumber(const std::string& s) {
     char* end = nullptr;
     std::strtod(s.c_str(), &end);
     return *end == '\0';
-}
-
-// shared with the other Logika drivers: device wall-clock fields <-> Unix seconds
-// with the configured offset of the device clock (hours east of UTC).
-time_t deviceFieldsToUnix(int y, int mo, int d, int h, int mi, int s, int tzHours) {
-    struct tm tm {};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    return timegm(&tm) - static_cast<time_t>(tzHours) * 3600;
-}
-
-// shared with the other Logika drivers: the argument word that makes the
-// protocol layer (which breaks times down in the process's local time) send
-// the device's wall-clock time of `t`.
-uint32_t protocolTimeArg(time_t t, int tzHours) {
-    time_t shifted = t + static_cast<time_t>(tzHours) * 3600;
-    struct tm dev {};
-    gmtime_r(&shifted, &dev);
-    dev.tm_isdst = -1;
-    return static_cast<uint32_t>(mktime(&dev));
-}
-
-std::string deviceText(time_t t, int tzHours) {
-    time_t shifted = t + static_cast<time_t>(tzHours) * 3600;
-    struct tm tm {};
-    gmtime_r(&shifted, &tm);
-    char buf[80];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                  tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return buf;
 }
 
 }  // namespace
@@ -245,19 +204,14 @@ bool CmtdSPG761::init() {
     const long long id = logId();
     const char* nm = driverName();
     MTD_LOG(Info, "[%lld][%s] SPG761 driver version %02X.%02X, compiled: %s %s", id, nm, 1, 0, __DATE__, __TIME__);
-    std::string systems = m_config.get("systems");
-    m_sys = systems.substr(0, systems.find(';'));
-    if (m_sys.empty())
-        m_sys = "1";
+    takeSystem();
     m_pipe = std::atoi(m_sys.c_str());
     if (m_pipe < 1 || m_pipe > 9) {
         MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::init() - WRONG PIPELINE '%s', USE 1", id, nm, m_sys.c_str());
         m_pipe = 1;
     }
-    const int srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
-    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : srvTZ;
     MTD_LOG(Info, "[%lld][%s] CmtdSPG761::init() - model %s, serial '%s', pipeline %d, pu_TZ = %d", id, nm,
-            getMeterModelName(), m_config.serial_text.c_str(), m_pipe, m_puTZ);
+            getMeterModelName(), m_config.serial_text.c_str(), m_pipe, deviceTzHours());
     if (!m_proto)
         throw CDisconnectException("no connector");
     // No session to open: the date read proves the meter is there.
@@ -286,25 +240,14 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
     time_t now = 0;
     std::string nowText;
     deviceTime(now, nowText);
-    auto add = [&](const char* name, const std::string& value, const char* dim = "") {
-        CValueRecord r;
-        r.name = name;
-        r.value = value;
-        r.dim = dim;
-        r.sys = m_sys;
-        r.timestamp = now;
-        out.push_back(r);
+    auto add = [&](const char* name, const std::string& value, uint32_t unit = DU_UNKNOWN) {
+        out.push_back(makeValue(name, value, unit, now, m_sys));
     };
     std::string value, unit;
     if (!readValue("Read Identifier", value, unit)) {
         MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
     } else {
-        const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
-        if (!given.empty() && value != given) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-                    id, nm, value.c_str(), given.c_str());
-            throw CWrongPacketException("serial number mismatch");
-        }
+        checkSerial(value);
         add("SerialNumber", value);
     }
     if (readValue("Read Model", value, unit)) {
@@ -338,7 +281,7 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
         Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
         for (size_t i = 0; i < 3 && i + 1 < blocks.size(); ++i)
             if (!blocks[i + 1].empty() && parseNumber(blocks[i + 1][0]))
-                add(kComposition[i].name, blocks[i + 1][0], dataUnitName(kComposition[i].unit));
+                add(kComposition[i].name, blocks[i + 1][0], kComposition[i].unit);
     } else {
         MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
                 "Read Gas Composition");
@@ -359,18 +302,15 @@ bool CmtdSPG761::deviceTime(time_t& t, std::string& text) {
                 time.c_str());
         return false;
     }
-    t = deviceFieldsToUnix(2000 + y, mo, d, h, mi, s, m_puTZ);
-    text = deviceText(t, m_puTZ);
+    t = fromDeviceTime(2000 + y, mo, d, h, mi, s);
+    text = deviceTimeText(t);
     return true;
 }
 
 bool CmtdSPG761::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     std::string text;
-    if (!deviceTime(deviceTimeOut, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(deviceTimeOut, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     std::string value, unit;
     int hour = 0;
     if (m_rateHour < 0 && readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour))
@@ -396,16 +336,9 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
-    if (!deviceTime(now, nowText)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
-    CValueRecord dt;
-    dt.name = "DateTime";
-    dt.value = nowText;
-    dt.sys = m_sys;
-    dt.timestamp = now;
-    out.push_back(dt);
+    if (!deviceTime(now, nowText))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
+    out.push_back(makeValue("DateTime", nowText, DU_UNKNOWN, now, m_sys));
     for (const auto& cur : kCurrent) {
         std::string value, unit;
         if (!readValue(cur.request, value, unit) || !parseNumber(value)) {
@@ -413,17 +346,12 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
                     id, nm, cur.request);
             continue;
         }
-        CValueRecord r;
-        r.name = cur.name;
-        r.value = value;
-        r.dim = cur.unit == DU_UNKNOWN ? "" : dataUnitName(cur.unit);
-        r.sys = m_sys;
-        r.timestamp = now;
+        CValueRecord r = makeValue(cur.name, value, cur.unit, now, m_sys);
         if (cur.pressure) {
             const double coef = getPressureCoef(unit);
             if (coef <= 0)
                 continue;
-            r.value = fmtNumber(std::strtod(value.c_str(), nullptr) * coef);
+            r.value = formatNumber(std::strtod(value.c_str(), nullptr) * coef);
         }
         out.push_back(r);
     }
@@ -445,7 +373,7 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
     GetTimestamps(curr, rateHour);
     if (to > curr) {
         MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)",
-                id, nm, static_cast<int>(curr), deviceText(curr, m_puTZ).c_str());
+                id, nm, static_cast<int>(curr), deviceTimeText(curr).c_str());
         to = curr;
     }
     if (from > to)
@@ -470,6 +398,7 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
     const bool journal = archType == ARCH_JOURNAL_EVENT;
     const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
     const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
+    const time_t tzShift = static_cast<time_t>(deviceTzHours()) * 3600;
     const char* request = journal ? "Read Event Journal"
                           : archType == ARCH_HOURLY ? "Read Hourly Archive" : "Read Daily Archive";
     const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
@@ -482,7 +411,7 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
         held.clear();
     };
     for (time_t start = from; start <= to;) {
-        if (!sendRequest(request, protocolTimeArg(start, m_puTZ), protocolTimeArg(to, m_puTZ)))
+        if (!sendRequest(request, protocolTimeArg(start), protocolTimeArg(to)))
             return false;
         Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
         if ((blocks.size() - 1) % 2 != 0) {
@@ -499,8 +428,8 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             bool good = stamp.size() == 6 && parseInt(stamp[0], 1, 31, d) && parseInt(stamp[1], 1, 12, mo) &&
                         parseInt(stamp[2], 2000, 2099, y) && parseInt(stamp[3], 0, 23, h) &&
                         parseInt(stamp[4], 0, 59, mi) && parseInt(stamp[5], 0, 59, s) && values.size() == fields.size();
-            const time_t ts = good ? deviceFieldsToUnix(y, mo, d, h, mi, s, m_puTZ) : 0;
-            const time_t onDevice = ts + static_cast<time_t>(m_puTZ) * 3600;
+            const time_t ts = good ? fromDeviceTime(y, mo, d, h, mi, s) : 0;
+            const time_t onDevice = ts + tzShift;
             if (good && !journal)
                 good = (onDevice - gridOffset) % period == 0 && ts > last;
             // Nothing may come from before the start asked for: a meter that
@@ -529,7 +458,7 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             ArchiveRecord rec;
             rec.sys = m_pipe;
             rec.timestamp = ts;
-            rec.fields.emplace_back("DateTime", deviceText(ts, m_puTZ));
+            rec.fields.emplace_back("DateTime", deviceTimeText(ts));
             for (size_t i = 0; i < values.size(); ++i)
                 rec.fields.emplace_back(fields[i], values[i]);
             (journal ? held : out).push_back(std::move(rec));
@@ -551,11 +480,7 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
 }
 
 void CmtdSPG761::writeGasPasport() {
-    std::map<std::string, std::string> values;
-    if (!GetGasPassportParams(values))
-        return;
     // Reading is all this connection does: the meter takes parameter writes
     // only with its database unlocked at the keyboard.
-    MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!",
-            logId(), driverName(), getMeterModelName(), m_model);
+    refusePassport(getMeterModelName(), m_model);
 }

@@ -50,10 +50,10 @@
 #include <string>
 #include <vector>
 
-#include "framework/CMtdGasBaseDriver.h"
+#include "drivers/logika/CLogikaBaseDriver.h"
 #include "protocols/SpNet.h"
 
-class CmtdSPG761 : public gas::CMtdGasBaseDriver {
+class CmtdSPG761 : public logika::CLogikaBaseDriver {
 public:
     explicit CmtdSPG761(int model);
     static std::unique_ptr<CMtdBaseDriver> create(int model);
@@ -90,8 +90,6 @@ private:
 
     int m_model;
     std::unique_ptr<SpNet::CSpNet> m_proto;
-    std::string m_sys = "1";
     int m_pipe = 1;
-    int m_puTZ = 0;
     int m_rateHour = -1;
 };

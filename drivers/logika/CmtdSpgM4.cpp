@@ -120,12 +120,6 @@ const CmtdSpgM4::SArchive kArchives[] = {
     {ARCH_JOURNAL_EVENT, "Events", 6, 0, 32, 0, {"ns", "state"}},
 };
 
-std::string fmtNumber(double v) {
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "%.5f", v);
-    return buf;
-}
-
 LogikaRequest paramRequest(const S& p) {
     LogikaRequest r;
     r.name = p.name;
@@ -162,10 +156,8 @@ bool CmtdSpgM4::init() {
     const char* nm = driverName();
     MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::init() -----------------------------------------------", id, nm);
     MTD_LOG(Info, "[%lld][%s] SPG742 driver version %02X.%02X, compiled: %s %s", id, nm, 1, 0, __DATE__, __TIME__);
-    std::string systems = m_config.get("systems");
-    m_sys = systems.substr(0, systems.find(';'));
-    if (m_sys.empty())
-        m_sys = "1";
+    const std::string systems = m_config.get("systems");
+    takeSystem();
     MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::init() - serial '%s', address '%s', systems %s, pu_TZ = %d", id, nm,
             m_config.serial_text.c_str(), m_config.get("address").c_str(), systems.c_str(), deviceTzHours());
     if (m_model != SPG742) {
@@ -227,11 +219,8 @@ bool CmtdSpgM4::deviceTime(time_t& t, std::string& text) {
 
 bool CmtdSpgM4::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     std::string text;
-    if (!deviceTime(deviceTimeOut, text)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(deviceTimeOut, text))
+        noDeviceTime("GetTimestamps", "CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
     rateHour = m_rateHour < 0 ? 0 : m_rateHour;
     return true;
 }
@@ -253,12 +242,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
         MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
     } else {
         const std::string serial = std::to_string(v.integer & kSerialMask);
-        const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
-        if (!given.empty() && serial != given) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-                    id, nm, serial.c_str(), given.c_str());
-            throw CWrongPacketException("serial number mismatch");
-        }
+        checkSerial(serial);
         add("SerialNumber", serial);
     }
     char ident[16];
@@ -298,15 +282,8 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
 }
 
 bool CmtdSpgM4::toKgfCm2(double value, double& out) const {
-    // Pressure unit selector of the meter (assumed codes): 0 kgf/cm2, 1 MPa, 2 bar.
-    static const uint32_t kUnits[] = {DU_KGF_CM2, DU_MPA, DU_BAR};
-    if (m_pressureUnit < 0 || m_pressureUnit > 2) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::toKgfCm2() - UNKNOWN PRESSURE UNIT %d", logId(), driverName(),
-                m_pressureUnit);
-        return false;
-    }
     double factor = 0;
-    if (!pressureFactor(kUnits[m_pressureUnit], factor))
+    if (!m4PressureFactor(m_pressureUnit, "toKgfCm2", factor))
         return false;
     out = value * factor;
     return true;
@@ -319,10 +296,8 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
-    if (!deviceTime(now, nowText)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id, nm);
-        throw CNoDateTimeException("device time");
-    }
+    if (!deviceTime(now, nowText))
+        noDeviceTime("get_all_curtime_cur_integ_values", "CAN'T READ CURRENT TIME !!!");
     out.push_back(makeValue("DateTime", nowText, DU_UNKNOWN, now, m_sys));
     if (m_pressureUnit < 0) {
         M4::ParamValue u;
@@ -339,7 +314,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_curtime_cur_integ_values() {
         double value = v.number;
         if (cur.pressure && !toKgfCm2(v.number, value))
             continue;
-        out.push_back(makeValue(cur.publish, fmtNumber(value), cur.unit, now, m_sys));
+        out.push_back(makeValue(cur.publish, formatNumber(value), cur.unit, now, m_sys));
     }
     return out;
 }
@@ -446,13 +421,11 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
     while (start <= to) {
         // The M4 layer writes the window in the process's local time; hand it
         // the instant whose local fields are the meter's clock reading.
-        struct tm a = toDeviceTime(start), b = toDeviceTime(to);
-        a.tm_isdst = b.tm_isdst = -1;
         LogikaRequest r;
         r.name = std::string("Read ") + arch->kind + " Archive";
         r.function = M4::kFnReadArchive;
         r.channel = arch->channel;
-        r.args = {arch->code, arch->perRequest, static_cast<uint32_t>(mktime(&a)), static_cast<uint32_t>(mktime(&b))};
+        r.args = {arch->code, arch->perRequest, protocolTimeArg(start), protocolTimeArg(to)};
         if (!m_proto->SendRequest(r))
             throw CDisconnectException("archive request not answered");
         if (m_proto->isError()) {
@@ -470,10 +443,6 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
 }
 
 void CmtdSpgM4::writeGasPasport() {
-    std::map<std::string, std::string> values;
-    if (!GetGasPassportParams(values))
-        return;
     // The M4 layer has no parameter write; the passport stays in the meter's own menu.
-    MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!",
-            logId(), driverName(), "SPG742", m_model);
+    refusePassport("SPG742", m_model);
 }

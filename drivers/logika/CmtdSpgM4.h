@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "framework/CMtdGasBaseDriver.h"
+#include "drivers/logika/CLogikaBaseDriver.h"
 #include "protocols/M4.h"
 
-class CmtdSpgM4 : public gas::CMtdGasBaseDriver {
+class CmtdSpgM4 : public logika::CLogikaBaseDriver {
 public:
     enum Model { SPG742 = 1 };
 
@@ -53,7 +53,6 @@ private:
 
     int m_model;
     std::unique_ptr<M4::CM4> m_proto;
-    std::string m_sys = "1";
     uint16_t m_ident = 0;       // identification word from the session-start reply
     int m_rateHour = -1;        // contract hour
     int m_pressureUnit = -1;    // meter's pressure unit code

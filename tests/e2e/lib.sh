@@ -317,6 +317,96 @@ sys.exit(1 if bad else 0)
 PY
 }
 
+# check_archives LOG ID SIM KINDS MATCH [SIMARGS...] : the archives stored for
+# meter ID under /mnt/storage are the simulator's records (SIM SIMARGS
+# --dump-archive DUMP --dump-until T, one "TIMESTAMP TEXT" line a record) up to
+# T: every timestamp once, in order, each record agreeing with the meter's.
+#   KINDS  ARCHIVE=DUMP[=LABEL],... : the stored archive name, the simulator's
+#          archive and the name the daemon's log gives the read (ARCHIVE).
+#   MATCH  a Python expression over t (timestamp), f (stored fields, in order)
+#          and m (the dump line after the timestamp); true when they agree.
+#          Records of one second may be stored in any order.
+# How far T reaches, from the variables:
+#   ARCH_UNTIL  "log" (default): where each kind's last read ended; "cycle N":
+#               where it ended by the Nth line matching ARCH_CYCLE; "stored":
+#               the newest stored record (the read may have been cut short).
+#   ARCH_END    regex (LABEL, time) of the line telling where a read ended;
+#               default the daemon's "end_dt = curr_dt" line after the kind's
+#               "get_arch_values(LABEL) ---" line.
+#   ARCH_MIN    the fewest hourly records that must be there (0).
+check_archives() {
+    local log=$1 id=$2 sim=$3 kinds=$4 match=$5
+    shift 5
+    python3 - "$log" "/mnt/storage/$id" "$sim" "$kinds" "$match" "${ARCH_UNTIL:-log}" "${ARCH_CYCLE:-}" \
+        "${ARCH_END:-}" "${ARCH_MIN:-0}" "$@" <<'PY'
+import glob, json, re, subprocess, sys
+log, root, sim, kinds, match, until_mode, cycle_re, end_re, least = sys.argv[1:10]
+simargs = sys.argv[10:]
+specs = []
+for item in kinds.split(","):
+    parts = item.split("=")
+    specs.append((parts[0], parts[1], parts[2] if len(parts) > 2 else parts[0]))
+end, ends, label = {}, [], None
+for line in open(log, errors="replace"):
+    if end_re:
+        m = re.search(end_re, line)
+        if m:
+            end[m.group(1)] = int(m.group(2))
+    else:
+        m = re.search(r"get_arch_values\((\w+)\) ---", line)
+        if m:
+            label = m.group(1)
+        m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
+        if m and label:
+            end[label] = int(m.group(1))
+    if cycle_re and re.search(cycle_re, line):
+        ends.append(dict(end))
+if until_mode.startswith("cycle"):
+    n = int(until_mode.split()[1])
+    end = ends[n - 1] if len(ends) >= n else {}
+stored = {}
+for path in glob.glob(root + "/**/*.jsonl", recursive=True):
+    for line in open(path):
+        rec = json.loads(line)
+        stored.setdefault(rec["archive"], []).append(rec)
+MPA = 10.197162129787
+bad = 0
+for name, dump, lab in specs:
+    got = sorted(stored.get(name, []), key=lambda r: r["timestamp"])
+    if until_mode == "stored":
+        if not got:
+            print("  %s: nothing stored" % name); bad += 1; continue
+        until = got[-1]["timestamp"]
+    elif lab in end:
+        until = end[lab]
+        got = [r for r in got if r["timestamp"] <= until]
+    else:
+        print("  %s: never read" % name); bad += 1; continue
+    out = subprocess.run([sim] + simargs + ["--dump-archive", dump, "--dump-until", str(until)],
+                         capture_output=True, text=True, check=True).stdout.split("\n")
+    want = [(int(l.split(" ", 1)[0]), l.split(" ", 1)[1] if " " in l else "") for l in out if l]
+    have = [r["timestamp"] for r in got]
+    if have != [t for t, _ in want]:
+        print("  %s: %d stored, %d expected; missing %s extra %s repeated %s" % (name, len(have), len(want),
+              sorted(set(t for t, _ in want) - set(have))[:5], sorted(set(have) - set(t for t, _ in want))[:5],
+              sorted(set(t for t in have if have.count(t) > 1))[:5]))
+        bad += 1; continue
+    left = list(want)
+    for rec in got:
+        t, f = rec["timestamp"], rec["fields"]
+        hit = next((i for i, (wt, m) in enumerate(left)
+                    if wt == t and eval(match, dict(globals(), t=t, f=f, m=m))), None)
+        if hit is None:
+            print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(f),
+                  [m for wt, m in left if wt == t])); bad += 1; break
+        del left[hit]
+    if name.startswith("Hourly") and len(have) < int(least):
+        print("  %s: only %d records" % (name, len(have))); bad += 1
+    print("  %s: %d records up to %d" % (name, len(have), until))
+sys.exit(1 if bad else 0)
+PY
+}
+
 # ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last
 # put_all_current_values the host service got holds the model's current values
 # in table order, each with its unit name, quality 192 and the meter's time;

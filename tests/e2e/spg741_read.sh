@@ -18,58 +18,19 @@ M4SIM="$BUILD_DIR/mtd_m4sim"
 # the simulator's records up to where each ring was last read ("ring read up
 # to" in the daemon's log): every timestamp once, field by field (pressures
 # published in kgf/cm2, the meter keeps MPa).
+SPG741_MATCH='(lambda d: f["DateTime"] == d["t"] and (
+    list(f) == ["DateTime", "NS", "state"] and f["NS"] == d["NS"] and f["state"] == ("on" if d["on"] == "1" else "off")
+    if "on" in d else
+    list(f) == ["DateTime", "Vstd1", "Vw1", "P1", "T1", "Vstd2", "Vw2", "NS"] and int(f["NS"], 16) == int(d["flags"])
+    and all(abs(float(f[a]) - float(d[b]) * k) < 2e-5 for a, b, k in (("Vstd1", "V1", 1), ("Vw1", "Vr1", 1),
+            ("P1", "P1", MPA), ("T1", "t1", 1), ("Vstd2", "V2", 1), ("Vw2", "Vr2", 1)))))(
+    dict(kv.split("=", 1) for kv in m.split()))'
 spg741_check_archives() {
     local log=$1 id=$2
     shift 2
-    python3 - "$log" "/mnt/storage/$id" "$M4SIM" "$@" <<'PY'
-import glob, json, re, subprocess, sys
-log, root, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
-kinds = {"Hourly_JSONRPC": "hourly", "Daily_JSONRPC": "daily", "Journal_Event_JSONRPC": "events"}
-ring = {"Hourly": "Hourly_JSONRPC", "Daily": "Daily_JSONRPC", "Journal": "Journal_Event_JSONRPC"}
-end = {}
-for line in open(log, errors="replace"):
-    m = re.search(r"CmtdSPG741::get_arch_values\(\) - (\w+) ring read up to (\d+)", line)
-    if m:
-        end[ring[m.group(1)]] = int(m.group(2))
-stored = {}
-for path in glob.glob(root + "/**/*.jsonl", recursive=True):
-    for line in open(path):
-        rec = json.loads(line)
-        stored.setdefault(rec["archive"], []).append(rec)
-MPA = 10.197162129787
-bad = 0
-for name, dump in kinds.items():
-    if name not in end:
-        print("  %s: never read" % name); bad += 1; continue
-    out = subprocess.run([sim] + simargs + ["--dump-archive", dump, "--dump-until", str(end[name])],
-                         capture_output=True, text=True, check=True).stdout.split("\n")
-    want = []
-    for l in out:
-        if l:
-            t, rest = l.split(" ", 1)
-            want.append((int(t), dict(kv.split("=", 1) for kv in rest.split())))
-    got = sorted(stored.get(name, []), key=lambda r: r["timestamp"])
-    have = [r["timestamp"] for r in got]
-    if have != [t for t, _ in want]:
-        print("  %s: %d stored, %d expected; missing %s extra %s" % (name, len(have), len(want),
-              sorted(set(t for t, _ in want) - set(have))[:5], sorted(set(have) - set(t for t, _ in want))[:5]))
-        bad += 1; continue
-    for rec, (t, m) in zip(got, want):
-        f = rec["fields"]
-        if name.startswith("Journal"):
-            ok = list(f) == ["DateTime", "NS", "state"] and f["DateTime"] == m["t"] and f["NS"] == m["NS"] \
-                 and f["state"] == ("on" if m["on"] == "1" else "off")
-        else:
-            pairs = [("Vstd1", "V1", 1), ("Vw1", "Vr1", 1), ("P1", "P1", MPA), ("T1", "t1", 1),
-                     ("Vstd2", "V2", 1), ("Vw2", "Vr2", 1)]
-            ok = list(f) == ["DateTime", "Vstd1", "Vw1", "P1", "T1", "Vstd2", "Vw2", "NS"] \
-                 and f["DateTime"] == m["t"] and int(f["NS"], 16) == int(m["flags"]) \
-                 and all(abs(float(f[a]) - float(m[b]) * k) < 2e-5 for a, b, k in pairs)
-        if not ok:
-            print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(f), m)); bad += 1; break
-    print("  %s: %d records up to %d" % (name, len(have), end[name]))
-sys.exit(1 if bad else 0)
-PY
+    ARCH_END='CmtdSPG741::get_arch_values\(\) - (\w+) ring read up to (\d+)' check_archives "$log" "$id" "$M4SIM" \
+        Hourly_JSONRPC=hourly=Hourly,Daily_JSONRPC=daily=Daily,Journal_Event_JSONRPC=events=Journal \
+        "$SPG741_MATCH" "$@"
 }
 
 # spg741_check_current RECORD : the last put_all_current_values holds the

@@ -44,51 +44,10 @@ spg_stop() {
 spg_check_archives() {
     local log=$1 id=$2
     shift 2
-    python3 - "$log" "/mnt/storage/$id" "$SPBUSSIM" "$@" <<'PY'
-import glob, json, re, subprocess, sys
-log, root, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
-end, kind = {}, None
-for line in open(log, errors="replace"):
-    m = re.search(r"get_arch_values\((\w+)\) ---", line)
-    if m:
-        kind = m.group(1)
-    m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
-    if m and kind:
-        end[kind] = int(m.group(1))
-stored = {}
-for path in glob.glob(root + "/**/*.jsonl", recursive=True):
-    for line in open(path):
-        rec = json.loads(line)
-        stored.setdefault(rec["archive"], []).append(rec)
-bad = 0
-interval = ["DateTime", "Vstd", "Vw", "P", "T", "NS"]
-for name, which, fields in (("Hourly_JSONRPC", "hourly", interval), ("Daily_JSONRPC", "daily", interval),
-                            ("Journal_Event_JSONRPC", "events", ["DateTime", "Event", "State"])):
-    if name not in end:
-        print("  %s: never read" % name)
-        bad += 1
-        continue
-    out = subprocess.run([sim] + simargs + ["--dump-archive", which, "--dump-until", str(end[name])],
-                         capture_output=True, text=True, check=True).stdout.split("\n")
-    want = [(int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l]
-    # Journal entries of one second may be stored in any order.
-    got = sorted(stored.get(name, []), key=lambda r: (r["timestamp"], " ".join(list(r["fields"].values())[1:])))
-    want.sort()
-    have = [r["timestamp"] for r in got]
-    if have != [t for t, _ in want]:
-        print("  %s: %d stored, %d expected; missing %s extra %s" % (name, len(have), len(want),
-              sorted(set(t for t, _ in want) - set(have))[:5], sorted(set(have) - set(t for t, _ in want))[:5]))
-        bad += 1
-        continue
-    for rec, (t, text) in zip(got, want):
-        names, values = list(rec["fields"].keys()), list(rec["fields"].values())
-        if names != fields or " ".join(values[1:]) != text:
-            print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(rec["fields"]), text))
-            bad += 1
-            break
-    print("  %s: %d records up to %d" % (name, len(have), end[name]))
-sys.exit(1 if bad else 0)
-PY
+    check_archives "$log" "$id" "$SPBUSSIM" \
+        Hourly_JSONRPC=hourly,Daily_JSONRPC=daily,Journal_Event_JSONRPC=events \
+        'list(f) == (["DateTime", "Event", "State"] if len(f) == 3 else ["DateTime", "Vstd", "Vw", "P", "T", "NS"]) and " ".join(list(f.values())[1:]) == m' \
+        "$@"
 }
 
 # spg_check_current RECORD : the last put_all_current_values holds the values in order with their units.

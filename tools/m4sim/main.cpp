@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "tools/m4sim/CM4Sim.h"
+#include "tools/simline/SimTime.h"
 
 namespace {
 
@@ -32,22 +33,6 @@ bool toInt(const char* text, long long& out) {
     char* end = nullptr;
     out = std::strtoll(text, &end, 10);
     return *text != '\0' && *end == '\0';
-}
-
-bool parseTime(const char* text, time_t& out) {
-    long long n = 0;
-    if (toInt(text, n)) {
-        out = static_cast<time_t>(n);
-        return true;
-    }
-    struct tm tm {};
-    if (std::sscanf(text, "%d-%d-%d,%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
-                    &tm.tm_sec) != 6)
-        return false;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    out = timegm(&tm);
-    return true;
 }
 
 int dumpArchiveKind(const std::string& name) {
@@ -116,7 +101,7 @@ int main(int argc, char** argv) {
         else if (key == "contract-day") { if (number(1, 28)) o.contractDay = static_cast<int>(n); }
         else if (key == "tz-hours") { if (number(-12, 14)) o.tzHours = static_cast<int>(n); }
         else if (key == "archive-days") { if (number(1, 400)) o.archiveDays = static_cast<int>(n); }
-        else if (key == "now") ok = parseTime(v, o.start);
+        else if (key == "now") ok = parseSimTime(v, o.start);
         else if (key == "clock-scale") ok = (s.clockScale = std::atof(v)) > 0;
         else if (key == "hole-hours") { if (number(0, 100000)) o.holeHours = static_cast<int>(n); }
         else if (key == "seed") { if (number(0, 0xFFFFFFFFLL)) o.seed = static_cast<uint32_t>(n); }
@@ -129,7 +114,7 @@ int main(int argc, char** argv) {
         else if (key == "silent-count") { if (number(0, 1000000)) s.silentCount = static_cast<int>(n); }
         else if (key == "silent-in-archive") s.silentInArchive = true;
         else if (key == "dump-archive") ok = (dump = dumpArchiveKind(v)) >= 0;
-        else if (key == "dump-until") ok = parseTime(v, dumpUntil);
+        else if (key == "dump-until") ok = parseSimTime(v, dumpUntil);
         if (!ok) {
             std::fprintf(stderr, "mtd_m4sim: bad value '%s' for --%s\n", v, key.c_str());
             return 2;

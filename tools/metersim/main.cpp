@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tools/metersim/CMeterSim.h"
+#include "tools/simline/SimTime.h"
 
 namespace {
 
@@ -32,22 +33,6 @@ bool toInt(const std::string& text, long long& out) {
     char* end = nullptr;
     out = std::strtoll(text.c_str(), &end, 10);
     return !text.empty() && *end == '\0';
-}
-
-bool parseNow(const std::string& text, std::time_t& out) {
-    long long n = 0;
-    if (toInt(text, n)) {
-        out = static_cast<std::time_t>(n);
-        return true;
-    }
-    struct tm tm {};
-    if (std::sscanf(text.c_str(), "%d-%d-%d,%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
-                    &tm.tm_sec) != 6)
-        return false;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    out = timegm(&tm);
-    return true;
 }
 
 // One setting by its option name; false with a message for a bad value.
@@ -92,7 +77,7 @@ bool apply(SMeterSimConfig& c, std::string& link, const std::string& key, const 
             c.errorRegisters.insert(v.substr(start));
     } else if (key == "archive-days") return num(c.archiveDays);
     else if (key == "now") {
-        if (!parseNow(v, c.now)) {
+        if (!parseSimTime(v.c_str(), c.now)) {
             std::fprintf(stderr, "mtd_metersim: bad --now '%s'\n", v.c_str());
             return false;
         }
@@ -189,7 +174,7 @@ int dumpRecords(SMeterSimConfig cfg, int archive, std::time_t until) {
         // "(Npp)(ArchIdx)(2024-05-01,10:00:00)..." or, on TC2xx interval records, "(Npp)(2024-05-01,10:00:00)..."
         size_t open = rec.find("-") == std::string::npos ? std::string::npos : rec.rfind('(', rec.find('-'));
         std::time_t t = 0;
-        if (open == std::string::npos || !parseNow(rec.substr(open + 1, 19), t)) {
+        if (open == std::string::npos || !parseSimTime(rec.substr(open + 1, 19).c_str(), t)) {
             std::fprintf(stderr, "mtd_metersim: record without a time: %s\n", rec.c_str());
             return 2;
         }
@@ -242,7 +227,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "mtd_metersim: --dump-archive wants an archive number\n");
             return 2;
         }
-        if (key == "dump-until" && !parseNow(optarg, dumpUntil)) {
+        if (key == "dump-until" && !parseSimTime(optarg, dumpUntil)) {
             std::fprintf(stderr, "mtd_metersim: bad --dump-until '%s'\n", optarg);
             return 2;
         }

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tools/spbussim/CSpbusSim.h"
+#include "tools/simline/SimTime.h"
 
 namespace {
 
@@ -38,22 +39,6 @@ bool toLong(const char* text, long long& out) {
     char* end = nullptr;
     out = std::strtoll(text, &end, 10);
     return *text != '\0' && *end == '\0';
-}
-
-bool parseTime(const char* text, std::time_t& out) {
-    long long n = 0;
-    if (toLong(text, n)) {
-        out = static_cast<std::time_t>(n);
-        return true;
-    }
-    struct tm tm {};
-    if (std::sscanf(text, "%d-%d-%d,%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
-                    &tm.tm_sec) != 6)
-        return false;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    out = timegm(&tm);
-    return true;
 }
 
 }  // namespace
@@ -93,7 +78,7 @@ int main(int argc, char** argv) {
             break;
         }
         case 'a': ok = toLong(optarg, n) && n >= 0 && n < 400; cfg.archiveDays = static_cast<int>(n); break;
-        case 'n': ok = parseTime(optarg, cfg.now); break;
+        case 'n': ok = parseSimTime(optarg, cfg.now); break;
         case 'c': cfg.clockScale = std::strtod(optarg, nullptr); ok = cfg.clockScale > 0; break;
         case 'S': ok = toLong(optarg, n); cfg.seed = static_cast<uint32_t>(n); break;
         case 'R': ok = toLong(optarg, n) && n > 0 && n < 60; cfg.recordsPerReply = static_cast<int>(n); break;
@@ -104,7 +89,7 @@ int main(int argc, char** argv) {
         case 'f': cfg.faultShare = std::strtod(optarg, nullptr); ok = cfg.faultShare >= 0 && cfg.faultShare <= 1; break;
         case 'F': ok = toLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
         case 'd': dump = optarg; ok = dump == "hourly" || dump == "daily" || dump == "events"; break;
-        case 'u': ok = parseTime(optarg, until); break;
+        case 'u': ok = parseSimTime(optarg, until); break;
         default: std::fputs(kUsage, c == 'h' ? stdout : stderr); return c == 'h' ? 0 : 2;
         }
         if (!ok) {

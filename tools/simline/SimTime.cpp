@@ -1,0 +1,21 @@
+#include "SimTime.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+bool parseSimTime(const char* text, std::time_t& out) {
+    char* end = nullptr;
+    const long long n = std::strtoll(text, &end, 10);
+    if (*text != '\0' && *end == '\0') {
+        out = static_cast<std::time_t>(n);
+        return true;
+    }
+    struct tm tm {};
+    if (std::sscanf(text, "%d-%d-%d,%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
+                    &tm.tm_sec) != 6)
+        return false;
+    tm.tm_year -= 1900;
+    tm.tm_mon -= 1;
+    out = timegm(&tm);
+    return true;
+}
