@@ -230,8 +230,8 @@ ek_device_start() {
 # device time up to which the newest read that ended whole asked the meter:
 # its "end_dt = curr_dt" time cut to the whole hour. A read ends whole when
 # the next archive read or the end of the cycle follows; a broken transfer, a
-# refused request, a cycle cut by an error, a stop or a kill ("=== killed" in
-# LOG) leave it out.
+# refused request, a cycle cut by an error, a stop signal or a kill ("=== killed"
+# in LOG) leave it out.
 EK_READ_ENDS_PY='
 import re
 def whole_reads_asked(log):
@@ -245,7 +245,7 @@ def whole_reads_asked(log):
             kind, end = m.group(1), None
             continue
         if ends_whole or re.search(r"TRANSFER BROKEN|TRANSFER STOPPED|CAN.T SEND|CAN.T READ|DOESN.T MATCH|"
-                                   r"disconnecting|stop requested|^=== killed", line):
+                                   r"disconnecting|System signal number|stop requested|^=== killed", line):
             kind, end = None, None
             continue
         m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
