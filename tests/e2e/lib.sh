@@ -191,6 +191,17 @@ series_whole() {
         END { if (n < min) { print n " records, want " min; bad = 1 } exit bad }'
 }
 
+# stored_in_cycle LOG END_REGEX N KIND : true when the daemon's log shows a
+# batch of KIND ("Hourly_JSONRPC", ...) stored in the cycle after the N-th line
+# matching END_REGEX (a cycle's last line), up to the next one. Told by the
+# log, not by counting files, which races a cycle already under way.
+stored_in_cycle() {
+    END_REGEX=$2 awk -v n="$3" -v kind="$4" '
+        $0 ~ ENVIRON["END_REGEX"] { if (++seen > n) exit }
+        seen == n && $0 ~ "StoreRecords [0-9]+ records stored in \\[" kind "-" { found = 1 }
+        END { exit !found }' "$1"
+}
+
 # wait_until SECS CMD ARGS... : true once CMD succeeds, polled every 0.2 s.
 wait_until() {
     local secs=$1
@@ -219,7 +230,10 @@ JSON
 # ek_device_start [HOURS]: a device clock for the simulator, half past an hour,
 # HOURS (10) hours behind the wall clock, so the daemon (which schedules by the
 # wall clock) finds every interval closed and the meter's clock does not
-# overtake it during a case, even at --clock-scale 720.
+# overtake it during a case. At --clock-scale 720 the meter gains 12 hours a
+# minute: such a case starts 30 hours behind, which lasts 150 s however slow a
+# loaded machine runs it. A meter ahead of the wall clock is read only up to
+# the wall clock's hour, and its next cycles find nothing new.
 ek_device_start() {
     local now
     now=$(date +%s)
