@@ -24,7 +24,7 @@ declare -A extra=(
 )
 declare -A pid
 
-# The device clock 10 hours behind the wall clock, running 720 s a second, so
+# The device clock 30 hours behind the wall clock, running 720 s a second, so
 # an hour of records builds up between two 5 s cycles.
 dev=$(ek_device_start 30)
 sim_args() {  # CASE: the simulator's settings that decide its records
