@@ -194,7 +194,11 @@ void CMtdBaseDriver::functionThread() {
             runCycle();
     } catch (const StopRequested&) {
     }
-    lineAbortable(false);
+    // Only the driver holding the turn may have its flag on the shared line;
+    // one without it gave the flag back with the turn, and clearing here
+    // would take the flag of the driver now on the line.
+    if (HasTurn())
+        lineAbortable(false);
 }
 
 void CMtdBaseDriver::initSchedule() {

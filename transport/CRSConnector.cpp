@@ -135,8 +135,9 @@ int CRSConnector::waitReadable(uint32_t timeout_ms) const {
     for (;;) {
         // With an abort flag the wait is taken in slices, looking at the flag between them.
         int sliceMs = waitMs;
-        if (m_abort) {
-            if (m_abort->load()) {
+        const std::atomic<bool>* abort = m_abort.load();
+        if (abort) {
+            if (abort->load()) {
                 errno = ECANCELED;
                 return -1;
             }
@@ -151,7 +152,7 @@ int CRSConnector::waitReadable(uint32_t timeout_ms) const {
             errno = EBADF;
             return -1;
         }
-        if (rc == 0 && m_abort && Clock::now() < deadline)
+        if (rc == 0 && abort && Clock::now() < deadline)
             continue;
         return rc;
     }

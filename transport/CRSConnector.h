@@ -8,6 +8,7 @@
 // -1 result with one Err line, not an exception. Transmit and receive traffic
 // flash LEDs A and B.
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -43,7 +44,8 @@ public:
     bool is_open() const override { return m_fd.get() > 0; }
     void SetLengthByteMode(int mode) override { m_lengthByteMode = mode; }
     PortParams& params() override { return m_params; }
-    void SetAbortFlag(const std::atomic<bool>* flag) override { m_abort = flag; }
+    // Drivers sharing the line set and clear this from their own threads.
+    void SetAbortFlag(const std::atomic<bool>* flag) override { m_abort.store(flag); }
 
     const std::string& devicePath() const { return m_path; }
 
@@ -56,7 +58,7 @@ private:
     CUniqueFd m_fd;
     uint32_t m_timeoutMs;
     int m_lengthByteMode = 0;
-    const std::atomic<bool>* m_abort = nullptr;
+    std::atomic<const std::atomic<bool>*> m_abort{nullptr};
     CLed m_ledTransmit;
     CLed m_ledReceive;
 };

@@ -111,8 +111,11 @@ void CmtdSPG741::setTiming(M4::Timing timing, ProtocolSleep sleep) {
 void CmtdSPG741::SaveConnector(CConnector* connector) {
     m_connector = connector;
     m_netAddr = static_cast<uint8_t>(std::atoi(m_config.get("address").c_str()) & 0xFF);
+    // The 1 s pauses between attempts end at a stop: a stop on a silent line
+    // would otherwise wait out three of them for every request still to go.
+    ProtocolSleep sleep = m_sleep ? m_sleep : [this](std::chrono::milliseconds d) { sleepFor(d); };
     m_proto = connector ? std::make_unique<CM4MemoryConnector>(*connector, m_netAddr, logId(), driverName(), m_timing,
-                                                               m_sleep)
+                                                               std::move(sleep))
                         : nullptr;
 }
 

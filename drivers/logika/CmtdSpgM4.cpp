@@ -148,7 +148,10 @@ void CmtdSpgM4::SaveConnector(CConnector* connector) {
     const int nt = std::atoi(m_config.get("address").c_str());
     M4::Timing timing;
     timing.afterSend = std::chrono::milliseconds(0);  // the reply is awaited by the read itself
-    m_proto = std::make_unique<M4::CM4>(*connector, static_cast<uint8_t>(nt & 0xFF), logId(), driverName(), timing);
+    // The pauses between attempts (1 s) and after a wake-up (10 s) end at a
+    // stop: a stop on a silent line would otherwise wait them all out.
+    m_proto = std::make_unique<M4::CM4>(*connector, static_cast<uint8_t>(nt & 0xFF), logId(), driverName(), timing,
+                                        [this](std::chrono::milliseconds d) { sleepFor(d); });
 }
 
 bool CmtdSpgM4::init() {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <map>
@@ -202,3 +204,25 @@ TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
 }
 
 }  // namespace
+
+// A stop while the meter is silent: every read is cut at once by the abort
+// flag, and the 1 s pauses between the attempts must end too, or a daemon
+// asked to stop on a dead line waits out three of them per request.
+TEST(SpgM4, StopOnASilentLineIsNotHeldByThePausesBetweenAttempts) {
+    Rig rig(0, "74212", 1);
+    ASSERT_TRUE(rig.driver.init());
+    std::atomic<bool> abort{true};
+    rig.conn->SetAbortFlag(&abort);
+    rig.driver.StopPolling();
+    const auto began = std::chrono::steady_clock::now();
+    std::vector<ArchiveRecord> out;
+    try {
+        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out);
+    } catch (const std::exception&) {
+        // how the cycle ends does not matter here, only how soon
+    }
+    rig.conn->SetAbortFlag(nullptr);
+    // Three pauses of a whole second without the fix; a loaded machine needs
+    // far less than that for a few aborted reads.
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1500));
+}

@@ -15,7 +15,7 @@ e2e_case "$@"
 read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     local id=$1 model=$2 manufacturer=$3 unit=$4 seed=$5
     local dev sim=("--now" "" "--archive-days" 1 "--seed" "$seed" "--model" "$model" "--pressure-unit" "$unit")
-    dev=$(ek_device_start 10)
+    dev=$(ek_device_start 30)
     sim[1]=$dev
     local p=1.234 pass_p=1.01325
     [ "$unit" = kPa ] && p=123.4 pass_p=101.325
@@ -29,9 +29,6 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     start_bg "$WORK/$id.log" "$MTD_MAIN" -e -v 7 -i "$id"
     local pid=$BG_PID
     check "$model: first cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session closed' 1 30
-    # Counted now: the checks below can take longer than the 5 s to the next cycle.
-    local first
-    first=$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)
     check "$model: model read" grep -q "receive('Read Meter Model'): Recv: .*1:181.0($model)" "$WORK/$id.log"
     check "$model: serial read" grep -q "receive('Read Serial Number'): Recv: .*1:180.0(5${seed}0${seed})" "$WORK/$id.log"
     check "$model: firmware read" grep -q "receive('Read Firmware'): Recv: .*2:190.0(2.52)" "$WORK/$id.log"
@@ -48,7 +45,7 @@ read_model() {  # ID MODEL MANUFACTURER PRESSURE_UNIT SEED
     check "$model: archives of the first cycle" ek_check_archives "$WORK/$id.log" "$id" "$model" "${sim[@]}"
     check "$model: second cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session closed' 2 20
     check "$model: second cycle stored a new hourly batch" \
-        test "$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)" -gt "$first"
+        stored_in_cycle "$WORK/$id.log" 'cycle_end\(\) - session closed' 1 Hourly_JSONRPC
     check "$model: archives after the second cycle" ek_check_archives "$WORK/$id.log" "$id" "$model" "${sim[@]}"
     check "$model: no error from the driver" sh -c "! grep -E 'BAD CRC|BAD RECORD|DOESN.T MATCH|SKIP IT|Err: ' '$WORK/$id.log'"
     kill -INT "$pid"

@@ -37,7 +37,7 @@ for ((round = 1; round <= ROUNDS; round++)); do
     if grep -q 'get_arch_values(' "$WORK/round.log" && ! grep -q 'cycle_end() - session closed' "$WORK/round.log"; then
         in_archive=$((in_archive + 1))
     fi
-    cat "$WORK/round.log" >>"$WORK/all_rounds.log"
+    { cat "$WORK/round.log"; echo "=== killed"; } >>"$WORK/all_rounds.log"
 done
 echo "fault_kill: $ROUNDS rounds, $in_archive killed in the archive work"
 check "most kills landed in the archive work" test "$in_archive" -ge $((ROUNDS / 2))

@@ -216,6 +216,17 @@ series_whole() {
         END { if (n < min) { print n " records, want " min; bad = 1 } exit bad }'
 }
 
+# stored_in_cycle LOG END_REGEX N KIND : true when the daemon's log shows a
+# batch of KIND ("Hourly_JSONRPC", ...) stored in the cycle after the N-th line
+# matching END_REGEX (a cycle's last line), up to the next one. Told by the
+# log, not by counting files, which races a cycle already under way.
+stored_in_cycle() {
+    END_REGEX=$2 awk -v n="$3" -v kind="$4" '
+        $0 ~ ENVIRON["END_REGEX"] { if (++seen > n) exit }
+        seen == n && $0 ~ "StoreRecords [0-9]+ records stored in \\[" kind "-" { found = 1 }
+        END { exit !found }' "$1"
+}
+
 # wait_until SECS CMD ARGS... : true once CMD succeeds, polled every 0.2 s.
 wait_until() {
     local secs=$1
@@ -244,24 +255,60 @@ JSON
 # ek_device_start [HOURS]: a device clock for the simulator, half past an hour,
 # HOURS (10) hours behind the wall clock, so the daemon (which schedules by the
 # wall clock) finds every interval closed and the meter's clock does not
-# overtake it during a case, even at --clock-scale 720.
+# overtake it during a case. At --clock-scale 720 the meter gains 12 hours a
+# minute: such a case starts 30 hours behind, which lasts 150 s however slow a
+# loaded machine runs it. A meter ahead of the wall clock is read only up to
+# the wall clock's hour, and its next cycles find nothing new.
 ek_device_start() {
     local now
     now=$(date +%s)
     echo $((now - now % 3600 - ${1:-10} * 3600 + 1800))
 }
 
+# Python for the archive checks: whole_reads_asked(LOG) gives, per archive, the
+# device time up to which the newest read that ended whole asked the meter:
+# its "end_dt = curr_dt" time cut to the whole hour. A read ends whole when
+# the next archive read or the end of the cycle follows; a broken transfer, a
+# refused request, a cycle cut by an error, a stop signal or a kill ("=== killed"
+# in LOG) leave it out.
+EK_READ_ENDS_PY='
+import re
+def whole_reads_asked(log):
+    asked, kind, end = {}, None, None
+    for line in open(log, errors="replace"):
+        m = re.search(r"get_arch_values\((\w+)\) ---", line)
+        ends_whole = m or "cycle_end()" in line
+        if kind and end is not None and ends_whole:
+            asked[kind] = max(asked.get(kind, 0), end - end % 3600)
+        if m:
+            kind, end = m.group(1), None
+            continue
+        if ends_whole or re.search(r"TRANSFER BROKEN|TRANSFER STOPPED|CAN.T SEND|CAN.T READ|DOESN.T MATCH|"
+                                   r"disconnecting|System signal number|stop requested|^=== killed", line):
+            kind, end = None, None
+            continue
+        m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
+        if m and kind:
+            end = int(m.group(1))
+    return asked
+'
+
 # ek_check_archives LOG ID MODEL SIMARGS... : the archives stored for meter ID
-# under /mnt/storage are exactly the simulator's records up to the device time
-# each last read ended at (the daemon's "end_dt = curr_dt" line): every
-# timestamp once, in order, with the meter's field values under the driver's
-# field names. SIMARGS are the simulator's archive settings (--now,
-# --archive-days, --seed, --model, ...), passed to mtd_metersim --dump-archive.
+# under /mnt/storage are exactly the simulator's records, every timestamp
+# once, in order, with the meter's field values under the driver's field
+# names, up to the newest stored record and at least up to what the last whole
+# read asked for. The archive request names whole hours, so a read that ended
+# at device time 10:37 (the daemon's "end_dt = curr_dt" line) asked up to
+# 10:00: entries of the partial hour come with the next read. Only reads that
+# ended whole count (not broken, not killed: "=== killed" in LOG marks a kill),
+# and a cycle still running while this checks may have stored more.
+# SIMARGS are the simulator's archive settings (--now, --archive-days, --seed,
+# --model, ...), passed to mtd_metersim --dump-archive.
 ek_check_archives() {
     local log=$1 id=$2 model=$3
     shift 3
-    python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@" <<'PY'
-import glob, json, re, subprocess, sys
+    { echo "$EK_READ_ENDS_PY"; cat <<'PY'; } | python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@"
+import glob, json, subprocess, sys
 log, root, model, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5:]
 tc = model.startswith("TC")
 ek_interval = ["Npp", "ArchIdx", "DateTime", "Vstd", "Vstd.sum", "Vw.sum", "Kcomp", "Kcorr", "status 2",
@@ -272,14 +319,7 @@ events = ["Npp", "ArchIdx", "DateTime", "Event", "check sum", "event", "state", 
 kinds = {"Hourly_JSONRPC": (3, tc_interval if tc else ek_interval), "Journal_Event_JSONRPC": (4, events)}
 if not tc:
     kinds["Daily_JSONRPC"] = (7, ek_interval)
-end, kind = {}, None
-for line in open(log, errors="replace"):
-    m = re.search(r"get_arch_values\((\w+)\) ---", line)
-    if m:
-        kind = m.group(1)
-    m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
-    if m and kind:
-        end[kind] = int(m.group(1))
+asked = whole_reads_asked(log)
 stored = {}
 for path in glob.glob(root + "/**/*.jsonl", recursive=True):
     for line in open(path):
@@ -287,21 +327,22 @@ for path in glob.glob(root + "/**/*.jsonl", recursive=True):
         stored.setdefault(rec["archive"], []).append(rec)
 bad = 0
 for name, (number, fields) in kinds.items():
-    if name not in end:
-        print("  %s: never read" % name)
+    if name not in asked:
+        print("  %s: never read whole" % name)
         bad += 1
         continue
-    out = subprocess.run([sim] + simargs + ["--dump-archive", str(number), "--dump-until", str(end[name])],
-                         capture_output=True, text=True, check=True).stdout.split("\n")
-    want = [(int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l]
     got = sorted(stored.get(name, []), key=lambda r: r["timestamp"])
     have = [r["timestamp"] for r in got]
+    upto = max(have[-1] if have else 0, asked[name])
+    out = subprocess.run([sim] + simargs + ["--dump-archive", str(number), "--dump-until", str(upto)],
+                         capture_output=True, text=True, check=True).stdout.split("\n")
+    want = [(int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l]
     if have != [t for t, _ in want]:
         missing = sorted(set(t for t, _ in want) - set(have))
         extra = sorted(set(have) - set(t for t, _ in want))
         dups = sorted(set(t for t in have if have.count(t) > 1))
-        print("  %s: %d stored, %d expected; missing %s extra %s repeated %s"
-              % (name, len(have), len(want), missing[:5], extra[:5], dups[:5]))
+        print("  %s: %d stored, %d expected up to %d; missing %s extra %s repeated %s"
+              % (name, len(have), len(want), upto, missing[:5], extra[:5], dups[:5]))
         bad += 1
         continue
     for rec, (t, text) in zip(got, want):
@@ -312,7 +353,7 @@ for name, (number, fields) in kinds.items():
             print("  %s: record %d differs: %s\n    meter: %s" % (name, t, json.dumps(rec["fields"]), text))
             bad += 1
             break
-    print("  %s: %d records up to %d" % (name, len(have), end[name]))
+    print("  %s: %d records up to %d (a whole read asked up to %d)" % (name, len(have), upto, asked[name]))
 sys.exit(1 if bad else 0)
 PY
 }
@@ -460,31 +501,13 @@ PY
 ek_check_soak() {
     local log=$1 id=$2 model=$3
     shift 3
-    python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@" <<'PY'
-import glob, json, re, subprocess, sys
+    { echo "$EK_READ_ENDS_PY"; cat <<'PY'; } | python3 - "$log" "/mnt/storage/$id" "$model" "$METERSIM" "$@"
+import glob, json, subprocess, sys
 log, root, model, sim, simargs = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5:]
 kinds = {"Hourly_JSONRPC": 3, "Daily_JSONRPC": 7, "Journal_Event_JSONRPC": 4}
 if model.startswith("TC"):
     del kinds["Daily_JSONRPC"]
-good_end, kind, end = {}, None, None
-def close():
-    if kind and end is not None:
-        good_end[kind] = max(good_end.get(kind, 0), end)
-for line in open(log, errors="replace"):
-    m = re.search(r"get_arch_values\((\w+)\) ---", line)
-    if m:
-        close()
-        kind, end = m.group(1), None
-        continue
-    m = re.search(r"end_dt = curr_dt because end_dt > curr_dt = (\d+)", line)
-    if m and kind:
-        end = int(m.group(1))
-    if kind and re.search(r"ARCHIVE TRANSFER BROKEN|CAN'T SEND REQUEST|cycle_end\(\)|disconnecting|^=== killed", line):
-        if not re.search(r"cycle_end\(\)|disconnecting", line):
-            end = None
-        close()
-        kind, end = None, None
-close()
+asked = whole_reads_asked(log)
 stored = {}
 for path in glob.glob(root + "/**/*.jsonl", recursive=True):
     for line in open(path):
@@ -493,12 +516,12 @@ for path in glob.glob(root + "/**/*.jsonl", recursive=True):
 bad = 0
 for name, number in kinds.items():
     got = stored.get(name, [])
-    if not got or name not in good_end:
+    if not got or name not in asked:
         print("  %s: nothing stored or never read whole" % name)
         bad += 1
         continue
     newest = max(r["timestamp"] for r in got)
-    upto = max(newest, good_end[name])
+    upto = max(newest, asked[name])
     out = subprocess.run([sim] + simargs + ["--dump-archive", str(number), "--dump-until", str(upto)],
                          capture_output=True, text=True, check=True).stdout.split("\n")
     meter = sorted((int(l.split(" ", 1)[0]), l.split(" ", 1)[1]) for l in out if l)
@@ -511,8 +534,7 @@ for name, number in kinds.items():
         print("  %s: %d stored, %d held by the meter; missing %s; not the meter's %s; twice %s"
               % (name, len(have), len(want), sorted(ws - hs)[:3], sorted(hs - ws)[:3], dups[:3]))
         bad += 1
-    # The EK archive request names whole hours: a read that ended at 10:37 asked up to 10:00.
-    caught = [m[0] for m in meter if m[0] <= good_end[name] - good_end[name] % 3600]
+    caught = [m[0] for m in meter if m[0] <= asked[name]]
     if caught and newest < caught[-1]:
         print("  %s: newest stored %d, the meter had %d when a read last ended whole" % (name, newest, caught[-1]))
         bad += 1

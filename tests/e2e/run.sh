@@ -46,14 +46,16 @@ write_config "$WORK/two.json" "no-such-model" 11 12
 start_hostsim "$WORK/two.json" "$WORK/rec" || exit 1
 start_bg "$WORK/two.log" "$MTD_MAIN" -e -v 7 -i 11 -i 12
 pid=$BG_PID
-# The second meter gets its turn at the main loop's next 5 s step.
-check "two -i: both meters published" wait_count "$WORK/rec" put_all_current_values 2 8
+# The second meter gets its turn at the main loop's next 5 s step. The bounds
+# on waits here are generous: a loaded machine or a sanitizer build starts the
+# daemon slowly, and a passing case never waits them out.
+check "two -i: both meters published" wait_count "$WORK/rec" put_all_current_values 2 20
 check "two -i: configurations in order" test "$(grep -o '"heat_meter":"[0-9]*"' "$WORK/rec" | tr '\n' ' ')" = '"heat_meter":"11" "heat_meter":"12" '
 check "two -i: empty list published" grep -q '"method":"put_all_current_values","params":\[\]' "$WORK/rec"
 check "empty driver warning" grep -q 'CmtdEmptyDriver IS STARTED !!!' "$WORK/two.log"
 check "one connector for both" test "$(count_in "$WORK/two.log" 'The CConnector is created')" = 1
 kill -INT "$pid"
-check "SIGINT once: exits" wait_exit "$pid" 5
+check "SIGINT once: exits" wait_exit "$pid" 15
 check "SIGINT once: status 0" test "$EXIT_STATUS" = 0
 check "SIGINT once: logged" grep -q 'System signal number 2 (Interrupt) is received' "$WORK/two.log"
 check "SIGINT once: drivers stopped" grep -q 'main: stopped.' "$WORK/two.log"
@@ -62,18 +64,18 @@ check "SIGINT once: drivers stopped" grep -q 'main: stopped.' "$WORK/two.log"
 start_bg "$WORK/term.out" "$MTD_MAIN" -v 7 -l "$WORK/small.log" -s 300 -i 11
 pid=$BG_PID
 published=$(count_in "$WORK/rec" put_all_current_values)
-check "-l -s: cycle ran" wait_count "$WORK/rec" put_all_current_values $((published + 1)) 5
+check "-l -s: cycle ran" wait_count "$WORK/rec" put_all_current_values $((published + 1)) 15
 # Erased whenever it passes 300 bytes: the start-up lines are long gone.
 check "-l -s: file was erased" sh -c "! grep -q 'assembly starts' '$WORK/small.log'"
 check "-l -s: file stays small" sh -c "[ ! -e '$WORK/small.log' ] || [ \$(stat -c %s '$WORK/small.log') -lt 600 ]"
 kill -TERM "$pid"
-check "SIGTERM once: exits" wait_exit "$pid" 5
+check "SIGTERM once: exits" wait_exit "$pid" 15
 check "SIGTERM once: status 0" test "$EXIT_STATUS" = 0
 
 # ---- daemon mode ----
 "$MTD_MAIN" -d -v 7 -l "$WORK/daemon.log" -i 11 >"$WORK/out" 2>&1
 check "-d: parent exits 0" test $? = 0
-check "-d: child logs" wait_for "$WORK/daemon.log" 'create_and_init\(\) - Start\(\)' 5
+check "-d: child logs" wait_for "$WORK/daemon.log" 'create_and_init\(\) - Start\(\)' 15
 dpid=$(pgrep -f -- "-l $WORK/daemon.log" | head -n 1)
 check "-d: child runs" test -n "$dpid"
 if [ -n "$dpid" ]; then
@@ -81,7 +83,7 @@ if [ -n "$dpid" ]; then
     check "-d: own session" test "$(ps -o sid= -p "$dpid" | tr -d ' ')" = "$dpid"
     check "-d: stdin on /dev/null" test "$(readlink /proc/"$dpid"/fd/0)" = /dev/null
     kill -TERM "$dpid"
-    deadline=$((SECONDS + 5))
+    deadline=$((SECONDS + 15))
     while kill -0 "$dpid" 2>/dev/null && ((SECONDS < deadline)); do sleep 0.05; done
     check "-d: stops on SIGTERM" sh -c "! kill -0 $dpid 2>/dev/null"
 fi

@@ -72,7 +72,7 @@ read_case() {
     local legend=$1 id=$2 given=$3
     shift 3
     local dev
-    dev=$(ek_device_start 10)
+    dev=$(ek_device_start 30)
     local sim=("--model" spg741 "--now" "$dev" "--archive-days" 1 "--seed" "$id" "--serial" 741005 "--rate-hour" 10)
     start_bg "$WORK/$id.sim" "$M4SIM" "${sim[@]}" --link "$WORK/$id.tty" --clock-scale 720 "$@"
     local simpid=$BG_PID
@@ -91,12 +91,11 @@ read_case() {
         check "$legend: system values" grep -q 'CmtdSPG741::init() - identifier 0x4729' "$WORK/$id.log"
         check "$legend: current values published" spg741_check_current "$WORK/$id.rec"
         check "$legend: archives of the first cycles" spg741_check_archives "$WORK/$id.log" "$id" "${sim[@]}"
-        local first n
-        first=$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)
+        local n
         n=$(count_in "$WORK/$id.log" 'cycle_end\(\) - session left')
         check "$legend: next cycle ends" wait_count "$WORK/$id.log" 'cycle_end\(\) - session left' $((n + 1)) 30
         check "$legend: a new hourly batch" \
-            test "$(find /mnt/storage/"$id" -name 'Hourly_JSONRPC-*' | wc -l)" -gt "$first"
+            stored_in_cycle "$WORK/$id.log" 'cycle_end\(\) - session left' "$n" Hourly_JSONRPC
         check "$legend: archives after more cycles" spg741_check_archives "$WORK/$id.log" "$id" "${sim[@]}"
         check "$legend: series whole" series_whole "$id" Hourly_JSONRPC 3600 20
     fi

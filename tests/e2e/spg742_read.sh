@@ -24,9 +24,9 @@ declare -A extra=(
 )
 declare -A pid
 
-# The device clock 10 hours behind the wall clock, running 720 s a second, so
+# The device clock 30 hours behind the wall clock, running 720 s a second, so
 # an hour of records builds up between two 5 s cycles.
-dev=$(ek_device_start 10)
+dev=$(ek_device_start 30)
 sim_args() {  # CASE: the simulator's settings that decide its records
     echo "--now $dev --archive-days 2 --rate-hour 9 --tz-hours 3 --seed ${ids[$1]} --address 7 --serial 5${ids[$1]}"
 }
