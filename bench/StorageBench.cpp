@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "storage/ArchiveRecord.h"
-#include "shell/logger.h"
+#include "core/ArchiveRecord.h"
+#include "core/logger.h"
 #include "storage/GasFileConnector.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "drivers/logika/CmtdSpgM4.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 
 // Adding a device family:
 //   1. its class in drivers/<family>/, derived from gas::CMtdGasBaseDriver;

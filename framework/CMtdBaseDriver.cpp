@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "hostlink/CJSONRPCConnector.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "storage/CControlFiles.h"
 #include "storage/GasFileConnector.h"
 #include "transport/CConnector.h"

@@ -36,11 +36,11 @@
 
 #include "framework/CMtdClock.h"
 #include "framework/CMtdStatus.h"
-#include "framework/myThreadAttached.h"
-#include "hostlink/CDeviceConfig.h"
-#include "hostlink/CValueRecord.h"
-#include "shell/Defaults.h"
-#include "storage/ArchiveRecord.h"
+#include "core/myThreadAttached.h"
+#include "core/CDeviceConfig.h"
+#include "core/CValueRecord.h"
+#include "core/Defaults.h"
+#include "core/ArchiveRecord.h"
 
 class CConnector;
 class CJSONRPCConnector;

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "framework/DataCodes.h"
+#include "core/DataCodes.h"
 #include "hostlink/CJSONRPCConnector.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "storage/CControlFiles.h"
 #include "storage/GasFileConnector.h"
 

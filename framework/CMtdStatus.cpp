@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "shell/CUniqueFd.h"
-#include "shell/logger.h"
-#include "storage/ArchiveRecord.h"
+#include "core/CUniqueFd.h"
+#include "core/logger.h"
+#include "core/ArchiveRecord.h"
 #include "storage/CControlFiles.h"
 
 #ifndef MTD_VERSION

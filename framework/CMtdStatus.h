@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "transport/CLinkStats.h"
-#include "hostlink/CValueRecord.h"
+#include "core/CValueRecord.h"
 
 class CMtdStatus {
 public:

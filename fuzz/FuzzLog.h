@@ -2,7 +2,7 @@
 // A Debug-level logger for the fuzz targets: every log line of the code under
 // test is formatted (a bad format argument is a finding too) and then dropped.
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 inline void fuzzLogAll() {
     static logger* log = [] {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/main/CCommandLine.h"
+#include "app/CCommandLine.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> words{"mtd_main"};

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
-#include "framework/DataCodes.h"
+#include "core/DataCodes.h"
 #include "fuzz/CReplayTransport.h"
 #include "fuzz/FuzzLog.h"
-#include "storage/ArchiveRecord.h"
+#include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fuzz/FuzzLog.h"
-#include "hostlink/CDeviceConfig.h"
+#include "core/CDeviceConfig.h"
 #include "hostlink/CJSONRPCConnector.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "fuzz/CReplayTransport.h"
 #include "fuzz/FuzzLog.h"
 #include "fuzz/M4Walk.h"

@@ -13,7 +13,7 @@
 #include "drivers/logika/CmtdSPG741.h"
 #include "fuzz/CReplayTransport.h"
 #include "fuzz/FuzzLog.h"
-#include "storage/ArchiveRecord.h"
+#include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

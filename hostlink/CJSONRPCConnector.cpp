@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "hostlink/HttpClient.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "hostlink/CDeviceConfig.h"
-#include "hostlink/CValueRecord.h"
-#include "shell/Defaults.h"
+#include "core/CDeviceConfig.h"
+#include "core/CValueRecord.h"
+#include "core/Defaults.h"
 
 namespace Json {
 class Value;

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "transport/CLinkStats.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 namespace {

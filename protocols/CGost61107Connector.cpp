@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 CGost61107Connector::CGost61107Connector(long long id, std::string name)
     : m_id(id), m_name(std::move(name)) {}

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "transport/CLinkStats.h"
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "protocols/Crc16.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 namespace M4 {

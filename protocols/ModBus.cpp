@@ -5,7 +5,7 @@
 
 #include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include <exception>
 #include <memory>
 
-#include "shell/logger.h"
-#include "shell/CUniqueFd.h"
+#include "core/logger.h"
+#include "core/CUniqueFd.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "shell/Defaults.h"
+#include "core/Defaults.h"
 
 enum LockKind : int { LOCK_DRIVER = 0, LOCK_REPORTER = 1 };
 

@@ -13,8 +13,8 @@
 #include <cstring>
 #include <thread>
 
-#include "shell/logger.h"
-#include "shell/CUniqueFd.h"
+#include "core/logger.h"
+#include "core/CUniqueFd.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "shell/Defaults.h"
-#include "storage/ArchiveRecord.h"
+#include "core/Defaults.h"
+#include "core/ArchiveRecord.h"
 #include "storage/CControlFiles.h"
 
 class GasFileConnector {

@@ -1,6 +1,6 @@
 #include "transport/CConnector.h"
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CModbusConnectorItself.h"
 #include "transport/CRSConnector.h"
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "shell/Defaults.h"
+#include "core/Defaults.h"
 #include "transport/CTransport.h"
 
 class CModbusConnectorItself;

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <utility>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <cstdint>
 #include <string>
 
-#include "framework/myThreadAttached.h"
-#include "shell/CUniqueFd.h"
+#include "core/myThreadAttached.h"
+#include "core/CUniqueFd.h"
 
 class CLed : public myThreadAttached {
 public:

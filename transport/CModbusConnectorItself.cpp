@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/PortParamReader.h"
 
 static_assert(CModbusConnectorItself::kMaxAdu == MODBUS_RTU_MAX_ADU_LENGTH, "RawRequest buffer size");

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <map>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/PortParamReader.h"
 
 namespace {

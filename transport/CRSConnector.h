@@ -14,7 +14,7 @@
 
 #include "transport/CLed.h"
 #include "transport/CTransport.h"
-#include "shell/CUniqueFd.h"
+#include "core/CUniqueFd.h"
 
 struct termios;
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <string>
 
-#include "shell/Defaults.h"
+#include "core/Defaults.h"
 
 // Port parameters from the host service: "protocol", "name", "speed", "data",
 // "parity", "stop", "timeout", ... (text key to text value).

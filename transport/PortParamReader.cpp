@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 namespace portparam {
 

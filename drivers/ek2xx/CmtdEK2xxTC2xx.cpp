@@ -6,10 +6,10 @@
 #include <cstring>
 #include <map>
 
-#include "framework/DataCodes.h"
-#include "framework/Exceptions.h"
+#include "core/DataCodes.h"
+#include "core/Exceptions.h"
 #include "protocols/Crc16Arc.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 struct CmtdEK2xxTC2xx::SRequest {

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <map>
 
-#include "framework/DataCodes.h"
-#include "framework/Exceptions.h"
-#include "shell/logger.h"
+#include "core/DataCodes.h"
+#include "core/Exceptions.h"
+#include "core/logger.h"
 
 namespace logika {
 

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <map>
 
-#include "framework/DataCodes.h"
-#include "framework/Exceptions.h"
-#include "shell/logger.h"
+#include "core/DataCodes.h"
+#include "core/Exceptions.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 // One archive ring in flash and where RAM keeps its newest slot.

@@ -56,7 +56,7 @@
 #include <string>
 #include <vector>
 
-#include "drivers/logika/CM4MemoryConnector.h"
+#include "protocols/CM4MemoryConnector.h"
 #include "drivers/logika/CLogikaBaseDriver.h"
 
 class CmtdSPG741 : public logika::CLogikaBaseDriver {

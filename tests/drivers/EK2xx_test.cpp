@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "storage/GasFileConnector.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "tools/metersim/CMeterSim.h"
 #include "transport/CConnector.h"
 

@@ -9,7 +9,7 @@
 #include <functional>
 #include <map>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "protocols/LogikaTestKit.h"
 
 using logika_test::Bytes;

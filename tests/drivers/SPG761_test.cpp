@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "protocols/Crc16.h"
 #include "protocols/LogikaTestKit.h"
 #include "tools/spbussim/CSpbusSim.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "tools/m4sim/CM4Sim.h"
 #include "transport/CConnector.h"
 

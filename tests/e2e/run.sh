@@ -90,7 +90,7 @@ fi
 stop_pid "$HOSTSIM_PID"
 
 # A second signal during the orderly stop (status 1 at once) is tested without
-# a race in tests/main (CMtdMainLoop_test): the stop is held there until the
+# a race in tests/app (CMtdMainLoop_test): the stop is held there until the
 # second signal has been sent.
 
 echo "e2e: $FAILURES failure(s)"

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "storage/GasFileConnector.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 namespace {
 

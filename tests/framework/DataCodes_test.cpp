@@ -1,4 +1,4 @@
-#include "framework/DataCodes.h"
+#include "core/DataCodes.h"
 
 #include <gtest/gtest.h>
 

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "framework/CMtdBaseDriver.h"
-#include "framework/Exceptions.h"
-#include "shell/logger.h"
+#include "core/Exceptions.h"
+#include "core/logger.h"
 #include "storage/GasFileConnector.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 class LogWatch {
 public:

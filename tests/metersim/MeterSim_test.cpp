@@ -13,7 +13,7 @@
 
 #include "protocols/CGost61107.h"
 #include "protocols/Crc16Arc.h"
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 
 namespace logika_test {

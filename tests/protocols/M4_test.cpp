@@ -7,7 +7,7 @@
 #include <ctime>
 
 #include "LogikaTestKit.h"
-#include "framework/Exceptions.h"
+#include "core/Exceptions.h"
 #include "protocols/Crc16.h"
 
 using logika_test::Bytes;

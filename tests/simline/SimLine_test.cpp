@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "shell/CUniqueFd.h"
+#include "core/CUniqueFd.h"
 #include "tools/simline/CLineFaults.h"
 #include "tools/simline/CSimLine.h"
 

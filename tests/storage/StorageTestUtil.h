@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 namespace storage_test {
 

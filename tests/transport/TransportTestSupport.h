@@ -20,9 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CTransport.h"
-#include "shell/CUniqueFd.h"
+#include "core/CUniqueFd.h"
 
 namespace mtdtest {
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/CUniqueFd.h"
+#include "core/CUniqueFd.h"
 
 class CSimLine {
 public:

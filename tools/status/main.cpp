@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/Defaults.h"
+#include "core/Defaults.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "shell/main/CCommandLine.h"
+#include "app/CCommandLine.h"
 
 #include <getopt.h>
 

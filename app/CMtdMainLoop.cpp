@@ -1,6 +1,6 @@
-#include "shell/main/CMtdMainLoop.h"
+#include "app/CMtdMainLoop.h"
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 CMtdMainLoop::CMtdMainLoop(Drivers& drivers, CStopSource& stop, std::chrono::milliseconds step)
     : m_drivers(drivers), m_stop(stop), m_step(step) {}

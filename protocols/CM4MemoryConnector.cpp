@@ -1,10 +1,10 @@
-#include "drivers/logika/CM4MemoryConnector.h"
+#include "protocols/CM4MemoryConnector.h"
 
 #include <cstdio>
 #include <thread>
 #include <utility>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 #include "transport/CConnector.h"
 #include "transport/CLinkStats.h"
 

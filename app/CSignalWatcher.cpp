@@ -1,4 +1,4 @@
-#include "shell/main/CSignalWatcher.h"
+#include "app/CSignalWatcher.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "shell/logger.h"
+#include "core/logger.h"
 
 CSignalWatcher::Fd::~Fd() {
     if (m_fd >= 0)

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "framework/CMtdBaseDriver.h"
-#include "shell/main/CStopSource.h"
+#include "app/CStopSource.h"
 
 class CMtdMainLoop {
 public:

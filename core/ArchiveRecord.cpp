@@ -1,4 +1,4 @@
-#include "storage/ArchiveRecord.h"
+#include "core/ArchiveRecord.h"
 
 const char* archTypeName(int type) {
     switch (type) {

@@ -1,4 +1,4 @@
-#include "framework/myThreadAttached.h"
+#include "core/myThreadAttached.h"
 
 myThreadAttached::~myThreadAttached() { Stop(); }
 

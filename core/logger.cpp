@@ -1,4 +1,4 @@
-#include "shell/logger.h"
+#include "core/logger.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 // The main loop's turn-taking, driven step by step: a scripted stop source
 // stands for the 5 s sleeps, so nothing here waits for real time.
-#include "shell/main/CMtdMainLoop.h"
+#include "app/CMtdMainLoop.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "shell/logger.h"
-#include "shell/main/CSignalWatcher.h"
+#include "core/logger.h"
+#include "app/CSignalWatcher.h"
 
 namespace {
 

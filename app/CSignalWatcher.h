@@ -15,7 +15,7 @@
 #include <mutex>
 #include <thread>
 
-#include "shell/main/CStopSource.h"
+#include "app/CStopSource.h"
 
 class CSignalWatcher : public CStopSource {
 public:

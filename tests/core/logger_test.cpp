@@ -1,4 +1,4 @@
-#include "shell/logger.h"
+#include "core/logger.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

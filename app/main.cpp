@@ -21,11 +21,11 @@
 
 #include "framework/CMtdBaseDriver.h"
 #include "hostlink/CJSONRPCConnector.h"
-#include "shell/Defaults.h"
-#include "shell/logger.h"
-#include "shell/main/CCommandLine.h"
-#include "shell/main/CMtdMainLoop.h"
-#include "shell/main/CSignalWatcher.h"
+#include "core/Defaults.h"
+#include "core/logger.h"
+#include "app/CCommandLine.h"
+#include "app/CMtdMainLoop.h"
+#include "app/CSignalWatcher.h"
 #include "transport/CConnector.h"
 
 namespace {
