@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The daemon's command line: options "rhv:del:i:s:" with their long names.
 

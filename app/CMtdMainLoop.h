@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Turn-taking of the process's drivers on the one shared line. The main thread
 // gives the turn to one driver at a time, in list order, and then looks every

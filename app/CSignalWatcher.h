@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The two-step stop of the daemon. SIGINT, SIGQUIT and SIGTERM are blocked in
 // every thread and taken from a signalfd by one watcher thread, so what a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Where the main loop learns that the process is to stop, and how it sleeps
 // between its steps: the signal watcher in the daemon, a scripted one in tests.

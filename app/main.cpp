@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_main: serves the meters whose identifiers are given with -i. Fetches each
 // meter's configuration from the host service, builds its driver and hands out
 // polling turns on the one shared serial line until it is told to stop.

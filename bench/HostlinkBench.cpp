@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Building the one request that publishes a cycle's current values. It runs
 // once per cycle and meter; the EK270 publishes about twenty values.
 

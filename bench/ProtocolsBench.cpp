@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Meter-line hot paths: the check sums, the IEC 61107 reply split and the
 // M4 element decoder. Each runs once per byte or per value of a meter reply,
 // so their cost is what the polling thread spends besides waiting on the line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Storing one batch of 360 hourly records (15 days, what a first run hands the
 // store at once). Each batch is written to a temporary file, fsync'ed, renamed
 // and the folder fsync'ed, so on a real disk the figure is the disk's flush

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory floor of the daemon's libraries: a program that links libcurl,
 // jsoncpp and libmodbus and initialises each of them the way the daemon does
 // (curl_global_init and one easy handle, one JSON document parsed and written,

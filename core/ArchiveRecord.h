@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One archive record as a driver reads it from the meter, and the archive kinds.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A device's configuration as fetched from the host service ("get_config" or
 // "get_config2"): the text map of "port_params" plus the typed copies that the

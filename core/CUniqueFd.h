@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Move-only owner of one file descriptor: closes it when replaced or destroyed.
 // Shared by every layer that opens descriptors (ports, LEDs, archive files).

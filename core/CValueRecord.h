@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One value as a driver hands it to the host service: name, value already
 // formatted as text, dimension (a unit name of DataCodes), OPC quality code,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The small shared vocabulary with which driver tables describe a meter
 // parameter: how the raw value is encoded (DataType) and what it measures

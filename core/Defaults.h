@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The daemon's fixed places in one spot. Components take these as constructor
 // arguments (defaulting to the values here) so that tests can point them elsewhere.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Exceptions that leave a device driver and end a polling cycle.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The one process-wide log sink. Messages go to standard error, to a file that
 // is opened, appended, synced and closed for every line (so the reporter or an

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Thread wrapper the polling drivers and the LEDs derive from. Start() runs
 // functionThread() on a new thread; Stop() asks it to end, wakes it and joins.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "drivers/DriverFactory.h"
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The model table: the one place where the configured model string
 // ("manufacturer") meets a driver class. CMtdBaseDriver::create_and_init is

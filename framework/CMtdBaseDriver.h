@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Base of every device driver. The polling thread (functionThread) is the same
 // for all drivers: wait for the turn, open the port, init, system values,

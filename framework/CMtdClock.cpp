@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "framework/CMtdClock.h"
 
 time_t CMtdClock::now() const { return std::time(nullptr); }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The wall clock of the polling thread. The archive schedule and the data_rate
 // wait are defined on wall-clock seconds (device archives are stamped in wall

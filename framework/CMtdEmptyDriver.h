@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The driver of a model the factory does not know: the polling cycle runs (the
 // port is opened, an empty list of current values is published every data_rate

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Base of the gas drivers: passport values requested through the passport
 // file, the contract hour, and the controller's RS-232 relay outputs.

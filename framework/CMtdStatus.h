@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Health of one meter as the operator and mtd_status see it: the file
 // "<dir>mtd_status_<id>.json", rewritten by the meter's polling thread when a

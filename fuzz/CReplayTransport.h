@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A transport that plays a recorded byte stream as the meter's side of the
 // line: every read takes the next bytes of the recording, writes are swallowed,

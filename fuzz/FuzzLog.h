@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A Debug-level logger for the fuzz targets: every log line of the code under
 // test is formatted (a bad format argument is a finding too) and then dropped.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Walks an M4 reply body element by element, into containers (tag 0x30) up to
 // eight levels deep, as a driver would. An element that GetParamValue accepts

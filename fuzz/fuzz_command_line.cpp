@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line: the input split at NUL bytes into argv[1..], parsed as at
 // start-up. Run with -close_fd_mask=3, the usage text would flood the output.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EK2xx/TC2xx driver against a meter that answers with the fuzz input:
 // the session, system values, current values and the three archives, so the
 // reply parsers (identification, lock state, "value*unit", date-times, header

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host service's answers to "get_config" and "get_config2", parsed the way
 // start-up parses them. The first byte picks the method; the rest is the text.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IEC 61107 reply path as a driver drives it: makePacket() sets what the
 // reply must look like, receive() reads it (a read takes what the line has
 // queued, so the bytes after one reply start the next), parse() splits the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks an M4 reply body the way a driver does: element after element, and
 // into containers, feeding each to CM4::GetParamValue. Any byte string must
 // give a defined result without reading past the end.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // M4::SendRequest's reply checks (header, announced length, net address,
 // packet identifier, function, CRC, error replies) against whatever the line
 // delivers, then the body of an accepted reply walked with GetParamValue as a

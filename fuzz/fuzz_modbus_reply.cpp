@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ModBus::SendRequest's reply checks (slave, function, exception replies,
 // byte count, echo of a write, CRC) against whatever the line delivers, and
 // the register accessors of an accepted reply. The first byte picks the request.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The passport file that other processes drop into the control folder: any
 // content is read by CControlFiles::readPassport, which applies all of it or
 // nothing. The file lives in a private temporary folder.

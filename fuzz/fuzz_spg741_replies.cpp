@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG741 driver against a meter that answers with the fuzz input: session
 // start, system block, clock, current values and the three archive rings, so
 // the memory-read frames, the Microchip floats, the ring indexes and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SpNet::SendRequest's reply checks (DLE framing, reply function, DLE ETX,
 // CRC) against whatever the line delivers. The first byte picks the request.
 

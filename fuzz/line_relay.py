@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sits between the daemon and a meter simulator when seeds are recorded:
 # makes a new pseudo-terminal, links LINK to its slave, passes every byte both
 # ways and writes what the meter sent to OUT.

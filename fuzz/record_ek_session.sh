@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # fuzz/record_ek_session.sh BUILD_DIR : records what mtd_metersim answers to a
 # real mtd_main session (sign-on, system and current values, the archives) and
 # writes seed inputs from it: fuzz/corpus/ek_replies/<model> (first byte picks

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # fuzz/record_m4_session.sh BUILD_DIR : records what mtd_m4sim (SPG742) answers
 # to a real mtd_main session and writes seed inputs from it:
 # fuzz/corpus/m4_reply/spg742_* (the selector byte of fuzz_m4_reply, then one

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # fuzz/record_spg741_session.sh BUILD_DIR : records what mtd_m4sim --model
 # spg741 answers to one real mtd_main cycle (session start, system block,
 # clock, current values, the daily, hourly and journal rings) and writes it as

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # fuzz/record_spg761_session.sh BUILD_DIR : records what mtd_spbussim answers
 # to a real mtd_main session of an SPG761 (system and current values, hourly
 # and daily archives) and writes seeds for fuzz_spnet_reply from it:

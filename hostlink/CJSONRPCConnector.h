@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The daemon's link to the controller's host service: JSON-RPC 2.0 over HTTP
 // POST on the loopback interface. It fetches the device configuration at

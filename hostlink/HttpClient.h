@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One HTTP POST exchange with a JSON-RPC service over libcurl's easy
 // interface. A client is built for one request and thrown away afterwards, so

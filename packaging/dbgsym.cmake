@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Runs after CPack has written the packages: tidies the -dbgsym packages the way
 # Debian's own are laid out. Their md5sums list the build machine's paths instead of
 # the package's, and their documentation is the main package's: a symbolic link

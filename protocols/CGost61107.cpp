@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "protocols/CGost61107.h"
 
 #include <chrono>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // IEC 61107 (GOST 61107) mode-C master over a CConnector.
 //

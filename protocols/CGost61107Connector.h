@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Frame builder of the IEC 61107 (GOST 61107) mode-C dialogue.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "protocols/CM4MemoryConnector.h"
 
 #include <cstdio>

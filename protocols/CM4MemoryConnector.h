@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The older M4 dialect of the Logika 74x/94x meters: no tagged parameters,
 // the master reads the meter's memory and knows where things are.

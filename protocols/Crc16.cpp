@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "protocols/Crc16.h"
 
 namespace Crc16 {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // 16-bit cyclic checks used on the meter lines.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // CRC-16/ARC (polynomial 0x8005 reflected = 0xA001, initial value 0, no final
 // XOR). The volume correctors protect each archive record with it: the check

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One named request to a Logika meter, as the drivers keep them in tables.
 // The same descriptor serves the M4 (M4::CM4) and the SPbus (SpNet::CSpNet) layers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Logika M4 protocol (binary, tagged data elements) spoken by the newer Logika
 // correctors and heat meters on a serial line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Modbus RTU framing for the drivers whose meters speak Modbus over the plain
 // serial line (the bytes go through CConnector, not through libmodbus).

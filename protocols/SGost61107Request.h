@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One named IEC 61107 exchange as a driver describes it in its request tables.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Logika SPbus (the text-field protocol of the older correctors), short frame
 // without addresses: the meter answering is the one on the line.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Whole-daemon figures of mtd_main against the host-service and meter simulators:
 # line efficiency of a first archive read, idle cost between cycles, memory beside
 # the libraries' floor and its growth, CPU per current-value cycle.

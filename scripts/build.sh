@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/build.sh [--asan|--tsan] : configure and build into build/, build-asan/ or build-tsan/;
 # prints the build folder on standard output (MTD_BUILD_DIR_OVERRIDE picks another folder).
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/cross.sh arm64|armhf : builds mtd_main for a controller with Debian's cross
 # toolchain and the -dev packages of that architecture (installed by deps.sh
 # --cross), makes its Debian packages (into build-<arch>/packages/), which lintian

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The daemon at work: installs what is missing, builds, then inside a private
 # namespace (own loopback, tmpfs over /tmp and /mnt/storage) runs mtd_hostsim
 # and an EK270 simulated by mtd_metersim (three days of archives, line timing

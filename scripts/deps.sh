@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/deps.sh [--cross ARCH] : installs the Debian packages the build, the tests,
 # the demo and the benchmarks need, only those missing. Quiet when all is there.
 # --cross arm64|armhf adds that architecture (dpkg multiarch), its cross toolchain,

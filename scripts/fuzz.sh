@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/fuzz.sh [seconds] : builds every libFuzzer target under fuzz/ with clang
 # (ASan+UBSan) into build-fuzz/ and runs each for the given time (default 30 s),
 # starting from its seed corpus in fuzz/corpus/<name>/. New inputs go to a scratch

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The bad-line soak of the suite (tests/e2e/ek_soak.sh), longer: more seeds,
 # more cycles, by hand. Prints the faults injected per seed and in all.
 #   scripts/soak.sh [SEEDS [CYCLES [SHARE]]]    (default: seeds 21..28, 8 cycles, 0.08)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Small files in the control directory ("/tmp/") shared with other processes:
 // lock files that guard the folders shared with the reporter, pause and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The archive store of one meter: records are written as JSON Lines files under
 // <root>/<id>/<sys>/<folder>/ and released to the reporter's folder under the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The one byte transport every driver talks through. Built once per process
 // from the first device's port parameters: "protocol" == "modbus" gives a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One front-panel LED that flashes on serial traffic. The transport only raises
 // a request flag (Blink(true)); this object's own thread turns the request into

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Line-quality counters of one meter: reply time-outs, frames with a wrong
 // check sum (BCC, CRC) and repeated requests. The protocol layers note them next

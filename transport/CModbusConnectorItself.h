@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The Modbus RTU transport: one libmodbus RTU master context on the serial
 // port "name" (default "/dev/ttyS1"). Drivers get whole transactions, each

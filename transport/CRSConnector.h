@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The plain serial transport: one UART (RS-232 or RS-485) in raw mode.
 //

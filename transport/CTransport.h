@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The byte-transport surface shared by the plain serial port (CRSConnector) and
 // the Modbus RTU line (CModbusConnectorItself). CConnector holds one of them and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Reading the host service's port parameters (all text) the way both line
 // transports need them.

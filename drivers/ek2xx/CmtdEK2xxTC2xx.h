@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Volume correctors EK260/EK270 and volume converters TC210/TC215/TC220 over
 // IEC 61107 mode C (see protocols/CGost61107.h for the frames).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // What the Logika correctors have in common, whatever the line protocol (M4
 // with its parameter reads, the older M4 dialect with memory pages, SPbus):

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Logika SPG741 gas volume corrector (models "spg741", "spg741.1", "spg741.2",
 // served alike), over the older M4 dialect: after the session start the

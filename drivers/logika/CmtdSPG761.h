@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Gas volume correctors SPG761, SPG761.1 and SPG761.2 over SPbus (the short
 // frame without addresses, protocols/SpNet.h).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SPG742 gas volume corrector (Logika, M4 generation) over the M4 protocol.
 //
 // The exchange (frames in protocols/M4.h):

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Logika gas volume correctors of the newer M4 generation (SPG742) over the
 // binary M4 protocol (protocols/M4.h). Wire notes and the sources of the

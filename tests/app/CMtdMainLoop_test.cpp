@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The main loop's turn-taking, driven step by step: a scripted stop source
 // stands for the 5 s sleeps, so nothing here waits for real time.
 #include "app/CMtdMainLoop.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EK2xx/TC2xx driver's device operations against the simulated corrector.
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG741 driver against a scripted meter: a memory image served over a
 // pseudo-terminal in the older M4 dialect (RAM reads 0x45, flash page reads 0x52).
 #include "drivers/logika/CmtdSPG741.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG761 driver against the SPbus simulator, and against a scripted meter
 // for replies the simulator never sends.
 #include "drivers/logika/CmtdSPG761.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG742 driver's device operations against the simulated M4 meter.
 #include "drivers/logika/CmtdSpgM4.h"
 

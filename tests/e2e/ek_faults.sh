@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # An EK270 given a gas passport through /tmp/gmd_set_value_<id>, and an EK270
 # whose replies carry wrong check bytes and error codes in place of values:
 # ek_faults.sh BUILD_DIR (re-runs itself in `unshare -rmn`).

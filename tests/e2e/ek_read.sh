@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # EK270, EK260 and TC220 read completely by the real mtd_main against
 # EK_ONLY=EK270|EK260|TC220 runs one model.
 # mtd_metersim and mtd_hostsim, then a second cycle that reads only what the

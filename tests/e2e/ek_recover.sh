@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # An EK270 that ends cycles early, then recovers: a wrong serial number, and a
 # meter that goes silent in the middle of an archive transfer. Nothing is lost
 # or stored twice. ek_recover.sh BUILD_DIR (re-runs itself in `unshare -rmn`).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Soak on a bad line: EK270 simulators (one per seed) damage a share of their
 # answers, one fault each (changed bytes anywhere, lost end bytes, truncated
 # or lost answers, late check bytes, noise, requests the line garbled), with

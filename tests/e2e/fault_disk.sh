@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fault case: the log file's folder is removed while the daemon runs, and the
 # storage is a small tmpfs that is full. The daemon names both, keeps its
 # cycle going, and stores every archive record once space comes back. Last, a

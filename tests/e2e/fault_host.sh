@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fault case: the host service goes away for 30 s and comes back answering
 # garbage (text that is not JSON) to its first requests. The polling thread
 # holds the values it read meanwhile, retries, and publishes them once the

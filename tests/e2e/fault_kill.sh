@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fault case: the daemon is killed with SIGKILL at random moments while it
 # reads and stores archives, again and again; after a last, undisturbed run
 # every record the simulated EK270 holds is stored exactly once.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fault case: the reporter holds its lock on the release folder for two
 # minutes. The daemon says so at Crit level once a minute, releases the
 # batches as soon as the lock is gone and leaves no lock of its own behind.

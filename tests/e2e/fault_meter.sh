@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fault case: the meter's line misbehaves in the middle of the archive transfer
 # and then recovers. Three EK270 simulators, each with one fault, each read by
 # its own mtd_main: silent for a while, a noisy line (wrong check bytes and

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helpers for end-to-end runs of the real mtd_main. Source this file inside a
 # private namespace (see run.sh): the simulators then use the real ports
 # 8082/4665 and the daemon the real /tmp and /mnt/storage, all private.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Operator controls of the real mtd_main against an EK270 (mtd_metersim): a
 # pause file keeps the line quiet and the archives catch up after it, a
 # force-update file cuts a 300 s wait short, mtd_status reports and alerts.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # End-to-end cases of the real mtd_main: run.sh BUILD_DIR
 # Re-runs itself inside `unshare -rmn` (own loopback, private /tmp and /mnt/storage).
 set -uo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # SPG741 read by the real mtd_main against mtd_m4sim --model spg741: system
 # and current values, the hourly, daily and fault-journal rings stored exactly
 # once and equal to the simulator's records, a second cycle that reads only

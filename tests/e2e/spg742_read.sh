@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # SPG742 read by the real mtd_main against mtd_m4sim (real line timing), four
 # meters side by side, each with its own daemon:
 #   clean   system values, current values published, archives equal to the

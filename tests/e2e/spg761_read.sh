@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # SPG761 over SPbus read by the real mtd_main against mtd_spbussim: system and
 # current values, hourly and daily archives and the event journal exactly
 # once, a second cycle that reads only what is new, a wrong serial number, a

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The service of one serial line: mtd_main started the way mtd_main@<line>.service
 # starts it, from /etc/mtd_main/<line>.conf, serves both EK270s on the line with
 # one process; a line without a usable file stops with a clear message and the

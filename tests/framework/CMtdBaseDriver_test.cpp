@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The polling thread against a scripted driver and a hand-moved clock: the
 // archive schedule, the data_rate wait, recovery from an exception in the
 // middle of a cycle, and turn-taking on one shared line.

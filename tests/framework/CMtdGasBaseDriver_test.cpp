@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Removing the passport file: every way it can go ends in one of its two log lines.
 #include "framework/CMtdGasBaseDriver.h"
 

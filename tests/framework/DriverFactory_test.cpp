@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The model table: first matching row in order, exact rows case-sensitive,
 // contains rows anywhere in the string.
 #include "drivers/DriverFactory.h"

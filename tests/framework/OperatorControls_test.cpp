@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pause and force-update control files and the status file, against a driver
 // that only counts what the polling thread asks of it and a hand-moved clock.
 // The main loop's 5 s step is played by calling GetArchActual().

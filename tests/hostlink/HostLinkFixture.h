@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Shared helpers of the host-link tests: a logger whose lines can be awaited,
 // and a loopback port that refuses connections until it is released.

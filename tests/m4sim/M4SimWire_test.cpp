@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_m4sim's own reading of M4 bytes, against published check values and
 // frames written out by hand (not against the daemon's protocol layer).
 #include "tools/m4sim/M4SimWire.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IEC 61107 master against the simulated volume corrector.
 #include "tools/metersim/CMeterSim.h"
 

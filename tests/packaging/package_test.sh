@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages with CPack and checks their contents, their declared
 # runtime dependencies, lintian's verdict on every package and the systemd unit.
 set -euo pipefail

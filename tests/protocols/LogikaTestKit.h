@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Test kit for the protocol layers: a meter played on the master end of a
 // pseudo-terminal while the real CConnector opens the slave end, a fake pause

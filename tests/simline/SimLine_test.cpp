@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulators' line: faults aimed where a receiver is weakest (end and
 // check bytes), replayable by seed, and a pty that carries bytes both ways
 // and lets go of a blocked reader on stop.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Temporary folders, small file helpers and a log capture for the storage tests.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Real peers for the transport tests: a pseudo-terminal pair (the connector
 // opens the slave path, the test speaks on the master), a temporary directory

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A stand-in for the controller's host service (port 8082) and sensors
 // service (port 4665): JSON-RPC 2.0 over HTTP POST on the loopback interface.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_hostsim: the host and sensors services of the controller, for the demo
 // and the end-to-end tests. Prints "ready" once both ports listen; stops on
 // SIGINT or SIGTERM.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/m4sim/CM4Sim.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // An M4 meter on the master side of a pseudo-terminal: reads request frames
 // at the line's real speed, hands the checked ones to the chosen model

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // One kind of M4 meter in mtd_m4sim. The server (CM4Sim) owns the line, the
 // clock and the line faults; a model only turns a checked request frame into

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG741 of mtd_m4sim: a gas volume corrector of the older M4 dialect.
 // The master reads its memory; this model makes that memory up from the seed
 // and the device time, so a dump at any time shows what the meter holds.

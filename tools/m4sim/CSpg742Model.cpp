@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SPG742 of mtd_m4sim: a two-pipe gas volume corrector of the M4
 // generation. Its values and archives are a function of the seed and the
 // device time, so a dump at any time shows what the meter holds.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/m4sim/CM4SimModel.h"
 
 #define M4SIM_MODEL(name, maker) std::unique_ptr<CM4SimModel> maker(const M4SimOptions&);

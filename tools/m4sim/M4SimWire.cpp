@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/m4sim/M4SimWire.h"
 
 #include <cmath>

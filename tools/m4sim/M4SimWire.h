@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // The simulated meter's own view of M4 bytes: its check sums, its data
 // elements and its answer frames. Written apart from the daemon's protocol

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_m4sim: a Logika M4 meter on a pseudo-terminal. Prints "pty <path>" and
 // "ready", then serves until SIGINT or SIGTERM; SIGUSR1 prints the line-fault
 // counts. Options: docs/mtd_m4sim.1.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A volume corrector on the master end of a pseudo-terminal, for tests, the
 // demo and end-to-end runs: IEC 62056-21 mode C as an EK260/EK270 or a TC2xx

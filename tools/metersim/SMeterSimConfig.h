@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Settings of the volume-corrector simulator: what the meter is, what it
 // holds, how fast its line is and which faults it plays.

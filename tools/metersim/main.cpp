@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_metersim: a volume corrector on a pseudo-terminal. Prints "pty <path>"
 // and "ready", then serves until SIGINT or SIGTERM. Options: docs/metersim.md.
 

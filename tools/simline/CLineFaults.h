@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Seeded damage of a noisy serial line, for the meter simulators.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A meter's end of a serial line, for the simulators: the master side of a
 // pseudo-terminal whose slave side the daemon opens as its port.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 // An SPG761 gas volume corrector on the master end of a pseudo-terminal,
 // speaking SPbus in its short form (no addresses), for tests, the demo and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_spbussim: an SPG761 corrector speaking SPbus on a pseudo-terminal.
 // Prints "pty <path>" and "ready", serves until SIGINT or SIGTERM and prints
 // the line-fault summary on exit and on SIGUSR1. Options: docs/mtd_spbussim.1.

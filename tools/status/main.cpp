@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mtd_status: reads every "mtd_status_<id>.json" that the daemon's polling
 // threads keep in the status directory and prints one line per meter: state,
 // age of the last good read, how far each archive lags behind now, error
