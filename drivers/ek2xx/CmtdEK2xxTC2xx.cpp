@@ -296,12 +296,11 @@ bool CmtdEK2xxTC2xx::init() {
     if (m_sys.empty())
         m_sys = "1";
     m_srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
-    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : m_srvTZ;
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s",
             m_config.serial_text.c_str(), m_address.c_str(), systems.c_str());
-    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, m_puTZ,
-            m_puTZ - m_srvTZ);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, deviceTzHours(),
+            deviceTzHours() - m_srvTZ);
     const int configured = m_config.speed;
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", configured, data_rate);
     if (m_model < EK260 || m_model > TC215) {
@@ -547,14 +546,7 @@ bool CmtdEK2xxTC2xx::parseDateTime(const std::string& text, time_t& t) const {
                 text.c_str());
         return false;
     }
-    struct tm tm {};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    t = timegm(&tm) - static_cast<time_t>(m_puTZ) * 3600;
+    t = fromDeviceTime(y, mo, d, h, mi, s);
     return true;
 }
 
@@ -636,11 +628,7 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
 }
 
 std::string CmtdEK2xxTC2xx::archArgument(const SRequest& row, time_t from, time_t to, bool) const {
-    struct tm a {}, b {};
-    time_t f = from + static_cast<time_t>(m_puTZ) * 3600;
-    time_t t = to + static_cast<time_t>(m_puTZ) * 3600;
-    gmtime_r(&f, &a);
-    gmtime_r(&t, &b);
+    const struct tm a = toDeviceTime(from), b = toDeviceTime(to);
     char buf[128];
     std::snprintf(buf, sizeof buf, row.argument, a.tm_year + 1900, a.tm_mon + 1, a.tm_mday, a.tm_hour,
                   b.tm_year + 1900, b.tm_mon + 1, b.tm_mday, b.tm_hour);

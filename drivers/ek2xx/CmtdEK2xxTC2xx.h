@@ -103,7 +103,7 @@ private:
 
     // From the configuration (init).
     std::string m_consumerPassword, m_supplierPassword, m_address, m_sys = "1";
-    int m_srvTZ = 0, m_puTZ = 0;
+    int m_srvTZ = 0;
 
     // From the device.
     char m_deviceSpeed = '5';
