@@ -60,7 +60,6 @@ struct HttpClient::Impl {
     std::unique_ptr<curl_slist, SlistDeleter> headers;
     Answer answer;
     CURLcode lastCode = CURLE_OK;
-    bool answerLost = false;  // the exchange ran out of time or the answer out of room
     long status = 0;
     long port = 0;
     long exchangeMs = HttpClient::kExchangeTimeout.count();
@@ -102,7 +101,6 @@ int HttpClient::Send(const std::string& body)
         return CURLE_FAILED_INIT;
     Impl& d = *m_impl;
     d.answer = Answer();
-    d.answerLost = false;
     d.status = 0;
     d.errorText[0] = '\0';
     if (!d.easy) {
@@ -146,11 +144,16 @@ int HttpClient::Send(const std::string& body)
         curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &d.status);
     else if (d.errorText[0] == '\0')
         snprintf(d.errorText, sizeof d.errorText, "%s", curl_easy_strerror(d.lastCode));
-    d.answerLost = d.lastCode == CURLE_OPERATION_TIMEDOUT || d.lastCode == CURLE_FILESIZE_EXCEEDED ||
-                   (d.lastCode == CURLE_WRITE_ERROR && d.answer.tooLarge);
-    if (d.answerLost)
+    // Out of time or out of room: the answer did not come.
+    const bool answerLost = d.lastCode == CURLE_OPERATION_TIMEDOUT || d.lastCode == CURLE_FILESIZE_EXCEEDED ||
+                            (d.lastCode == CURLE_WRITE_ERROR && d.answer.tooLarge);
+    if (d.answer.tooLarge)
+        snprintf(d.errorText, sizeof d.errorText, "answer longer than %zu bytes, cut off", kMaxAnswer);
+    if (answerLost) {
         d.answer.body.clear();
-    return d.answerLost ? CURLE_OK : d.lastCode;
+        d.lastCode = CURLE_OK;  // Recv finds no body and returns -1
+    }
+    return d.lastCode;
 }
 
 int HttpClient::Recv(std::string& response) const

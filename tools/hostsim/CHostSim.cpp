@@ -77,7 +77,19 @@ public:
     explicit Listener(CHostSim& sim) : m_sim(sim)
     {
         auto serve = [this](const httplib::Request& req, httplib::Response& res) {
-            res.set_content(m_sim.handle(req.body), "application/json-rpc");
+            std::string answer = m_sim.handle(req.body);
+            if (!m_sim.takeEndless()) {
+                res.set_content(answer, "application/json-rpc");
+                return;
+            }
+            // The answer's start, then blanks in 64 KiB chunks until the client gives up.
+            res.set_chunked_content_provider("application/json-rpc",
+                                             [answer](size_t offset, httplib::DataSink& sink) {
+                                                 static const std::string blanks(64 * 1024, ' ');
+                                                 if (offset == 0)
+                                                     return sink.write(answer.data(), answer.size() - 1);
+                                                 return sink.is_writable() && sink.write(blanks.data(), blanks.size());
+                                             });
         };
         m_server.Post("/.*", serve);
         // httplib's stop() does nothing until the accept loop has marked itself
@@ -152,6 +164,7 @@ struct CHostSim::Impl {
     mutable std::mutex mutex;
     mutable std::condition_variable arrived;
     Json::Value config{Json::objectValue};
+    int endlessTaken = 0;
     std::vector<std::string> requests;
     std::unique_ptr<FILE, FileCloser> record;
     std::unique_ptr<Listener> host;
@@ -262,6 +275,15 @@ bool CHostSim::waitForRequests(size_t count, std::chrono::milliseconds timeout) 
 {
     std::unique_lock<std::mutex> lock(m_impl->mutex);
     return m_impl->arrived.wait_for(lock, timeout, [&] { return m_impl->requests.size() >= count; });
+}
+
+bool CHostSim::takeEndless()
+{
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    if (m_impl->endlessTaken >= m_impl->options.endless)
+        return false;
+    ++m_impl->endlessTaken;
+    return true;
 }
 
 std::string CHostSim::handle(const std::string& body)

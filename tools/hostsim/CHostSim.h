@@ -24,6 +24,7 @@ struct CHostSimOptions {
     std::string recordFile;  // "" keeps requests in memory only
     int garbage = 0;         // the first N requests are answered with kGarbageReply
     bool rpcError = false;   // every valid request gets a JSON-RPC error object
+    int endless = 0;         // the first N requests get an answer whose body never ends
 };
 
 class CHostSim {
@@ -59,6 +60,8 @@ public:
 
     // The JSON-RPC answer to one request body (also counts and records it).
     std::string handle(const std::string& body);
+    // True for the first `endless` calls: that request's answer is a body without end.
+    bool takeEndless();
 
 private:
     struct Impl;
