@@ -37,11 +37,13 @@ check "host service back" wait_for "$WORK/hostsim2.out" '^ready' 30
 up_at=$(date +%s)
 # The pauses grew while it was down (5 ms doubling): the answer comes within
 # about twice the outage, plus the two garbage answers' pauses.
-check "outage's end logged" wait_for "$WORK/main.log" "$ANSWERED" 90
+check "outage's end logged" wait_for "$WORK/main.log" "$ANSWERED" 100
 check "held values published" wait_for "$WORK/rec2" '"method":"put_all_current_values","params":\[\{' 10
 check "not-JSON answer named" grep -q 'SendParameters - Error while parsing data! retry!!!' "$WORK/main.log"
 check "its text shown" grep -q 'Response String - Service Temporarily Unavailable' "$WORK/main.log"
-check "each failure written once" test "$(count_in "$WORK/main.log" "$SEND_ERROR") $(count_in "$WORK/main.log" 'Error while parsing data!')" = "1 1"
+# One outage so far (a first failure may be the answer cut off by the stop, then refusals):
+# no failure line twice.
+check "each failure written once" test -z "$(grep -o 'SendParameters - Error while.*' "$WORK/main.log" | sort | uniq -d)"
 check "outage's length and attempts logged" grep -q "$ANSWERED [0-9]* s and [0-9]* failed attempts" "$WORK/main.log"
 # The request answered first carries the values read while the service was away.
 held=$(grep '"method":"put_all_current_values"' "$WORK/rec2" | head -n 1 | grep -o '"timestamp":[0-9]*' | head -n 1 | cut -d: -f2)
@@ -53,6 +55,7 @@ check "cycles go on" wait_count "$WORK/main.log" 'cycle_end\(\) - session closed
 echo "fault_host: down at $down_at, up at $up_at, first held value stamped $held"
 
 # Answers that never end: each is cut at 1 MiB and counts as a failed receive.
+hwm_before=$(awk '/^VmHWM:/ { print $2 }' "/proc/$pid/status")
 stop_pid "$HOSTSIM_PID"
 : >"$WORK/rec3"
 start_bg "$WORK/hostsim3.out" "$HOSTSIM" --config "$WORK/host.json" --record "$WORK/rec3" --endless 2
@@ -62,7 +65,7 @@ answered=$(count_in "$WORK/main.log" "$ANSWERED")
 check "endless answers given up" wait_count "$WORK/main.log" "$ANSWERED" $((answered + 1)) 90
 check "endless answer is a failed receive" grep -q 'SendParameters - Error while receiving data! retry!!!' "$WORK/main.log"
 hwm=$(awk '/^VmHWM:/ { print $2 }' "/proc/$pid/status")
-echo "fault_host: daemon's peak memory ${hwm} KiB"
+echo "fault_host: daemon's peak memory ${hwm} KiB, ${hwm_before} KiB before the endless answers"
 if grep -q '^MTD_SANITIZE:STRING=.' "$BUILD_DIR/CMakeCache.txt" 2>/dev/null; then
     echo "fault_host: sanitizer build, peak memory not judged"
 else
