@@ -10,6 +10,7 @@
 #include <iostream>
 #include <utility>
 
+#include "core/PortSettings.h"
 #include "core/logger.h"
 #include "hostlink/CHostLinkClock.h"
 #include "hostlink/HttpClient.h"
@@ -216,12 +217,10 @@ void CJSONRPCConnector::setExchangeTimeout(milliseconds timeout)
 // thread waiting; the host service gets no more than that.
 void CJSONRPCConnector::limitExchangeToPort(const CDeviceConfig& config)
 {
-    const std::string text = config.get("timeout");
-    char* end = nullptr;
-    const long long ms = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || ms <= 0)
+    const PortSettings port = PortSettings::parse(config.params);
+    if (!port.timeoutGiven || port.timeoutMs < 0)
         return;
-    setExchangeTimeout(std::min(m_exchangeTimeout, std::max(milliseconds(ms), kShortestExchange)));
+    setExchangeTimeout(std::min(m_exchangeTimeout, std::max(milliseconds(port.timeoutMs), kShortestExchange)));
 }
 
 std::string CJSONRPCConnector::BuildRequest(const std::string& method, Json::Value params)

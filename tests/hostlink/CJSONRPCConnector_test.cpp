@@ -210,32 +210,23 @@ TEST(CJSONRPCConnector, GetConfig2Drivers)
 TEST(CJSONRPCConnector, RetriesUntilHostServiceComesUp)
 {
     LogWatch log;
-    RefusingPort down;
-    CJSONRPCConnector link("42", down.url(), down.url());
+    LateHostService host(kConfig);
+    CJSONRPCConnector link("42", host.url(), host.url());
     auto clock = std::make_shared<StepClock>();
     link.setClock(clock);
-    CHostSimOptions o;
-    o.hostPort = down.port();
-    o.sensorsPort = 0;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.loadConfigText(kConfig, error));
-    bool started = false;
     clock->onPause = [&](milliseconds) {
-        if (clock->pauses().size() == 4) {
-            down.release();
-            started = sim.Start(error);
-        }
+        if (clock->pauses().size() == 4)
+            host.up();
     };
     CDeviceConfig c;
     EXPECT_TRUE(link.GetInitParameters1(c));
-    ASSERT_TRUE(started) << error;
+    ASSERT_TRUE(host.started()) << host.error();
 
     EXPECT_EQ(c.get("systems"), "a;b;");
     EXPECT_EQ(log.count("CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error code - 7"), 1u);
     EXPECT_EQ(log.count("CJSONRPCConnector::SendParameters - the host service answered after 0 s and 4 failed attempts"), 1u);
     EXPECT_EQ(clock->pauses(), (std::vector<milliseconds>{milliseconds(5), milliseconds(10), milliseconds(20), milliseconds(40)}));
-    EXPECT_EQ(sim.requests().size(), 1u);
+    EXPECT_EQ(host.sim().requests().size(), 1u);
 }
 
 // The sensors service gets at most 50 attempts, 5 ms apart after a refused

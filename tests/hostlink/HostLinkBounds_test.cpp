@@ -183,27 +183,19 @@ TEST(HostLinkBounds, HttpErrorStatusIsAWarningAndRetried)
 TEST(HostLinkBounds, TenMinuteOutageWritesFewLines)
 {
     LogWatch log;
-    RefusingPort down;
-    CJSONRPCConnector link("42", down.url(), down.url());
+    LateHostService host;
+    CJSONRPCConnector link("42", host.url(), host.url());
     auto clock = std::make_shared<StepClock>();
     link.setClock(clock);
-    CHostSimOptions o;
-    o.hostPort = down.port();
-    o.sensorsPort = 0;
-    CHostSim sim(o);
-    std::string error;
-    bool started = false;
     clock->onPause = [&](milliseconds elapsed) {
-        if (elapsed >= std::chrono::minutes(10) && !started) {
-            down.release();
-            started = sim.Start(error);
-        }
+        if (elapsed >= std::chrono::minutes(10))
+            host.up();
     };
     Json::Value reply;
     testing::internal::CaptureStdout();
     EXPECT_TRUE(link.SendParameters("{\"id\":1,\"jsonrpc\":\"2.0\",\"method\":\"get_config2\"}\n", reply));
     testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(started) << error;
+    ASSERT_TRUE(host.started()) << host.error();
 
     const size_t all = log.count("");
     EXPECT_LT(all, 30u);
