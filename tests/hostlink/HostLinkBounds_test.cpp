@@ -7,8 +7,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
+#include <condition_variable>
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 

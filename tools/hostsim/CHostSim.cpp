@@ -77,8 +77,9 @@ public:
     explicit Listener(CHostSim& sim) : m_sim(sim)
     {
         auto serve = [this](const httplib::Request& req, httplib::Response& res) {
-            std::string answer = m_sim.handle(req.body);
-            if (!m_sim.takeEndless()) {
+            bool endless = false;
+            std::string answer = m_sim.handle(req.body, &endless);
+            if (!endless) {
                 res.set_content(answer, "application/json-rpc");
                 return;
             }
@@ -164,7 +165,6 @@ struct CHostSim::Impl {
     mutable std::mutex mutex;
     mutable std::condition_variable arrived;
     Json::Value config{Json::objectValue};
-    int endlessTaken = 0;
     std::vector<std::string> requests;
     std::unique_ptr<FILE, FileCloser> record;
     std::unique_ptr<Listener> host;
@@ -277,16 +277,7 @@ bool CHostSim::waitForRequests(size_t count, std::chrono::milliseconds timeout) 
     return m_impl->arrived.wait_for(lock, timeout, [&] { return m_impl->requests.size() >= count; });
 }
 
-bool CHostSim::takeEndless()
-{
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
-    if (m_impl->endlessTaken >= m_impl->options.endless)
-        return false;
-    ++m_impl->endlessTaken;
-    return true;
-}
-
-std::string CHostSim::handle(const std::string& body)
+std::string CHostSim::handle(const std::string& body, bool* endless)
 {
     Impl& d = *m_impl;
     Json::Reader reader;
@@ -303,8 +294,11 @@ std::string CHostSim::handle(const std::string& body)
     }
     d.arrived.notify_all();
 
-    if (number <= static_cast<size_t>(d.options.garbage > 0 ? d.options.garbage : 0))
+    const size_t garbage = static_cast<size_t>(d.options.garbage > 0 ? d.options.garbage : 0);
+    if (number <= garbage)
         return kGarbageReply;
+    if (endless)
+        *endless = number <= garbage + static_cast<size_t>(d.options.endless > 0 ? d.options.endless : 0);
 
     if (!parsed)
         return errorReply(Json::Value(), -32700, "Parse error");

@@ -59,9 +59,8 @@ public:
     bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
 
     // The JSON-RPC answer to one request body (also counts and records it).
-    std::string handle(const std::string& body);
-    // True for the first `endless` calls: that request's answer is a body without end.
-    bool takeEndless();
+    // `endless`, when given, tells whether the endless fault mode takes this request.
+    std::string handle(const std::string& body, bool* endless = nullptr);
 
 private:
     struct Impl;
