@@ -205,8 +205,9 @@ TEST(CJSONRPCConnector, GetConfig2Drivers)
 }
 
 // A host service that is down: the send error with the libcurl code is
-// written once, the pauses double from 5 ms, and the call returns once the
-// service comes up on that port, with one line giving the outage's length.
+// written once (and nothing on standard error), the pauses double from 5 ms,
+// and the call returns once the service comes up on that port, with one line
+// giving the outage's length.
 TEST(CJSONRPCConnector, RetriesUntilHostServiceComesUp)
 {
     LogWatch log;
@@ -219,8 +220,11 @@ TEST(CJSONRPCConnector, RetriesUntilHostServiceComesUp)
             host.up();
     };
     CDeviceConfig c;
+    testing::internal::CaptureStderr();
     EXPECT_TRUE(link.GetInitParameters1(c));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // libcurl's words go to the log only
     ASSERT_TRUE(host.started()) << host.error();
+    EXPECT_EQ(log.count("CJSONRPCConnector::SendParameters - libcurl: Failed to connect to 127.0.0.1 port "), 1u);
 
     EXPECT_EQ(c.get("systems"), "a;b;");
     EXPECT_EQ(log.count("CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error code - 7"), 1u);
