@@ -79,6 +79,7 @@ errors=$(count_in "$WORK/main.log" "$SEND_ERROR")
 check "second outage seen" wait_count "$WORK/main.log" "$SEND_ERROR" $((errors + 1)) 60
 kill -INT "$pid"
 check "orderly stop while the host is down" wait_exit "$pid" 10
+check "orderly stop: status 0" test "$EXIT_STATUS" = 0
 
 echo "fault_host: $FAILURES failure(s)"
 [ "$FAILURES" = 0 ]
