@@ -63,8 +63,9 @@ CAnswerScript scriptFor(const uint8_t* data, size_t size, bool& mayAnswer)
         s.pieces.push_back(body.substr(at, quarter));
     if (shape & 32)
         s.repeatUpTo = size_t{4} << 20;
+    // With a true Content-Length the client reads that much and no more of an endless body.
     const bool tooLong = body.size() > Json::Rpc::HttpClient::kMaxAnswer || (shape & 12) == 12 ||
-                         (s.repeatUpTo > Json::Rpc::HttpClient::kMaxAnswer && !body.empty());
+                         ((shape & 4) == 0 && s.repeatUpTo > Json::Rpc::HttpClient::kMaxAnswer && !body.empty());
     mayAnswer = !s.silent && status >= 200 && status <= 299 && !tooLong;
     return s;
 }
