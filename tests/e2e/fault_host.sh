@@ -9,10 +9,7 @@
 # Every wait here is for a line in a log or a record file, never for the
 # machine's pace: the bounds only limit how long a failing run takes.
 #   fault_host.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_host.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 ID=2401
