@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -17,6 +18,7 @@
 #include "core/Exceptions.h"
 #include "support/ArchiveCollector.h"
 #include "support/DriverRig.h"
+#include "support/LogCapture.h"
 #include "storage/GasFileConnector.h"
 #include "core/logger.h"
 #include "tools/metersim/CMeterSim.h"
@@ -26,38 +28,9 @@ namespace {
 
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 on the device clock (UTC)
 
-class Log {
-public:
-    Log() : m_log("/dev/null", false) {
-        m_log.setLevel(logger::DEBUG);
-        m_log.setObserver([this](int, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (std::getenv("MTD_TEST_LOG"))
-                std::fprintf(stderr, "%s\n", text.c_str());
-            m_lines.push_back(text);
-        });
-        m_previous = g_logger;
-        g_logger = &m_log;
-    }
-    ~Log() { g_logger = m_previous; }
-    int count(const std::string& part) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const auto& l : m_lines)
-            n += l.find(part) != std::string::npos;
-        return n;
-    }
-
-private:
-    logger m_log;
-    logger* m_previous;
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
-
 struct Rig {
-    Log log;
-    std::string dir;
+    test_support::LogCapture log;
+    test_support::TempDir dir{"mtd_ek2xx"};
     CMeterSim sim;
     std::unique_ptr<CConnector> conn;
     CmtdEK2xxTC2xx driver;
@@ -72,12 +45,10 @@ struct Rig {
               return cfg;
           }()),
           driver(model) {
-        char tmpl[] = "/tmp/mtd_ek2xx_XXXXXX";
-        dir = mkdtemp(tmpl);
         EXPECT_TRUE(sim.open());
         EXPECT_TRUE(sim.start());
         LedPaths leds;
-        leds.transmit = leds.receive = dir + "/led";
+        leds.transmit = leds.receive = dir / "led";
         PortParams port{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", timeoutMs}};
         conn = std::make_unique<CConnector>(port, leds);
         EXPECT_TRUE(conn->open_device());
@@ -92,22 +63,19 @@ struct Rig {
         config.serial_text = serial;
         driver.save_init_params(config);
         DriverPaths paths;
-        paths.controlDir = dir + "/";
-        paths.storageRoot = dir + "/storage/";
+        paths.controlDir = dir.path;
+        paths.storageRoot = dir / "storage/";
         driver.setPaths(paths);
         driver.SaveConnector(conn.get());
     }
-    ~Rig() {
-        driver.StopPolling();
-        std::system(("rm -rf '" + dir + "'").c_str());
-    }
+    ~Rig() { driver.StopPolling(); }
     // The protocol's pauses between send and reply, skipped (the simulator answers at once).
     void noPauses() { driver.protocol()->setSleep([](std::chrono::milliseconds) {}); }
     // Runs the driver's polling thread on a clock standing at the device's start time.
     // `pauses`: keep the protocol's pauses, so frames reach the simulator one by
     // one (the queue flushed before each send could otherwise cut one short).
     void startThread(bool pauses = false) {
-        std::system(("mkdir -p '" + dir + "/storage'").c_str());
+        std::filesystem::create_directories(dir / "storage");
         driver.setClock(std::make_shared<test_support::StillClock>(kStart));
         if (!pauses)
             noPauses();
@@ -125,7 +93,7 @@ struct Rig {
         return sim.breaksSeen();
     }
     time_t lastStored(int type) {
-        return GasFileConnector("42", dir + "/storage/", dir + "/").GetLastTimestamp(type);
+        return GasFileConnector("42", dir / "storage/", dir.path).GetLastTimestamp(type);
     }
 };
 
@@ -175,8 +143,8 @@ TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
     EXPECT_EQ(m["PassCO2"].dim, "procent");
     EXPECT_EQ(m["Vstd"].quality, 192);
     EXPECT_EQ(m["Vstd"].sys, "3");
-    EXPECT_EQ(rig.log.count("DEVICE RETURNS ERROR CODE '#0001' !!!"), 1);
-    EXPECT_EQ(rig.log.count(">>> CAN'T GET CURRENT PARAMETER 'Read PassH2'"), 1);
+    EXPECT_EQ(rig.log.countContaining("DEVICE RETURNS ERROR CODE '#0001' !!!"), 1);
+    EXPECT_EQ(rig.log.countContaining(">>> CAN'T GET CURRENT PARAMETER 'Read PassH2'"), 1);
 }
 
 TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
@@ -193,8 +161,8 @@ TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
     ASSERT_EQ(hourly[0].fields.size(), 15u);
     EXPECT_EQ(hourly[0].fields[2].first, "DateTime");
     EXPECT_EQ(hourly[0].fields[14].first, "check sum");
-    EXPECT_EQ(rig.log.count("end_dt = curr_dt because end_dt > curr_dt"), 1);
-    EXPECT_EQ(rig.log.count("stop by device !!!"), 1);
+    EXPECT_EQ(rig.log.countContaining("end_dt = curr_dt because end_dt > curr_dt"), 1);
+    EXPECT_EQ(rig.log.countContaining("stop by device !!!"), 1);
 
     std::vector<ArchiveRecord> daily;
     test_support::readArchive(rig.driver, ARCH_DAILY, kStart - 2 * 86400, kStart, daily);
@@ -208,12 +176,12 @@ TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
         ASSERT_EQ(e.fields.size(), 8u);
         EXPECT_EQ(e.fields[3].first, "Event");
     }
-    EXPECT_EQ(rig.log.count("this archive doen't support units !!!"), 1);
+    EXPECT_EQ(rig.log.countContaining("this archive doen't support units !!!"), 1);
 
     std::vector<ArchiveRecord> none;
     test_support::readArchive(rig.driver, ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
     EXPECT_TRUE(none.empty());
-    EXPECT_EQ(rig.log.count("ARCHIVE TYPE 3 (Journal_Intervent_JSONRPC) NOT SUPPORTED !!!"), 1);
+    EXPECT_EQ(rig.log.countContaining("ARCHIVE TYPE 3 (Journal_Intervent_JSONRPC) NOT SUPPORTED !!!"), 1);
 }
 
 // Every timestamp of `records` once and one period after the other.
@@ -263,8 +231,8 @@ TEST(EK2xx, LineFaultsInAnArchiveTransferLoseAndRepeatNothing) {
         if (!hourly.empty()) {
             EXPECT_EQ(hourly.front().timestamp, from) << row.legend;
         }
-        EXPECT_GE(rig.log.count(row.logPart), 1) << row.legend;
-        EXPECT_EQ(rig.log.count("ARCHIVE TRANSFER BROKEN"), 0) << row.legend;
+        EXPECT_GE(rig.log.countContaining(row.logPart), 1) << row.legend;
+        EXPECT_EQ(rig.log.countContaining("ARCHIVE TRANSFER BROKEN"), 0) << row.legend;
     }
 }
 
@@ -286,7 +254,7 @@ TEST(EK2xx, JournalKeepsOddCodesAndWholeSecondsOnABrokenLine) {
                 EXPECT_EQ(e.fields[5].second, "unknown");
             }
         }
-        EXPECT_EQ(odd, rig.log.count("WRONG EVENT CODE = '0x8G01'"));
+        EXPECT_EQ(odd, rig.log.countContaining("WRONG EVENT CODE = '0x8G01'"));
         EXPECT_GE(odd, 2);
     }
     SMeterSimConfig cfg;
@@ -296,7 +264,7 @@ TEST(EK2xx, JournalKeepsOddCodesAndWholeSecondsOnABrokenLine) {
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> events;
     test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
-    EXPECT_EQ(rig.log.count("ARCHIVE TRANSFER BROKEN"), 1);
+    EXPECT_EQ(rig.log.countContaining("ARCHIVE TRANSFER BROKEN"), 1);
     ASSERT_EQ(events.size(), 2u);  // the third entry's partner never came
     EXPECT_EQ(events[0].timestamp, events[1].timestamp);
 }
@@ -312,7 +280,7 @@ TEST(EK2xx, TransferIsBoundedAndStopsBetweenBlocks) {
         std::vector<ArchiveRecord> hourly;
         test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 900 - 4 * 3600, kStart, hourly);
         expectWhole(hourly, 5, 3600, "endless");
-        EXPECT_EQ(rig.log.count("MORE THAN 15 BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!"), 1);
+        EXPECT_EQ(rig.log.countContaining("MORE THAN 15 BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!"), 1);
     }
     // A stop in the middle of a long transfer ends it within a block, with
     // what came whole kept and nothing logged as broken.
@@ -331,8 +299,8 @@ TEST(EK2xx, TransferIsBoundedAndStopsBetweenBlocks) {
     stopper.join();
     ASSERT_FALSE(hourly.empty());
     EXPECT_LT(hourly.size(), 100u);
-    EXPECT_EQ(rig.log.count("MORE THAN"), 0);
-    EXPECT_EQ(rig.log.count("ARCHIVE TRANSFER BROKEN"), 0);
+    EXPECT_EQ(rig.log.countContaining("MORE THAN"), 0);
+    EXPECT_EQ(rig.log.countContaining("ARCHIVE TRANSFER BROKEN"), 0);
 }
 
 TEST(EK2xx, WrongSerialThrowsAndTc220HasItsOwnTable) {
@@ -340,7 +308,7 @@ TEST(EK2xx, WrongSerialThrowsAndTc220HasItsOwnTable) {
         Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK260, "99999999");
         ASSERT_TRUE(rig.driver.init());
         EXPECT_THROW(rig.driver.get_all_system_values(), CWrongPacketException);
-        EXPECT_EQ(rig.log.count("READ SERIAL '12345678' != GIVEN SERIAL '99999999'"), 1);
+        EXPECT_EQ(rig.log.countContaining("READ SERIAL '12345678' != GIVEN SERIAL '99999999'"), 1);
     }
     SMeterSimConfig cfg;
     cfg.model = "TC220";
@@ -363,13 +331,13 @@ TEST(EK2xx, WrongSerialThrowsAndTc220HasItsOwnTable) {
 
 TEST(EK2xx, GasPassportWrittenBehindTheSupplierLock) {
     Rig rig(SMeterSimConfig(), CmtdEK2xxTC2xx::EK270);
-    std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8", "PassP": "1.0332"})";
+    std::ofstream(rig.dir / "gmd_set_value_42") << R"({"PassCO2": "0.8", "PassP": "1.0332"})";
     ASSERT_TRUE(rig.driver.init());
     rig.driver.get_all_system_values();
     rig.driver.writeGasPasport();
     EXPECT_EQ(rig.sim.registerValue("11:314.0"), "0.8");
     EXPECT_NEAR(std::stod(rig.sim.registerValue("7:314_1.0")), 1.0332 / 1.0197162, 1e-4);  // bar
-    EXPECT_EQ(rig.log.count("CAN'T WRITE"), 0);
+    EXPECT_EQ(rig.log.countContaining("CAN'T WRITE"), 0);
     EXPECT_EQ(rig.sim.registerValue("3:170.0"), "1");
 }
 
@@ -386,7 +354,7 @@ TEST(EK2xx, DeviceWithoutOneArchiveStillReadsTheOthersAndClosesTheSession) {
     EXPECT_EQ(rig.lastStored(ARCH_DAILY), kStart - 4 * 3600 - 900);   // today's 06:00
     EXPECT_EQ(rig.lastStored(ARCH_HOURLY), kStart - 900);             // 10:00
     EXPECT_EQ(rig.lastStored(ARCH_JOURNAL_EVENT), 0);
-    EXPECT_EQ(rig.log.count("CAN'T READ Journal_Event_JSONRPC HEADERS, ARCHIVE SKIPPED"), 1);
+    EXPECT_EQ(rig.log.countContaining("CAN'T READ Journal_Event_JSONRPC HEADERS, ARCHIVE SKIPPED"), 1);
     EXPECT_EQ(rig.breaksSeen(1), 1);
     EXPECT_EQ(rig.sim.registerValue("4:170.0"), "0");
 }
@@ -435,16 +403,16 @@ TEST(EK2xx, PassportWriteFollowsTheKCalculationMode) {
         Rig rig(cfg, row.model);
         rig.noPauses();
         const std::string before = rig.sim.registerValue("11:314.0");
-        std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8"})";
+        std::ofstream(rig.dir / "gmd_set_value_42") << R"({"PassCO2": "0.8"})";
         ASSERT_TRUE(rig.driver.init());
         rig.driver.get_all_system_values();
         rig.driver.writeGasPasport();
         EXPECT_EQ(rig.sim.registerValue("11:314.0"), row.written ? "0.8" : before);
         EXPECT_EQ(rig.sim.registerValue("3:170.0"), row.written ? "1" : "0");
         if (row.line) {
-            EXPECT_EQ(rig.log.count(std::string("writeGasPasport() - ") + row.line), 1);
+            EXPECT_EQ(rig.log.countContaining(std::string("writeGasPasport() - ") + row.line), 1);
         }
-        EXPECT_FALSE(std::ifstream(rig.dir + "/gmd_set_value_42").good());
+        EXPECT_FALSE(std::ifstream(rig.dir / "gmd_set_value_42").good());
     }
 }
 
@@ -456,13 +424,13 @@ TEST(EK2xx, SupplierPasswordOnlyForASupplierLockReportedClosed) {
     cfg.silentAfter = 11;  // sign-on .. K mode answered, then silence for the supplier check
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
     rig.noPauses();
-    std::ofstream(rig.dir + "/gmd_set_value_42") << R"({"PassCO2": "0.8"})";
+    std::ofstream(rig.dir / "gmd_set_value_42") << R"({"PassCO2": "0.8"})";
     ASSERT_TRUE(rig.driver.init());
-    EXPECT_EQ(rig.log.count("lock status = '0'"), 1);  // the consumer lock, then opened with its password
+    EXPECT_EQ(rig.log.countContaining("lock status = '0'"), 1);  // the consumer lock, then opened with its password
     rig.driver.get_all_system_values();
     rig.driver.writeGasPasport();
-    EXPECT_EQ(rig.log.count("CAN'T OPEN SUPPLIER LOCK"), 1);
-    EXPECT_EQ(rig.log.count("send('Write Supplier Password')"), 0);
+    EXPECT_EQ(rig.log.countContaining("CAN'T OPEN SUPPLIER LOCK"), 1);
+    EXPECT_EQ(rig.log.countContaining("send('Write Supplier Password')"), 0);
 }
 
 // The device clock runs on local time (pu_TZ hours east of UTC): its readings
@@ -485,7 +453,7 @@ TEST(EK2xx, MeterTimeZoneOffsetBothWays) {
         ASSERT_EQ(hourly.size(), 3u);
         EXPECT_EQ(hourly.front().timestamp, kStart - 900 - 3 * 3600 - offset);
         EXPECT_EQ(hourly.back().timestamp, kStart - 900 - 3600 - offset);
-        EXPECT_EQ(rig.log.count("is out of"), 0);  // the device sent only what was asked for
+        EXPECT_EQ(rig.log.countContaining("is out of"), 0);  // the device sent only what was asked for
     }
 }
 
