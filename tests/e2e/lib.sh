@@ -299,9 +299,17 @@ ek_device_start() {
 # its "end_dt = curr_dt" time cut to the whole hour. A read ends whole when
 # the next archive read or the end of the cycle follows; a broken transfer, a
 # refused request, a cycle cut by an error, a stop signal or a kill ("=== killed"
-# in LOG) leave it out.
+# in LOG) leave it out. stored_records(ROOT) gives the records stored below
+# ROOT, per archive name.
 EK_READ_ENDS_PY='
-import re
+import glob, json, re
+def stored_records(root):
+    stored = {}
+    for path in glob.glob(root + "/**/*.jsonl", recursive=True):
+        for line in open(path):
+            rec = json.loads(line)
+            stored.setdefault(rec["archive"], []).append(rec)
+    return stored
 def whole_reads_asked(log):
     asked, kind, end = {}, None, None
     for line in open(log, errors="replace"):
@@ -349,11 +357,7 @@ kinds = {"Hourly_JSONRPC": (3, tc_interval if tc else ek_interval), "Journal_Eve
 if not tc:
     kinds["Daily_JSONRPC"] = (7, ek_interval)
 asked = whole_reads_asked(log)
-stored = {}
-for path in glob.glob(root + "/**/*.jsonl", recursive=True):
-    for line in open(path):
-        rec = json.loads(line)
-        stored.setdefault(rec["archive"], []).append(rec)
+stored = stored_records(root)
 bad = 0
 for name, (number, fields) in kinds.items():
     if name not in asked:
@@ -407,8 +411,8 @@ PY
 check_archives() {
     local log=$1 id=$2 sim=$3 kinds=$4 match=$5
     shift 5
-    python3 - "$log" "/mnt/storage/$id" "$sim" "$kinds" "$match" "${ARCH_UNTIL:-log}" "${ARCH_CYCLE:-}" \
-        "${ARCH_END:-}" "${ARCH_MIN:-0}" "$@" <<'PY'
+    { echo "$EK_READ_ENDS_PY"; cat <<'PY'; } | python3 - "$log" "/mnt/storage/$id" "$sim" "$kinds" "$match" \
+        "${ARCH_UNTIL:-log}" "${ARCH_CYCLE:-}" "${ARCH_END:-}" "${ARCH_MIN:-0}" "$@"
 import glob, json, re, subprocess, sys
 log, root, sim, kinds, match, until_mode, cycle_re, end_re, least = sys.argv[1:10]
 simargs = sys.argv[10:]
@@ -434,11 +438,7 @@ for line in open(log, errors="replace"):
 if until_mode.startswith("cycle"):
     n = int(until_mode.split()[1])
     end = ends[n - 1] if len(ends) >= n else {}
-stored = {}
-for path in glob.glob(root + "/**/*.jsonl", recursive=True):
-    for line in open(path):
-        rec = json.loads(line)
-        stored.setdefault(rec["archive"], []).append(rec)
+stored = stored_records(root)
 MPA = 10.197162129787
 bad = 0
 for name, dump, lab in specs:
@@ -493,6 +493,10 @@ def last_put(record, length=None):
     if last is None:
         sys.exit("  no put_all_current_values")
     return last
+def report(bad):
+    for b in bad:
+        print("  " + b)
+    sys.exit(1 if bad else 0)
 '
 
 # ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last
@@ -524,9 +528,7 @@ for v in last:
                 bad.append("%s = %s, want %s %s in kgf/cm2" % (n, v["value"], given[n], unit))
         elif v["value"] != given[n]:
             bad.append("%s = %s, want %s" % (n, v["value"], given[n]))
-for b in bad:
-    print("  " + b)
-sys.exit(1 if bad else 0)
+report(bad)
 PY
 }
 
@@ -548,11 +550,7 @@ kinds = {"Hourly_JSONRPC": 3, "Daily_JSONRPC": 7, "Journal_Event_JSONRPC": 4}
 if model.startswith("TC"):
     del kinds["Daily_JSONRPC"]
 asked = whole_reads_asked(log)
-stored = {}
-for path in glob.glob(root + "/**/*.jsonl", recursive=True):
-    for line in open(path):
-        rec = json.loads(line)
-        stored.setdefault(rec["archive"], []).append(rec)
+stored = stored_records(root)
 bad = 0
 for name, number in kinds.items():
     got = stored.get(name, [])

@@ -52,9 +52,7 @@ else:
         bad.append(json.dumps(v["P1"]))
     if float(v["Vstd1"]["value"]) < 50000 or any(x["quality"] != 192 for x in last):
         bad.append(json.dumps(v["Vstd1"]))
-for b in bad:
-    print("  " + b)
-sys.exit(1 if bad else 0)
+report(bad)
 PY
 }
 

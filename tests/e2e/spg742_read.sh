@@ -113,9 +113,7 @@ for v in vals:
 p1 = [float(v["value"]) for v in vals if v["name"] == "P1"]
 if not p1 or not 3.0 < p1[0] < 4.3:
     bad.append("P1 %s" % p1)
-for b in bad:
-    print("  " + b)
-sys.exit(1 if bad else 0)
+report(bad)
 PY
 }
 
