@@ -505,16 +505,7 @@ size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
     return sink.finish(true);
 }
 
-int CMtdBaseDriver::ReadHourlyArch() {
-    const time_t t = now();
-    const time_t next = when_next_arch_hourly;
-    if (next >= t) {
-        MTD_LOG(Info, "CMtdBaseDriver:: Time next param less than the current.");
-        return 0;
-    }
-    GetMaxTimestampIn(ARCH_HOURLY, next);
-    return static_cast<int>(readAndStore(ARCH_HOURLY, next, t));
-}
+int CMtdBaseDriver::ReadHourlyArch() { return readFromNext(ARCH_HOURLY, when_next_arch_hourly, nullptr); }
 
 int CMtdBaseDriver::ReadDailyArch() {
     const time_t t = now();
@@ -536,7 +527,7 @@ int CMtdBaseDriver::ReadDailyArch() {
     return static_cast<int>(read);
 }
 
-int CMtdBaseDriver::readJournal(int archType, std::atomic<time_t>& nextTime, const char* absentText) {
+int CMtdBaseDriver::readFromNext(int archType, const std::atomic<time_t>& nextTime, const char* absentText) {
     const time_t t = now();
     const time_t next = nextTime;
     if (next >= t) {
@@ -545,19 +536,19 @@ int CMtdBaseDriver::readJournal(int archType, std::atomic<time_t>& nextTime, con
     }
     GetMaxTimestampIn(archType, next);
     const size_t read = readAndStore(archType, next, t);
-    if (read == 0)
+    if (read == 0 && absentText)
         MTD_LOG(Info, "%s", absentText);
     return static_cast<int>(read);
 }
 
 int CMtdBaseDriver::ReadJournalEventArch() {
-    return readJournal(ARCH_JOURNAL_EVENT, when_next_arch_journal_event,
-                       "CMtdBaseDriver::ReadJournalEventArch archive info is absent.");
+    return readFromNext(ARCH_JOURNAL_EVENT, when_next_arch_journal_event,
+                        "CMtdBaseDriver::ReadJournalEventArch archive info is absent.");
 }
 
 int CMtdBaseDriver::ReadJournalInterventArch() {
-    return readJournal(ARCH_JOURNAL_INTERVENT, when_next_arch_journal_intervent,
-                       "CMtdBaseDriver::ReadJournalInterventArch archive info is absent.");
+    return readFromNext(ARCH_JOURNAL_INTERVENT, when_next_arch_journal_intervent,
+                        "CMtdBaseDriver::ReadJournalInterventArch archive info is absent.");
 }
 
 bool CMtdBaseDriver::GetArchActual() {

@@ -219,7 +219,9 @@ private:
     // Runs get_arch_values over one window through a sink and stores what the
     // sink took, also when it throws; returns the number of records taken.
     size_t readAndStore(int archType, time_t from, time_t to);
-    int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
+    // Reads one kind from its next time up to now; `absentText` (may be null)
+    // is logged when nothing came.
+    int readFromNext(int archType, const std::atomic<time_t>& next, const char* absentText);
     // True (after the three schedule lines) when the hourly or daily read
     // starting at `next` is due: its interval closed 119 s ago or more.
     bool archiveDue(int archType, time_t next);
