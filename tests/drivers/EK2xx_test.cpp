@@ -30,9 +30,9 @@ constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 on the device
 
 struct Rig {
     test_support::LogCapture log;
-    test_support::TempDir dir{"mtd_ek2xx"};
     CMeterSim sim;
-    std::unique_ptr<CConnector> conn;
+    test_support::DriverLine line;
+    test_support::TempDir& dir = line.dir;
     CmtdEK2xxTC2xx driver;
 
     Rig(SMeterSimConfig cfg, int model, const std::string& serial = "12345678", const ConfigMap& extra = {},
@@ -44,16 +44,10 @@ struct Rig {
               cfg.clockScale = 1e-9;  // the device clock stands still
               return cfg;
           }()),
+          line(started(sim).slavePath(), "9600", timeoutMs, "mtd_ek2xx"),
           driver(model) {
-        EXPECT_TRUE(sim.open());
-        EXPECT_TRUE(sim.start());
-        LedPaths leds;
-        leds.transmit = leds.receive = dir / "led";
-        PortParams port{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", timeoutMs}};
-        conn = std::make_unique<CConnector>(port, leds);
-        EXPECT_TRUE(conn->open_device());
+        EXPECT_TRUE(line.opened);
         CDeviceConfig config;
-        config.meter_id = "42";
         config.params = {{"speed", "9600"}, {"systems", "3;"}, {"manufacturer", "ek270"}};
         for (const auto& kv : extra)
             config.params[kv.first] = kv.second;
@@ -61,12 +55,12 @@ struct Rig {
         config.password1 = "00000000";
         config.password2 = "11111111";
         config.serial_text = serial;
-        driver.save_init_params(config);
-        DriverPaths paths;
-        paths.controlDir = dir.path;
-        paths.storageRoot = dir / "storage/";
-        driver.setPaths(paths);
-        driver.SaveConnector(conn.get());
+        line.attach(driver, config);
+    }
+    static CMeterSim& started(CMeterSim& sim) {
+        EXPECT_TRUE(sim.open());
+        EXPECT_TRUE(sim.start());
+        return sim;
     }
     ~Rig() { driver.StopPolling(); }
     // The protocol's pauses between send and reply, skipped (the simulator answers at once).
@@ -92,24 +86,11 @@ struct Rig {
             std::this_thread::yield();
         return sim.breaksSeen();
     }
-    time_t lastStored(int type) {
-        return GasFileConnector("42", dir / "storage/", dir.path).GetLastTimestamp(type);
-    }
+    time_t lastStored(int type) { return line.lastStored(type); }
 };
 
-std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
-    std::map<std::string, CValueRecord> m;
-    for (const auto& r : v)
-        m[r.name] = r;
-    return m;
-}
-
-std::vector<std::string> names(const std::vector<CValueRecord>& v) {
-    std::vector<std::string> out;
-    for (const auto& r : v)
-        out.push_back(r.name);
-    return out;
-}
+using test_support::byName;
+using test_support::names;
 
 TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
     SMeterSimConfig cfg;
@@ -117,7 +98,7 @@ TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
     cfg.errorRegisters = {"12:314.0"};
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
     ASSERT_TRUE(rig.driver.init());
-    EXPECT_EQ(rig.conn->settings().speed, 19200);
+    EXPECT_EQ(rig.line.conn->settings().speed, 19200);
     EXPECT_EQ(rig.sim.currentBaud(), 19200);
     EXPECT_EQ(rig.sim.registerValue("4:170.0"), "1");
 

@@ -7,8 +7,10 @@
 // then calls attach() with the meter's configuration.
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdClock.h"
@@ -31,6 +33,20 @@ public:
 private:
     time_t m_now;
 };
+
+// Published values by name, and their names in order.
+inline std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& values) {
+    std::map<std::string, CValueRecord> m;
+    for (const auto& v : values)
+        m[v.name] = v;
+    return m;
+}
+inline std::vector<std::string> names(const std::vector<CValueRecord>& values) {
+    std::vector<std::string> out;
+    for (const auto& v : values)
+        out.push_back(v.name);
+    return out;
+}
 
 struct DriverLine {
     TempDir dir;
