@@ -15,23 +15,11 @@
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "core/DataCodes.h"
 #include "fuzz/CReplayTransport.h"
+#include "fuzz/DriverSteps.h"
 #include "fuzz/FuzzLog.h"
 #include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
-#include "tests/support/ArchiveCollector.h"
 
-namespace {
-
-template <typename F>
-void ignoringCycleEnd(F f) {
-    try {
-        f();
-    } catch (const std::runtime_error&) {
-        // CDisconnectException and friends: the driver ends the cycle, which is fine.
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
@@ -54,12 +42,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const time_t from = 1714000000;  // 2024-04-24
     const time_t to = 1714600000;
-    ignoringCycleEnd([&] { driver.init(); });
-    ignoringCycleEnd([&] { driver.get_all_system_values(); });
-    ignoringCycleEnd([&] { driver.get_all_curtime_cur_integ_values(); });
-    for (int arch : {ARCH_HOURLY, ARCH_DAILY, ARCH_JOURNAL_EVENT}) {
-        std::vector<ArchiveRecord> out;
-        ignoringCycleEnd([&] { test_support::readArchive(driver, arch, from, to, out); });
-    }
+    runDriverSteps(driver, {ARCH_HOURLY, ARCH_DAILY, ARCH_JOURNAL_EVENT}, from, to);
     return 0;
 }

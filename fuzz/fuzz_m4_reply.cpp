@@ -21,18 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
     fuzzLogAll();
-    LogikaRequest request;
-    switch (data[0] % 3) {
-    case 0:
-        request = {"Session", M4::kFnSessionStart, 0, 0, {}};
-        break;
-    case 1:
-        request = {"Read Param", M4::kFnReadParam, 0, 1024, {}};
-        break;
-    default:
-        request = {"Read Archive", M4::kFnReadArchive, 0, 0, {0x00, 0x01, 1714000000, 1714600000}};
-        break;
-    }
+    const LogikaRequest requests[] = {
+        {"Session", M4::kFnSessionStart, 0, 0, {}},
+        {"Read Param", M4::kFnReadParam, 0, 1024, {}},
+        {"Read Archive", M4::kFnReadArchive, 0, 0, {0x00, 0x01, 1714000000, 1714600000}},
+    };
+    const LogikaRequest& request = requests[data[0] % 3];
     CConnector conn{std::make_unique<CReplayTransport>(data + 1, size - 1)};
     M4::CM4 m4(conn, 1, 1, "fuzz", M4::Timing(), [](std::chrono::milliseconds) {});
     try {

@@ -13,10 +13,10 @@
 
 #include "drivers/logika/CmtdSPG741.h"
 #include "fuzz/CReplayTransport.h"
+#include "fuzz/DriverSteps.h"
 #include "fuzz/FuzzLog.h"
 #include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
-#include "tests/support/ArchiveCollector.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzzLogAll();
@@ -30,20 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     driver.setTiming(M4::Timing(), [](std::chrono::milliseconds) {});
     driver.SaveConnector(&conn);
 
-    auto step = [](auto f) {
-        try {
-            f();
-        } catch (const std::runtime_error&) {
-            // CDisconnectException and friends end the cycle, which is fine.
-        }
-    };
-    const time_t from = 1714000000, to = 1714600000;
-    step([&] { driver.init(); });
-    step([&] { driver.get_all_system_values(); });
-    step([&] { driver.get_all_curtime_cur_integ_values(); });
-    for (int arch : {ARCH_DAILY, ARCH_HOURLY, ARCH_JOURNAL_EVENT}) {
-        std::vector<ArchiveRecord> out;
-        step([&] { test_support::readArchive(driver, arch, from, to, out); });
-    }
+    runDriverSteps(driver, {ARCH_DAILY, ARCH_HOURLY, ARCH_JOURNAL_EVENT}, 1714000000, 1714600000);
     return 0;
 }
