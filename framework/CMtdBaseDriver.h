@@ -37,6 +37,7 @@
 
 #include "framework/CMtdClock.h"
 #include "framework/CMtdStatus.h"
+#include "core/logger.h"
 #include "core/myThreadAttached.h"
 #include "core/CDeviceConfig.h"
 #include "core/CValueRecord.h"
@@ -45,6 +46,10 @@
 
 class CConnector;
 class CJSONRPCConnector;
+
+// A line about this driver's meter, from inside a driver: opens with
+// "[<id>][<driver name>] "; `fmt` is a literal.
+#define MTD_DLOG(sev, fmt, ...) MTD_LOG(sev, "[%lld][%s] " fmt, logId(), driverName(), ##__VA_ARGS__)
 class GasFileConnector;
 
 // Where a driver keeps its archives and finds the control files.
@@ -112,7 +117,7 @@ public:
     bool WaitTurnReturned(std::chrono::milliseconds timeout);
 
     const CDeviceConfig& config() const { return m_config; }
-    // Name used in log lines ("[%lld][%s] ").
+    // Name used in the "[id][name] " opening of the driver's log lines (MTD_DLOG).
     virtual const char* driverName() const { return "CMtdBaseDriver"; }
 
     // Also points the host link's retry loop at this driver's cancel flag, so
@@ -223,6 +228,5 @@ private:
     std::atomic<bool> m_cancel{false};
     std::mutex m_turnMutex;
     std::condition_variable m_turnCv;
-    bool m_isEk270 = false;
     bool m_sessionOpened = false;  // polling thread only
 };

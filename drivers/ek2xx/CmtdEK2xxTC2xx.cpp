@@ -237,8 +237,7 @@ const char* CmtdEK2xxTC2xx::getMeterModelName() const {
     case TC215: return "TC215";
     case TC220: return "TC220";
     default:
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::getMeterModelName() - UNKNOWN METER MODEL %d !!!", logId(),
-                driverName(), m_model);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::getMeterModelName() - UNKNOWN METER MODEL %d !!!", m_model);
         return "unknown !!!";
     }
 }
@@ -264,8 +263,7 @@ const CmtdEK2xxTC2xx::SRequest* CmtdEK2xxTC2xx::findRequest(const std::string& n
 bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& data) {
     const SRequest* row = findRequest(name);
     if (!m_proto || !row || row->address[0] == '\0') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::sendRequest('%s') - CAN'T SEND REQUEST BECAUSE IT ADDRESS IS EMPTY !!!",
-                logId(), driverName(), name.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::sendRequest('%s') - CAN'T SEND REQUEST BECAUSE IT ADDRESS IS EMPTY !!!", name.c_str());
         return false;
     }
     // Once stopping, and before the session is up, only what opens or ends a
@@ -273,7 +271,7 @@ bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& dat
     // each waiting out its attempts on a meter that cannot answer them.
     const bool sessionRow = row->kind == K::SignOn || row->kind == K::OptionSelect || row->kind == K::Break;
     if (!sessionRow && (isStopping() || !m_signedOn)) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::sendRequest('%s') - %s, REQUEST NOT SENT", logId(), driverName(),
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::sendRequest('%s') - %s, REQUEST NOT SENT",
                 name.c_str(), isStopping() ? "STOPPING" : "NO SESSION");
         return false;
     }
@@ -293,9 +291,7 @@ bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& dat
 }
 
 bool CmtdEK2xxTC2xx::init() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::init() -------------------------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::init() -------------------------------------------");
     m_consumerPassword = m_config.password1.empty() ? m_config.password : m_config.password1;
     m_supplierPassword = m_config.password2;
     m_address = m_config.get("address");
@@ -309,42 +305,41 @@ bool CmtdEK2xxTC2xx::init() {
         m_sys = "1";
     m_srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
     m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : m_srvTZ;
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", id,
-            nm, getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s", id, nm,
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s",
             m_config.serial_text.c_str(), m_address.c_str(), systems.c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", id, nm, m_srvTZ, m_puTZ,
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, m_puTZ,
             m_puTZ - m_srvTZ);
-    const int configured = m_config.speed > 0 ? m_config.speed : std::atoi(m_config.get("speed").c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", id, nm, configured, data_rate);
+    const int configured = m_config.speed;
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", configured, data_rate);
     if (m_model < EK260 || m_model > TC215) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - UNKNOWN MODEL", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - UNKNOWN MODEL");
         return false;
     }
     if (!m_proto) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO CONNECTOR", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - NO CONNECTOR");
         return false;
     }
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d", id, nm,
+    const int current = static_cast<int>(m_connector->settings().speed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d",
             current, configured);
     if (configured > 0 && !m_proto->ChangeBaudRate(configured)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - CAN'T SET INITIAL BAUD RATE", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - CAN'T SET INITIAL BAUD RATE");
         return false;
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", id, nm, m_address.c_str());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", m_address.c_str());
     if (!sendRequest("Open Consumer Session")) {
         // A line that was hung up (an adapter unplugged, a modem or a pseudo-
         // terminal gone) stays dead on the old descriptor: close it so the next
         // cycle opens the device node afresh.
         // The cycle ends at the device time, which cannot be read without a session.
         m_connector->close_device();
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO ANSWER TO THE SIGN-ON", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - NO ANSWER TO THE SIGN-ON");
         return false;
     }
     m_proto->setSpeedSymbol(m_deviceSpeed);
     if (!sendRequest("Ack Consumer Options")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - OPTIONS NOT ACKNOWLEDGED", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - OPTIONS NOT ACKNOWLEDGED");
         return false;
     }
     m_signedOn = true;
@@ -359,7 +354,7 @@ void CmtdEK2xxTC2xx::session_close() {
     // Also after a sign-on that got no answer: the device may have heard it.
     if (m_proto && m_connector && m_connector->is_open()) {
         sendRequest("Close Session");
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::session_close() - break sent", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::session_close() - break sent");
     }
     m_signedOn = false;
     m_consumerLockState.clear();
@@ -368,7 +363,7 @@ void CmtdEK2xxTC2xx::session_close() {
 
 void CmtdEK2xxTC2xx::cycle_end() {
     // The break went out before the turn was given back (session_close).
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::cycle_end() - session closed", logId(), driverName());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::cycle_end() - session closed");
 }
 
 bool CmtdEK2xxTC2xx::openConsumerAccess() {
@@ -400,19 +395,16 @@ bool CmtdEK2xxTC2xx::parseIdent(const std::vector<std::string>&) {
     std::string ident(m_reply.begin(), m_reply.end());
     while (!ident.empty() && (ident.back() == '\n' || ident.back() == '\r'))
         ident.pop_back();
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseIdent() - identification '%s', speed symbol '%c'", logId(),
-            driverName(), ident.c_str(), m_deviceSpeed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseIdent() - identification '%s', speed symbol '%c'", ident.c_str(), m_deviceSpeed);
     return true;
 }
 
 bool CmtdEK2xxTC2xx::parseOptAck(const std::vector<std::string>&) {
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
+    const int current = static_cast<int>(m_connector->settings().speed);
     const int desired = m_proto->SpeedSymbolToBaudRate(m_deviceSpeed);
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseOptAck() - current baud rate = %d, desired baud rate = %d ('%c')",
-            logId(), driverName(), current, desired, m_deviceSpeed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseOptAck() - current baud rate = %d, desired baud rate = %d ('%c')", current, desired, m_deviceSpeed);
     if (!m_proto->ChangeBaudRate(m_deviceSpeed)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseOptAck() - CAN'T SET REQUESTED BY DEVICE BAUD RATE", logId(),
-                driverName());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseOptAck() - CAN'T SET REQUESTED BY DEVICE BAUD RATE");
         return false;
     }
     return true;
@@ -420,24 +412,23 @@ bool CmtdEK2xxTC2xx::parseOptAck(const std::vector<std::string>&) {
 
 bool CmtdEK2xxTC2xx::parseConsumerLock(const std::vector<std::string>& values) {
     m_lockState = values.empty() ? std::string() : values[0];
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - lock status = '%s'", logId(), driverName(),
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerLock() - lock status = '%s'",
             m_lockState.c_str());
     if (m_lockState == "1") {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - access is allowed", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerLock() - access is allowed");
         return true;
     }
-    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - ACCESS IS DENIED !!!", logId(), driverName());
+    MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseConsumerLock() - ACCESS IS DENIED !!!");
     return false;
 }
 
 bool CmtdEK2xxTC2xx::parseConsumerAck(const std::vector<std::string>&) {
     const uint8_t first = m_reply.empty() ? 0 : m_reply[0];
     if (first == CGost61107Connector::ACK) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerAck() - consumer lock is opened", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerAck() - consumer lock is opened");
         return true;
     }
-    MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerAck() - CAN'T OPEN CONSUMER LOCK !!! GET '%c' (0x%02X)",
-            logId(), driverName(), first >= 0x20 && first < 0x7F ? first : '.', first);
+    MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseConsumerAck() - CAN'T OPEN CONSUMER LOCK !!! GET '%c' (0x%02X)", first >= 0x20 && first < 0x7F ? first : '.', first);
     return false;
 }
 
@@ -446,8 +437,7 @@ bool CmtdEK2xxTC2xx::parseString(const std::string& text, std::string& value, st
     value = text.substr(0, star);
     unit = star == std::string::npos ? std::string() : text.substr(star + 1);
     if (!value.empty() && value[0] == '#') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseString() - DEVICE RETURNS ERROR CODE '%s' !!!", logId(),
-                driverName(), value.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseString() - DEVICE RETURNS ERROR CODE '%s' !!!", value.c_str());
         return false;
     }
     return true;
@@ -467,7 +457,7 @@ bool CmtdEK2xxTC2xx::parseRateHour(const std::vector<std::string>& values) {
     char* end = nullptr;
     long h = std::strtol(m_value.c_str(), &end, 10);
     if (*end != '\0' || h < 0 || h > 23) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseRateHour() - WRONG RATE HOUR %d !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseRateHour() - WRONG RATE HOUR %d !!!",
                 static_cast<int>(h));
         return false;
     }
@@ -482,16 +472,14 @@ bool CmtdEK2xxTC2xx::parseArchPeriod(const std::vector<std::string>& values) {
     long minutes = std::strtol(m_value.c_str(), &end, 10);
     if (isTc()) {
         if (*end != '\0' || (minutes != 60 && minutes != 1440)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%s'",
-                    logId(), driverName(), m_value.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArchPeriod() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%s'", m_value.c_str());
             return false;
         }
     } else if (*end != '\0' || minutes <= 0 || minutes > 1440) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - WRONG ARCHIVING PERIOD %s MIN !!!", logId(),
-                driverName(), m_value.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArchPeriod() - WRONG ARCHIVING PERIOD %s MIN !!!", m_value.c_str());
         return false;
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - archiving period is %s min", logId(), driverName(),
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseArchPeriod() - archiving period is %s min",
             m_value.c_str());
     m_archPeriodMin = static_cast<int>(minutes);
     return true;
@@ -504,21 +492,17 @@ bool CmtdEK2xxTC2xx::parseKcMode(const std::vector<std::string>& values) {
     if (m_model == EK270) {
         m_hasPassport = m_kcMode == 2 || m_kcMode == 7;
         if (!m_hasPassport)
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseKcMode() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.",
-                    logId(), driverName(), m_kcMode);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseKcMode() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.", m_kcMode);
     } else {
         m_hasPassport = m_kcMode == 2 || m_kcMode == 1;
         if (!m_hasPassport)
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseKcMode() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.",
-                    logId(), driverName(), m_kcMode);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseKcMode() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.", m_kcMode);
     }
     return true;
 }
 
 std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_all_system_values() ----------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_all_system_values() ----------------------------");
     std::vector<CValueRecord> out;
     m_kcMode = -1;
     m_hasPassport = false;
@@ -533,12 +517,11 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
         out.push_back(r);
     };
     if (!sendRequest("Read Serial Number")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
     } else {
         const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
         if (!given.empty() && m_value != given) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-                    id, nm, m_value.c_str(), given.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.", m_value.c_str(), given.c_str());
             throw CWrongPacketException("serial number mismatch");
         }
         add("SerialNumber", m_value);
@@ -557,8 +540,7 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
         if (sendRequest(row.request))
             add(row.name, m_value);
         else
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
-                    id, nm, row.request);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", row.request);
     }
     return out;
 }
@@ -569,7 +551,7 @@ bool CmtdEK2xxTC2xx::parseDateTime(const std::string& text, time_t& t) const {
     int n = std::sscanf(text.c_str(), "%d-%d-%d,%d:%d:%d%c", &y, &mo, &d, &h, &mi, &s, &tail);
     if ((n != 6 && !(n == 7 && tail == ',')) || mo < 1 || mo > 12 || d < 1 || d > 31 || h < 0 || h > 23 || mi < 0 ||
         mi > 59 || s < 0 || s > 60) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseDateTime() - CAN'T PARSE '%s'", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseDateTime() - CAN'T PARSE '%s'",
                 text.c_str());
         return false;
     }
@@ -590,8 +572,7 @@ bool CmtdEK2xxTC2xx::deviceTime(time_t& t) {
 
 bool CmtdEK2xxTC2xx::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     if (!deviceTime(deviceTimeOut)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
         throw CNoDateTimeException("device time");
     }
     if (m_rateHour < 0)
@@ -604,7 +585,7 @@ double CmtdEK2xxTC2xx::getPressureCoef(const std::string& unit) const {
     double factor = 0;
     uint32_t code = pressureUnitCode(unit);
     if (code == DU_UNKNOWN || !pressureFactor(code, factor)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'",
                 unit.c_str());
         return 0;
     }
@@ -614,7 +595,7 @@ double CmtdEK2xxTC2xx::getPressureCoef(const std::string& unit) const {
 double CmtdEK2xxTC2xx::fromAtmToPassP(double atm, int unit) const {
     double factor = 0;
     if (unit == DU_UNKNOWN || !pressureFactorInverse(static_cast<uint32_t>(unit), factor) || factor <= 0) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::fromAtmToPassP() - WRONG PassP UNIT %d !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::fromAtmToPassP() - WRONG PassP UNIT %d !!!",
                 unit);
         return -1;
     }
@@ -622,14 +603,11 @@ double CmtdEK2xxTC2xx::fromAtmToPassP(double atm, int unit) const {
 }
 
 std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() -----------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() -----------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     if (!deviceTime(now)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id,
-                nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!");
         throw CNoDateTimeException("device time");
     }
     CValueRecord dt;
@@ -643,8 +621,7 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
         if (!findRequest(cur.request))
             continue;  // the model has no such register
         if (!sendRequest(cur.request)) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
-                    id, nm, cur.request);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!", cur.request);
             continue;
         }
         CValueRecord r;
@@ -679,21 +656,18 @@ std::string CmtdEK2xxTC2xx::archArgument(const SRequest& row, time_t from, time_
 }
 
 void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
     const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily"
                        : archType == ARCH_JOURNAL_EVENT                            ? "Events"
                                                                                    : nullptr;
     if (!kind) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
                 archType, archTypeName(archType));
         return;
     }
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_arch_values(%s) ---------------------------------", id, nm,
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_arch_values(%s) ---------------------------------",
             archTypeName(archType));
     if (isTc() && archType != ARCH_JOURNAL_EVENT && m_archPeriodMin != (archType == ARCH_HOURLY ? 60 : 1440)) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%d'", id,
-                nm, m_archPeriodMin);
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_arch_values() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%d'", m_archPeriodMin);
         return;
     }
     time_t curr = 0;
@@ -704,8 +678,7 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         struct tm tm {};
         gmtime_r(&curr, &tm);
         std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)",
-                id, nm, static_cast<int>(curr), text);
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), text);
         to = curr;
     }
     if (from > to)
@@ -717,17 +690,16 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     // A device without this archive (it answers with an error code, or not at
     // all) costs this archive only: the cycle goes on to the next one.
     if (!sendRequest(prefix + " Headers")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - CAN'T READ %s HEADERS, ARCHIVE SKIPPED !!!", id, nm,
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - CAN'T READ %s HEADERS, ARCHIVE SKIPPED !!!",
                 archTypeName(archType));
         return;
     }
     if (m_headerCount != m_fields->size()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - REAL HEADERS COUNT %d DOESN'T MATCH DATA RECORDS GIVEN COUNT %d !!!",
-                id, nm, static_cast<int>(m_headerCount), static_cast<int>(m_fields->size()));
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - REAL HEADERS COUNT %d DOESN'T MATCH DATA RECORDS GIVEN COUNT %d !!!", static_cast<int>(m_headerCount), static_cast<int>(m_fields->size()));
         return;
     }
     if (!sendRequest(prefix + " Units"))
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - this archive doen't support units !!!", id, nm);
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - this archive doen't support units !!!");
 
     m_from = from;
     m_to = to;
@@ -747,8 +719,7 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         long blocks = 1;
         while (ok && !m_damaged && isNextRequest(to)) {
             if (++blocks > blockLimit) {
-                MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - MORE THAN %ld BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!",
-                        id, nm, blockLimit);
+                MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - MORE THAN %ld BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!", blockLimit);
                 bounded = true;
                 break;
             }
@@ -764,7 +735,7 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         m_damaged = false;
         if (m_lastRecord != 0)
             m_from = m_events ? m_lastRecord : m_lastRecord + 1;
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - read again from %d", id, nm,
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - read again from %d",
                 static_cast<int>(m_from));
         ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
     }
@@ -778,28 +749,26 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     }
     // Keep what came whole, up to the last good record, and let the cycle go
     // on; the next read starts after it.
-    MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!",
-            id, nm, static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
+    MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!", static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
     if (m_events)
         holdBackNewestSecond(out);
 }
 
 bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
     if (m_lastRecord > to) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - STOP BY TIME !!!", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - STOP BY TIME !!!");
         return false;
     }
     const size_t end = m_reply.size() - (m_proto->replyHasBcc() ? 1 : 0);
     if (end == 0 || m_reply[end - 1] != CGost61107Connector::EOT) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop by device !!!", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - stop by device !!!");
         return false;
     }
     if (isStopping()) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop requested between blocks", logId(),
-                driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - stop requested between blocks");
         return false;
     }
-    MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - send next ACK ...", logId(), driverName());
+    MTD_DLOG(Debug, "CmtdEK2xxTC2xx::isNextRequest() - send next ACK ...");
     return true;
 }
 
@@ -843,8 +812,7 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
             i = c + 1;
         }
         if (!good || values.size() != m_fields->size()) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD '%.32s' - SKIP THIS RECORD !!!", logId(),
-                    driverName(), line.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD '%.32s' - SKIP THIS RECORD !!!", line.c_str());
             if (endTransferAtDamage())
                 return true;
             continue;
@@ -852,13 +820,12 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
         // The check sum covers the text up to the ")" before it.
         std::string covered = line.substr(0, line.rfind('('));
         if (Crc16Arc::hex(covered) != values.back()) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD CRC '%s' - SKIP THIS RECORD !!!", logId(),
-                    driverName(), values.back().c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD CRC '%s' - SKIP THIS RECORD !!!", values.back().c_str());
             if (endTransferAtDamage())
                 return true;
             continue;
         }
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - CRC Ok", logId(), driverName());
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - CRC Ok");
         if (!parseArch(values) && m_damaged)
             return true;
     }
@@ -883,29 +850,24 @@ bool CmtdEK2xxTC2xx::endTransferAtDamage() {
         m_damagedTimes = 1;
     }
     if (m_damagedTimes >= kDamagedTransfers) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!",
-                logId(), driverName(), static_cast<int>(after), m_damagedTimes);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!", static_cast<int>(after), m_damagedTimes);
         m_damagedAfter = -1;
         m_lastNumber = -1;  // the next record may follow the skipped one
         return false;
     }
-    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE",
-            logId(), driverName(), static_cast<int>(after));
+    MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE", static_cast<int>(after));
     m_damaged = true;
     return true;
 }
 
 bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
-    const long long id = logId();
-    const char* nm = driverName();
     ArchiveRecord rec;
     rec.sys = std::atoi(m_sys.c_str()) > 0 ? std::atoi(m_sys.c_str()) : 1;
     time_t ts = 0;
     for (size_t i = 0; i < values.size(); ++i) {
         const char* field = (*m_fields)[i];
         if (!values[i].empty() && values[i][0] == '#')
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - GET ERROR CODE INSTEAD OF FIELD VALUE '%s' !!!", id,
-                    nm, field);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - GET ERROR CODE INSTEAD OF FIELD VALUE '%s' !!!", field);
         if (std::strcmp(field, "DateTime") == 0 && !parseDateTime(values[i], ts))
             return false;
         rec.fields.emplace_back(field, values[i]);
@@ -917,27 +879,26 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
     char* numEnd = nullptr;
     const long long number = std::strtoll(values[hasIdx ? 1 : 0].c_str(), &numEnd, 10);
     if (values[hasIdx ? 1 : 0].empty() || *numEnd != '\0') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!", id, nm,
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!",
                 values[hasIdx ? 1 : 0].c_str());
         return !endTransferAtDamage();
     }
     if (m_lastNumber >= 0 && number <= m_lastNumber) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.", id, nm,
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.",
                 number);
         return true;
     }
     const bool numberJump = hasIdx && m_lastNumber >= 0 && number != m_lastNumber + 1;
     const bool timeJump = !hasIdx && m_period > 0 && m_lastNumber >= 0 && ts - m_lastRecord > m_period;
     if (numberJump || timeJump) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", id,
-                nm, number, static_cast<int>(ts));
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", number, static_cast<int>(ts));
         if (endTransferAtDamage())
             return false;
     }
     m_lastNumber = number;
     m_lastRecord = ts;
     if (ts < m_from || ts > m_to) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.", id, nm,
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.",
                 static_cast<int>(ts), static_cast<int>(m_from), static_cast<int>(m_to));
         return true;
     }
@@ -949,7 +910,7 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
         if (code.empty() || *end != '\0' || n > 0xFFFF) {
             // Kept with its code as the meter gave it: a journal entry the
             // meter holds is never left out.
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - WRONG EVENT CODE = '%s' !!!", id, nm, code.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - WRONG EVENT CODE = '%s' !!!", code.c_str());
             rec.fields.emplace_back("event", "unknown");
             rec.fields.emplace_back("state", "unknown");
             rec.fields.emplace_back("intervention", "0");
@@ -962,8 +923,7 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
             if (e.code == (n & 0x7FFF))
                 found = &e;
         if (!found) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - UNKNOWN EVENT CODE '%s' = '%s' (0x%04x) !!!", id,
-                    nm, "Event", code.c_str(), static_cast<unsigned>(n));
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - UNKNOWN EVENT CODE '%s' = '%s' (0x%04x) !!!", "Event", code.c_str(), static_cast<unsigned>(n));
         }
         rec.fields.emplace_back("event", found ? found->event : "unknown");
         rec.fields.emplace_back("state", (n & 0x8000) ? "on" : "off");
@@ -975,27 +935,23 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
 }
 
 void CmtdEK2xxTC2xx::writeGasPasport() {
-    const long long id = logId();
-    const char* nm = driverName();
     std::map<std::string, std::string> values;
     if (!GetGasPassportParams(values))
         return;
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::writeGasPasport() ----------------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::writeGasPasport() ----------------------------------");
     // In a K calculation mode without gas analysis the device does not use the
     // passport: nothing is written (the request file is gone all the same).
     if (!isTc() && !m_hasPassport) {
         if (m_model == EK270)
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.",
-                    id, nm, m_kcMode);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.", m_kcMode);
         else
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.",
-                    id, nm, m_kcMode);
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.", m_kcMode);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
         return;
     }
     if (isTc() || !openSupplierAccess()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - CAN'T OPEN SUPPLIER LOCK", id, nm);
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - CAN'T OPEN SUPPLIER LOCK");
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
         return;
     }
     if (m_passPUnit == 0 && values.count("PassP") && sendRequest("Read PassP"))
@@ -1014,10 +970,10 @@ void CmtdEK2xxTC2xx::writeGasPasport() {
         if (row && row->kind == K::WriteW1 && sendRequest(name, value)) {
             ++written;
         } else {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - WARNING! CAN'T WRITE PARAM '%s' !!!", id, nm,
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::writeGasPasport() - WARNING! CAN'T WRITE PARAM '%s' !!!",
                     kv.first.c_str());
         }
     }
     if (written == 0)
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
 }

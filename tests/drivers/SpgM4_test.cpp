@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/DriverRig.h"
 #include "tools/m4sim/CM4Sim.h"
 #include "transport/CConnector.h"
 
@@ -23,10 +24,9 @@ namespace {
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 
 struct Rig {
-    std::string dir;
     M4SimOptions options;
     CM4Sim sim;
-    std::unique_ptr<CConnector> conn;
+    std::unique_ptr<test_support::DriverLine> line;
     CmtdSpgM4 driver{CmtdSpgM4::SPG742};
 
     static M4SimOptions meter(int tzHours) {
@@ -56,28 +56,16 @@ struct Rig {
               return o;
           }()),
           sim(makeM4SimModel("spg742", options), options, server(silentAfterArchive)) {
-        char tmpl[] = "/tmp/mtd_spgm4_XXXXXX";
-        dir = mkdtemp(tmpl);
         EXPECT_TRUE(sim.open());
         EXPECT_TRUE(sim.start());
-        LedPaths leds;
-        leds.transmit = leds.receive = dir + "/led";
-        conn = std::make_unique<CConnector>(PortParams{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", "300"}},
-                                            leds);
-        EXPECT_TRUE(conn->open_device());
+        line = std::make_unique<test_support::DriverLine>(sim.slavePath(), "9600");
+        EXPECT_TRUE(line->opened);
         CDeviceConfig config;
-        config.meter_id = "42";
         config.params = {{"address", "3"}, {"systems", "1;"}, {"manufacturer", "spg742"},
                          {"pu_TZ", std::to_string(tzHours)}};
         config.serial_text = serial;
-        driver.save_init_params(config);
-        DriverPaths paths;
-        paths.controlDir = dir + "/";
-        paths.storageRoot = dir + "/storage/";
-        driver.setPaths(paths);
-        driver.SaveConnector(conn.get());
+        line->attach(driver, config);
     }
-    ~Rig() { std::system(("rm -rf '" + dir + "'").c_str()); }
 
     // The meter's own list of an archive, "<time> name=value ..." a line.
     std::vector<std::string> dump(int archive, time_t until) const {
@@ -213,7 +201,7 @@ TEST(SpgM4, StopOnASilentLineIsNotHeldByThePausesBetweenAttempts) {
     Rig rig(0, "74212", 1);
     ASSERT_TRUE(rig.driver.init());
     std::atomic<bool> abort{true};
-    rig.conn->SetAbortFlag(&abort);
+    rig.line->conn->SetAbortFlag(&abort);
     rig.driver.StopPolling();
     const auto began = std::chrono::steady_clock::now();
     std::vector<ArchiveRecord> out;
@@ -222,7 +210,7 @@ TEST(SpgM4, StopOnASilentLineIsNotHeldByThePausesBetweenAttempts) {
     } catch (const std::exception&) {
         // how the cycle ends does not matter here, only how soon
     }
-    rig.conn->SetAbortFlag(nullptr);
+    rig.line->conn->SetAbortFlag(nullptr);
     // Three pauses of a whole second without the fix; a loaded machine needs
     // far less than that for a few aborted reads.
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1500));
