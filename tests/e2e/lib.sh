@@ -15,7 +15,8 @@
 #   wait_exit PID [SECS]         sets EXIT_STATUS; false when still running
 #   check NAME COND...           runs COND, counts a failure with NAME
 #   stop_started                 ends every process started through these helpers
-#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set) for a look after the run
+#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set, or below
+#                                $BUILD_DIR/e2e-failed/ when the case failed) for a look after the run
 #
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
@@ -173,6 +174,12 @@ stop_started() {
 }
 
 keep_work() {
+    # A failed case keeps its files anyway, below the build folder (which
+    # outlives the namespace): a rare failure must not vanish with its logs.
+    if [ -z "${MTD_E2E_KEEP:-}" ] && [ "${FAILURES:-0}" -gt 0 ]; then
+        MTD_E2E_KEEP="$E2E_BUILD_DIR/e2e-failed/$(basename "$0" .sh).$(date +%Y%m%d-%H%M%S).$$"
+        echo "files of the failed case kept in $MTD_E2E_KEEP"
+    fi
     [ -n "${MTD_E2E_KEEP:-}" ] || return 0
     mkdir -p "$MTD_E2E_KEEP" && cp -r "$WORK" /mnt/storage "$MTD_E2E_KEEP/" 2>/dev/null
     return 0
