@@ -110,8 +110,7 @@ CControlFiles::CControlFiles(std::string controlDir, ControlFileOwners owners)
         m_dir += '/';
 }
 
-bool CControlFiles::trustedDescriptor(int fd, const std::string& path) const {
-    struct stat st;
+bool CControlFiles::trustedDescriptor(int fd, const std::string& path, struct stat& st) const {
     if (::fstat(fd, &st) != 0) {
         MTD_LOG(Warning, "%s: control file ignored, fstat failed: %s", path.c_str(), strerror(errno));
         return false;
@@ -138,7 +137,8 @@ bool CControlFiles::trustedExists(const std::string& path) const {
             untrustedReports().forget(path);
         return false;
     }
-    return trustedDescriptor(fd.get(), path);
+    struct stat st;
+    return trustedDescriptor(fd.get(), path, st);
 }
 
 std::string CControlFiles::lockPath(int kind, const std::string& name) const {
@@ -217,11 +217,9 @@ CControlFiles::PassportResult CControlFiles::readPassport(const std::string& met
                 strerror(errno));
         return PASSPORT_REFUSED;
     }
-    if (!trustedDescriptor(fd.get(), path))
-        return PASSPORT_REFUSED;  // an untrusted file stays where it is, unread
     struct stat st;
-    if (::fstat(fd.get(), &st) != 0)
-        return refuse("not a regular file");
+    if (!trustedDescriptor(fd.get(), path, st))
+        return PASSPORT_REFUSED;  // an untrusted file stays where it is, unread
     if (st.st_size > kMaxPassportBytes)
         return refuse("too large");
 

@@ -72,8 +72,9 @@ private:
     // True when `path` exists and may be honoured; an untrusted file is
     // reported (once while it stays the same) and counts as absent.
     bool trustedExists(const std::string& path) const;
-    // Judges an open descriptor; false (and the Warning) when it is not trusted.
-    bool trustedDescriptor(int fd, const std::string& path) const;
+    // Judges an open descriptor (its fstat in `st`); false (and the Warning)
+    // when it is not trusted.
+    bool trustedDescriptor(int fd, const std::string& path, struct stat& st) const;
 
     std::string m_dir;
     ControlFileOwners m_owners;

@@ -269,6 +269,15 @@ bool GasFileConnector::makeDirs(const std::string& path) {
     struct stat st;
     if (::stat(m_root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
         return false;
+    // A folder made by an earlier call whose parent could not be synced then:
+    // it exists now, but is not on the disk until its parent is synced.
+    for (auto it = m_unsyncedParents.begin(); it != m_unsyncedParents.end();) {
+        if (!syncFolder(*it)) {
+            MTD_LOG(Err, "GasFileConnector: cannot sync folder [%s]: %s", it->c_str(), strerror(errno));
+            return false;
+        }
+        it = m_unsyncedParents.erase(it);
+    }
     for (size_t pos = m_root.size(); pos < path.size();) {
         size_t slash = path.find('/', pos);
         if (slash == std::string::npos)
@@ -278,6 +287,7 @@ bool GasFileConnector::makeDirs(const std::string& path) {
             const std::string parent = path.substr(0, pos);
             if (!syncFolder(parent)) {
                 MTD_LOG(Err, "GasFileConnector: cannot sync folder [%s]: %s", parent.c_str(), strerror(errno));
+                m_unsyncedParents.insert(parent);
                 return false;
             }
         } else if (errno != EEXIST) {

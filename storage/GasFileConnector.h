@@ -115,5 +115,7 @@ private:
     // Kinds whose state file lags behind m_last (a failed write); released
     // files are held back until it is saved, or a restart could store them twice.
     std::set<Key> m_dirty;
+    // Folders holding a new folder that could not be synced yet (makeDirs).
+    std::set<std::string> m_unsyncedParents;
     LockWaiter m_waiter;
 };

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "core/logger.h"
 
@@ -148,19 +149,22 @@ int CRSConnector::WriteBuffer(const unsigned char* buffer, uint16_t length, bool
     if (blink)
         m_ledTransmit.Blink(true);
     const int written = static_cast<int>(::write(m_fd.get(), buffer, length));
-    startReply(written > 0 ? static_cast<size_t>(written) : 0);
+    // The reply's clock starts at the first read: some protocols pause
+    // between request and reply on purpose (the M4 layer's 1 s).
+    m_replyStarted = false;
+    m_requestBytes = written > 0 ? static_cast<size_t>(written) : 0;
     return written;
 }
 
-void CRSConnector::startReply(size_t written) {
+void CRSConnector::startReply() {
     m_replyStart = Clock::now();
     m_replyStarted = true;
-    m_replyBytes = written;
+    m_replyBytes = std::exchange(m_requestBytes, 0);
 }
 
 int CRSConnector::waitReply(uint32_t timeout_ms, uint16_t wanted) {
     if (!m_replyStarted)
-        startReply(0);  // reads with no request before them: the clock starts now
+        startReply();
     for (;;) {
         const uint64_t lineUs = (static_cast<uint64_t>(m_replyBytes) + wanted) * m_charUs * kReplySlowFactor;
         const auto deadline = m_replyStart + std::chrono::milliseconds(kReplyTimeouts * timeout_ms) +

@@ -15,10 +15,11 @@
 //
 // The read time-out measures silence, so a meter (or a bad converter) that
 // trickles one byte just inside it could hold a reply open for hours. A reply
-// (the reads after a write) therefore also has a deadline: twice the read
-// time-out plus four times the time the bytes written, received and asked for
-// take at the line speed. Past it the read fails after one Err line and a flush
-// of what came in; a whole silence time-out or a write starts a new reply.
+// (the reads after a write) therefore also has a deadline, counted from its
+// first read: twice the read time-out plus four times the time the bytes
+// written, received and asked for take at the line speed. Past it the read
+// fails after one Err line and a flush of what came in; a whole silence
+// time-out or a write starts a new reply.
 
 #include <atomic>
 #include <chrono>
@@ -70,8 +71,8 @@ private:
     // bytes with silence time-out `timeout_ms`: 0 also (after one Err line and
     // an input flush) when the reply has run out of time.
     int waitReply(uint32_t timeout_ms, uint16_t wanted);
-    // Starts the deadline of a new reply; `written` bytes were just sent.
-    void startReply(size_t written);
+    // Starts the deadline of a new reply, counting the request just sent.
+    void startReply();
 
     PortSettings m_settings;
     std::string m_path;
@@ -83,7 +84,8 @@ private:
     // The reply in progress (polling thread only).
     Clock::time_point m_replyStart{};
     bool m_replyStarted = false;
-    size_t m_replyBytes = 0;  // written and received so far
+    size_t m_replyBytes = 0;    // request and reply bytes of the reply in progress
+    size_t m_requestBytes = 0;  // sent since the last reply started
     // The last refused device, so that a retry every second logs once.
     std::string m_refused;
     std::atomic<const std::atomic<bool>*> m_abort{nullptr};

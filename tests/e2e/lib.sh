@@ -6,6 +6,7 @@
 #   e2e_case "$@"                first line of a case: re-runs the script inside
 #                                `unshare -rmn`, enters the namespace, cleans up on exit
 #   e2e_case_two_users "$@"      the same with a real second user at hand (as_other_user)
+#   e2e_private_etc_mtd_main     a private, empty /etc/mtd_main (line starter cases)
 #   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage (a checkout
 #                                or build folder below them stays in view)
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
@@ -85,6 +86,21 @@ e2e_private_mount() {
         mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
     done
     exec {fd}<&-
+}
+
+# e2e_private_etc_mtd_main: a private, empty /etc/mtd_main for the line starter.
+# /etc is covered by a tmpfs that links to every entry of the real one, which
+# stays untouched.
+e2e_private_etc_mtd_main() {
+    mkdir "$WORK/etc.real"
+    mount --rbind /etc "$WORK/etc.real"
+    mount -t tmpfs tmpfs /etc
+    local entry
+    for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
+        [ -e "$entry" ] || [ -L "$entry" ] || continue
+        [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
+    done
+    mkdir /etc/mtd_main
 }
 
 # as_other_user CMD ARGS... : CMD as the unprivileged second user (e2e_case_two_users).

@@ -12,16 +12,8 @@ HERE=$(cd "$(dirname "$0")" && pwd)
 e2e_case "$@"
 UNIT="$E2E_SOURCE_DIR/packaging/mtd_main@.service"
 
-# A private, empty /etc/mtd_main: /etc is covered by a tmpfs that links to every
-# entry of the real one, which stays untouched.
-mkdir "$WORK/etc.real"
-mount --rbind /etc "$WORK/etc.real"
-mount -t tmpfs tmpfs /etc
-for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
-    [ -e "$entry" ] || [ -L "$entry" ] || continue
-    [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
-done
-mkdir /etc/mtd_main
+# A private, empty /etc/mtd_main.
+e2e_private_etc_mtd_main
 
 # start_line LINE OUTFILE: runs the unit's ExecStart for instance LINE (the starter
 # taken from the checkout, the daemon from the build); sets BG_PID.

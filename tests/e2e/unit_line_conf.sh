@@ -21,15 +21,8 @@ e2e_case "$@"
 STARTER="$E2E_SOURCE_DIR/packaging/mtd_main-line"
 CANARY=/tmp/canary
 
-# A private /etc/mtd_main (see unit_line.sh).
-mkdir "$WORK/etc.real"
-mount --rbind /etc "$WORK/etc.real"
-mount -t tmpfs tmpfs /etc
-for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
-    [ -e "$entry" ] || [ -L "$entry" ] || continue
-    [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
-done
-mkdir /etc/mtd_main
+# A private, empty /etc/mtd_main.
+e2e_private_etc_mtd_main
 
 # The recorder: its arguments, one per line, NUL-free by construction of execve.
 cat >"$WORK/recorder" <<'REC'

@@ -296,9 +296,14 @@ TEST_F(Store, FailedSyncIsAFailedStore) {
                   1);
 
         store.failSuffix.clear();
+        store.syncedFolders.clear();
         ASSERT_TRUE(store.StoreRecords(ARCH_HOURLY, {rec(t), rec(t + 3600)}));
         EXPECT_EQ(t + 3600, store.GetLastTimestamp(ARCH_HOURLY));
         EXPECT_EQ(1u, listDir(staging(1, "tmp_archives")).size());
+        // The folder made by the failed attempt is synced in its parent now.
+        if (row.failSuffix == "7/1/") {
+            EXPECT_NE(store.syncedFolders.end(), std::find(store.syncedFolders.begin(), store.syncedFolders.end(), sys1));
+        }
     }
 
     // Every folder made for a batch is synced in its parent.
