@@ -123,15 +123,6 @@ bool CRSConnector::open_device() {
 
     termios tio{};
     lineSettings(m_settings, m_timeoutMs, tio);
-    long baud = m_settings.speedOr(kDefaultBaud);
-    if (baud != static_cast<int>(baud) || baudTable().count(static_cast<int>(baud)) == 0)
-        baud = kDefaultBaud;
-    const unsigned bits = 1 + ((tio.c_cflag & CSIZE) == CS5   ? 5
-                               : (tio.c_cflag & CSIZE) == CS6 ? 6
-                               : (tio.c_cflag & CSIZE) == CS7 ? 7
-                                                              : 8) +
-                          ((tio.c_cflag & PARENB) ? 1 : 0) + ((tio.c_cflag & CSTOPB) ? 2 : 1);
-    m_charUs = static_cast<uint32_t>(bits * 1000000L / baud) + 1;
     m_replyStarted = false;
     tcsetattr(fd, TCSAFLUSH, &tio);
     int flags = fcntl(fd, F_GETFL);
@@ -157,6 +148,16 @@ int CRSConnector::WriteBuffer(const unsigned char* buffer, uint16_t length, bool
 }
 
 void CRSConnector::startReply() {
+    // From the settings as they are now: a protocol may have changed the speed.
+    termios tio{};
+    lineSettings(m_settings, m_timeoutMs, tio);
+    long baud = m_settings.speedOr(kDefaultBaud);
+    if (baud != static_cast<int>(baud) || baudTable().count(static_cast<int>(baud)) == 0)
+        baud = kDefaultBaud;
+    const tcflag_t size = tio.c_cflag & CSIZE;
+    const unsigned bits = 1 + (size == CS5 ? 5 : size == CS6 ? 6 : size == CS7 ? 7 : 8) +
+                          ((tio.c_cflag & PARENB) ? 1 : 0) + ((tio.c_cflag & CSTOPB) ? 2 : 1);
+    m_charUs = static_cast<uint32_t>(bits * 1000000L / baud) + 1;
     m_replyStart = Clock::now();
     m_replyStarted = true;
     m_replyBytes = std::exchange(m_requestBytes, 0);
