@@ -3,6 +3,7 @@
 // user may have written it: the text is judged and printed both ways, table
 // and JSON. Nothing in it may end the tool; a taken file is always printed.
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,8 +12,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    // Judged against a time near the file's own and against both ends of the clock.
-    for (long long now : {1700000000LL, 0LL, (1LL << 62)}) {
+    // Judged against a time near the file's own, 0 and both ends of the 64-bit range.
+    for (long long now : {1700000000LL, 0LL, LLONG_MAX, LLONG_MIN}) {
         CStatusReport report(now);
         std::string error;
         const bool taken = report.add("/tmp/mtd_status_1.json", text, error);

@@ -73,6 +73,8 @@ std::string counter(const Json::Value& doc, const char* name) {
 
 }  // namespace
 
+CStatusReport::CStatusReport(long long now) : m_now(std::max(-(1LL << 62), std::min(now, 1LL << 62))) {}
+
 bool CStatusReport::add(const std::string& file, const std::string& text, std::string& error) {
     if (text.size() > static_cast<size_t>(kMaxStatusBytes)) {
         error = "too large";

@@ -16,7 +16,8 @@
 
 class CStatusReport {
 public:
-    explicit CStatusReport(long long now) : m_now(now) {}
+    // `now` is clamped to +-2^62 s, so that no age computed from it overflows.
+    explicit CStatusReport(long long now);
 
     // Judges one status file's text; false (with `error`) when it is not a status document.
     bool add(const std::string& file, const std::string& text, std::string& error);
