@@ -84,16 +84,7 @@ except Exception:
 PY
 }
 
-# A private /etc/mtd_main, as in the unit's end-to-end test.
-mkdir "$WORK/etc.real"
-mount --rbind /etc "$WORK/etc.real"
-mount -t tmpfs tmpfs /etc
-for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
-    [ -e "$entry" ] || [ -L "$entry" ] || continue
-    [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
-done
-mkdir /etc/mtd_main
-UNIT_START=$(sed -n 's/^ExecStart=//p' "$SRC/packaging/mtd_main@.service")
+e2e_private_etc
 
 # ---- the meters: one simulator per line answering addresses 1..PER_LINE
 declare -A SIM_PID=() LINE_PID=() IDS=()
@@ -125,12 +116,9 @@ start_hostsim "$WORK/host.json" "$WORK/host.rec" || exit 1
 declare -A B0=() T0=()
 for ((l = 1; l <= LINES; l++)); do
     printf 'METERS="%s"\nLOG_LEVEL=4\n' "${IDS[$l]# }" >"/etc/mtd_main/line$l.conf"
-    cmd=${UNIT_START//%i/line$l}
-    cmd=${cmd//\/usr\/libexec\/mtd_main\//$SRC/packaging/}
     B0[$l]=$(io_bytes "${SIM_PID[$l]}")
     T0[$l]=$(date +%s.%N)
-    # shellcheck disable=SC2086  # split into words as systemd does
-    start_bg "$WORK/line$l.out" env MTD_MAIN_BIN="$MTD_MAIN" $cmd
+    start_line "line$l" "$WORK/line$l.out"
     LINE_PID[$l]=$BG_PID
 done
 

@@ -11,13 +11,10 @@
 # (0), the simulators with 0; a sanitizer's halt (66) or a crash shows as such,
 # and a failed run keeps its files (see keep_work in lib.sh).
 #   ek_soak.sh BUILD_DIR [SEEDS [CYCLES [SHARE]]]
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ek_soak.sh BUILD_DIR [SEEDS [CYCLES [SHARE]]]}
 SEEDS=${2:-"11 12 13"}
 CYCLES=${3:-3}
 SHARE=${4:-0.08}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 # 30 hours behind the wall clock at 360 times: the meter gains an hour every

@@ -7,10 +7,7 @@
 # absent, and the passport stays unread where it is. Then a port name that
 # points at a regular file: one Err line, the file untouched, no cycle.
 # fault_trust.sh BUILD_DIR (re-runs itself in `unshare -mn`, as root; skips otherwise).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_trust.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case_two_users "$@"
 ID=23
 STATUS_FILE=/tmp/mtd_status_$ID.json

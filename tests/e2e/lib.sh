@@ -6,7 +6,6 @@
 #   e2e_case "$@"                first line of a case: re-runs the script inside
 #                                `unshare -rmn`, enters the namespace, cleans up on exit
 #   e2e_case_two_users "$@"      the same with a real second user at hand (as_other_user)
-#   e2e_private_etc_mtd_main     a private, empty /etc/mtd_main (line starter cases)
 #   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage (a checkout
 #                                or build folder below them stays in view)
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
@@ -22,7 +21,10 @@
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
 
-: "${BUILD_DIR:?BUILD_DIR must name the build directory}"
+# A case script is run as `<case>.sh BUILD_DIR [its own arguments]` and sources
+# this file first; a caller that sources it for its helpers sets BUILD_DIR itself.
+set -uo pipefail
+export BUILD_DIR=${BUILD_DIR:-${1:?usage: $0 BUILD_DIR}}
 MTD_MAIN="$BUILD_DIR/mtd_main"
 # Physical paths of the checkout and the build folder, to keep them in view in the namespace.
 E2E_SOURCE_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
@@ -86,21 +88,6 @@ e2e_private_mount() {
         mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
     done
     exec {fd}<&-
-}
-
-# e2e_private_etc_mtd_main: a private, empty /etc/mtd_main for the line starter.
-# /etc is covered by a tmpfs that links to every entry of the real one, which
-# stays untouched.
-e2e_private_etc_mtd_main() {
-    mkdir "$WORK/etc.real"
-    mount --rbind /etc "$WORK/etc.real"
-    mount -t tmpfs tmpfs /etc
-    local entry
-    for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
-        [ -e "$entry" ] || [ -L "$entry" ] || continue
-        [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
-    done
-    mkdir /etc/mtd_main
 }
 
 # as_other_user CMD ARGS... : CMD as the unprivileged second user (e2e_case_two_users).
@@ -167,6 +154,31 @@ wait_exit() {
     done
     EXIT_STATUS=
     return 1
+}
+
+# e2e_private_etc: a private, empty /etc/mtd_main for the units' line files; the
+# rest of /etc is a tmpfs of links to the real entries, which stay untouched.
+e2e_private_etc() {
+    local entry
+    mkdir "$WORK/etc.real"
+    mount --rbind /etc "$WORK/etc.real"
+    mount -t tmpfs tmpfs /etc
+    for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
+        [ -e "$entry" ] || [ -L "$entry" ] || continue
+        [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
+    done
+    mkdir /etc/mtd_main
+}
+
+# start_line LINE OUTFILE: runs the ExecStart of mtd_main@LINE.service (the starter
+# taken from the checkout, the daemon from the build); sets BG_PID.
+start_line() {
+    local cmd
+    cmd=$(sed -n 's/^ExecStart=//p' "$E2E_SOURCE_DIR/packaging/mtd_main@.service")
+    cmd=${cmd//%i/$1}
+    cmd=${cmd//\/usr\/libexec\/mtd_main\//$E2E_SOURCE_DIR/packaging/}
+    # shellcheck disable=SC2086  # split into words as systemd does
+    start_bg "$2" env MTD_MAIN_BIN="$MTD_MAIN" $cmd
 }
 
 check() {

@@ -11,18 +11,15 @@
 #   - a started daemon gets exactly "-v L -i ID [-i ID ...]", L in 0..7 and
 #     every ID a decimal number, and no other argument.
 # unit_line_conf.sh BUILD_DIR [CASES [SEED]] (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: unit_line_conf.sh BUILD_DIR [CASES [SEED]]}
+. "$(dirname "$0")/lib.sh"
 CASES=${2:-300}
 SEED=${3:-23}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
 e2e_case "$@"
 STARTER="$E2E_SOURCE_DIR/packaging/mtd_main-line"
 CANARY=/tmp/canary
 
 # A private, empty /etc/mtd_main.
-e2e_private_etc_mtd_main
+e2e_private_etc
 
 # The recorder: its arguments, one per line, NUL-free by construction of execve.
 cat >"$WORK/recorder" <<'REC'
