@@ -18,8 +18,9 @@ using namespace spg741;
 
 constexpr uint8_t kVersionMajor = 0x01, kVersionMinor = 0x01;
 constexpr size_t kHeaderSize = 4;
+constexpr uint32_t kPage = CM4MemoryConnector::kPageSize;
 // Headers or journal records read in one go: eight flash pages.
-constexpr size_t kBlockBytes = CM4MemoryConnector::kMaxPages * CM4MemoryConnector::kPageSize;
+constexpr uint32_t kBlockBytes = CM4MemoryConnector::kMaxPages * CM4MemoryConnector::kPageSize;
 constexpr size_t kUnitCount = sizeof kUnitParams / sizeof kUnitParams[0];
 
 uint32_t le(const uint8_t* p, size_t n) {
@@ -295,13 +296,16 @@ void CmtdSPG741::slotsInWindow(const Ring& ring, unsigned last, time_t from, tim
     const uint32_t base = journal ? ring.recordsAddress : ring.headersAddress;
     std::vector<uint8_t> block;
     time_t newer = 0;
-    unsigned blockFirst = 0;
+    unsigned blockFirst = 0, blockEnd = 0;
     for (unsigned seen = 0; seen < ring.capacity; ++seen) {
         const unsigned slot = (last + ring.capacity - seen) % ring.capacity;
-        if (block.empty() || slot < blockFirst) {
-            // The block ending at this slot, not across the start of the ring.
-            const unsigned n = std::min<unsigned>(slot + 1, static_cast<unsigned>(kBlockBytes / size));
-            blockFirst = slot + 1 - n;
+        if (slot < blockFirst || slot >= blockEnd) {
+            // Whole pages (eight at most) ending with this slot, not across the start of the ring.
+            const uint32_t end = base + (slot + 1) * static_cast<uint32_t>(size);
+            const uint32_t start = std::max<uint32_t>(base, (end - std::min<uint32_t>(end, kBlockBytes) + kPage - 1) / kPage * kPage);
+            blockFirst = (start - base + static_cast<uint32_t>(size) - 1) / static_cast<uint32_t>(size);
+            blockEnd = slot + 1;
+            const unsigned n = blockEnd - blockFirst;
             if (!m_proto->readFlashBytes("Read Archive Headers", base + blockFirst * size, n * size, block))
                 throw CDisconnectException("archive transfer broken");
         }
@@ -352,9 +356,10 @@ void CmtdSPG741::emit(std::vector<ArchiveRecord>& out, ArchiveRecord rec) {
 
 void CmtdSPG741::readRecords(const Ring& ring, const std::vector<Slot>& slots, std::vector<ArchiveRecord>& out) {
     std::vector<uint8_t> block;
-    const unsigned perBlock = static_cast<unsigned>(kBlockBytes / ring.recordSize);
     for (size_t i = 0; i < slots.size();) {
-        // A run of consecutive slots, one block at most.
+        // A run of consecutive slots within eight pages from the page of the first.
+        const uint32_t start = ring.recordsAddress + slots[i].index * ring.recordSize;
+        const size_t perBlock = std::max<size_t>(1, (start / kPage * kPage + kBlockBytes - start) / ring.recordSize);
         size_t n = 1;
         while (i + n < slots.size() && n < perBlock && slots[i + n].index == slots[i].index + n)
             ++n;
