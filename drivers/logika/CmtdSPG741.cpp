@@ -290,12 +290,12 @@ bool CmtdSPG741::journalTime(const uint8_t* p, time_t& t) const {
     return true;
 }
 
-void CmtdSPG741::slotsInWindow(const Ring& ring, unsigned last, time_t from, time_t to, std::vector<Slot>& slots) {
+time_t CmtdSPG741::slotsInWindow(const Ring& ring, unsigned last, time_t from, time_t to, std::vector<Slot>& slots) {
     const bool journal = ring.headersAddress == 0;
     const size_t size = journal ? ring.recordSize : kHeaderSize;
     const uint32_t base = journal ? ring.recordsAddress : ring.headersAddress;
     std::vector<uint8_t> block;
-    time_t newer = 0;
+    time_t newer = 0, newest = 0;
     unsigned blockFirst = 0, blockEnd = 0;
     for (unsigned seen = 0; seen < ring.capacity; ++seen) {
         const unsigned slot = (last + ring.capacity - seen) % ring.capacity;
@@ -317,12 +317,15 @@ void CmtdSPG741::slotsInWindow(const Ring& ring, unsigned last, time_t from, tim
         if (seen > 0 && (t > newer || (!journal && t == newer)))
             break;  // an older lap of the ring
         newer = t;
+        if (seen == 0)
+            newest = std::min(t, to);
         if (t < from)
             break;
         if (t <= to)
             slots.push_back({slot, t, journal ? std::vector<uint8_t>(p, p + size) : std::vector<uint8_t>()});
     }
     std::reverse(slots.begin(), slots.end());
+    return newest;
 }
 
 ArchiveRecord CmtdSPG741::makeRecord(const Ring& ring, const uint8_t* p, time_t t) const {
@@ -394,7 +397,7 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
     if (!readLastSlot(*ring, last))
         return;
     std::vector<Slot> slots;
-    slotsInWindow(*ring, last, from, to, slots);
+    const time_t newest = slotsInWindow(*ring, last, from, to, slots);
     if (ring->headersAddress == 0) {
         // A journal's walk has read its records already.
         for (const Slot& s : slots)
@@ -403,8 +406,9 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
     } else {
         readRecords(*ring, slots, out);
     }
-    MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %d", ring->name,
-            static_cast<int>(slots.empty() ? from : slots.back().time));
+    // Everything the meter holds up to this time is stored now (0: its ring is empty).
+    MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %lld", ring->name,
+            static_cast<long long>(newest));
 }
 
 time_t CmtdSPG741::sync_time(time_t storedTimestamp) {

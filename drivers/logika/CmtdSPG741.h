@@ -94,7 +94,8 @@ private:
     };
     // Walks back from `last` through the headers (interval archives) or the
     // records (journals): the slots stamped in [from, to], oldest first.
-    void slotsInWindow(const spg741::Ring& ring, unsigned last, time_t from, time_t to, std::vector<Slot>& slots);
+    // Returns the newest stamp in the ring (at most `to`; 0 when it is empty).
+    time_t slotsInWindow(const spg741::Ring& ring, unsigned last, time_t from, time_t to, std::vector<Slot>& slots);
     bool headerTime(const spg741::Ring& ring, const uint8_t* p, time_t& t) const;
     bool journalTime(const uint8_t* p, time_t& t) const;
     void readRecords(const spg741::Ring& ring, const std::vector<Slot>& slots, std::vector<ArchiveRecord>& out);

@@ -66,10 +66,12 @@ struct Rig {
         driver.setTiming(M4::Timing(), [](std::chrono::milliseconds) {});
     }
 
-    // The meter's own list of an archive: one map a record, "time" the Unix seconds.
+    // The meter's own list of what it holds at its clock: one map a record,
+    // "time" the Unix seconds. An interval's record is there once it ended.
     std::vector<std::map<std::string, std::string>> dump(int archive) const {
         std::ostringstream out;
-        makeM4SimModel("spg741", options)->dumpArchive(archive, options.start, out);
+        const time_t length = archive == CM4SimModel::Hourly ? 3600 : archive == CM4SimModel::Daily ? 86400 : 0;
+        makeM4SimModel("spg741", options)->dumpArchive(archive, options.start - length, out);
         std::vector<std::map<std::string, std::string>> records;
         std::istringstream in(out.str());
         for (std::string l; std::getline(in, l);) {

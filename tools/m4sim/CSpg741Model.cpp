@@ -139,9 +139,11 @@ public:
     }
 
     // Lines "<unix> t=<device time> ..." with the values as the meter keeps
-    // them: P1 in kPa (its unit [P1]), volumes in m3, NS the flag word.
+    // them: P1 in kPa (its unit [P1]), volumes in m3, NS the flag word. The
+    // records stamped up to `until`: an interval's record is written when the
+    // interval ends, so this is what the meter holds an interval later.
     bool dumpArchive(int archive, time_t until, std::ostream& out) const override {
-        const time_t t = local(until);
+        const time_t t = local(until) + (archive == Hourly ? 3600 : archive == Daily ? 86400 : 0);
         const time_t tz = static_cast<time_t>(m_o.tzHours) * 3600;
         if (archive == Events) {
             const long long newest = newestEvent(t);
