@@ -16,7 +16,7 @@ namespace {
 
 using namespace spg741;
 
-constexpr uint8_t kVersionMajor = 0x01, kVersionMinor = 0x01;
+constexpr uint8_t kVersionMajor = 0x01, kVersionMinor = 0x00;
 constexpr size_t kHeaderSize = 4;
 constexpr uint32_t kPage = CM4MemoryConnector::kPageSize;
 // Headers or journal records read in one go: eight flash pages.
