@@ -406,9 +406,9 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
     } else {
         readRecords(*ring, slots, out);
     }
-    // Everything the meter holds up to this time is stored now (0: its ring is empty).
+    // Everything the meter holds up to this time is stored now.
     MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %lld", ring->name,
-            static_cast<long long>(newest));
+            static_cast<long long>(newest ? newest : from));
 }
 
 time_t CmtdSPG741::sync_time(time_t storedTimestamp) {

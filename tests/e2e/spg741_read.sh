@@ -75,7 +75,7 @@ read_case() {
     shift 3
     local dev
     dev=$(ek_device_start 30)
-    local sim=("--model" spg741 "--now" "$dev" "--archive-days" 1 "--seed" "$id" "--serial" 741005 "--rate-hour" 10)
+    local sim=("--model" spg741 "--now" "$dev" "--archive-days" 2 "--seed" "$id" "--serial" 741005 "--rate-hour" 10)
     start_bg "$WORK/$id.sim" "$M4SIM" "${sim[@]}" --link "$WORK/$id.tty" --clock-scale 720 "$@"
     local simpid=$BG_PID
     wait_for "$WORK/$id.sim" '^ready' 5 || { echo "m4sim did not start"; cat "$WORK/$id.sim"; return 1; }
