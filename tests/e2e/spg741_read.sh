@@ -115,7 +115,7 @@ read)
     read_case "wrong serial" 7414 741009 --no-timing
     ;;
 faults)
-    read_case "noisy line" 7412 741005 --baud 19200 --fault-share 0.08 --fault-seed 5
+    read_case "noisy line" 7412 741005 --baud 2400 --fault-share 0.15 --fault-seed 5
     read_case "silent in archive" 7413 741005 --no-timing --silent-after 3 --silent-count 4 --silent-in-archive
     check "silent in archive: the cycle broke off" grep -q 'disconnecting from controller registered' "$WORK/7413.log"
     ;;
