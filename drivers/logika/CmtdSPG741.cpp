@@ -85,7 +85,11 @@ const Ring* findRing(int archType) {
 
 }  // namespace
 
-CmtdSPG741::CmtdSPG741() = default;
+CmtdSPG741::CmtdSPG741() {
+    // The meter answers the session start at once, like the memory reads:
+    // the reply is waited for, not a fixed pause.
+    m_timing.afterSend = std::chrono::milliseconds(0);
+}
 
 CmtdSPG741::~CmtdSPG741() {
     StopPolling();

@@ -104,7 +104,7 @@ private:
     void emit(std::vector<ArchiveRecord>& out, ArchiveRecord rec);
 
     std::unique_ptr<CM4MemoryConnector> m_proto;
-    M4::Timing m_timing;
+    M4::Timing m_timing;  // the session start's pauses
     ProtocolSleep m_sleep;
 
     // From the configuration (init).
