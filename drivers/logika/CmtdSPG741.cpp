@@ -122,6 +122,9 @@ bool CmtdSPG741::init() {
     takeSystem();
     MTD_DLOG(Info, "CmtdSPG741::init() - serial '%s', address %d, systems %s, device TZ = %d",
             m_config.serial_text.c_str(), m_netAddr, systems.c_str(), deviceTzHours());
+    if (m_config.speed > static_cast<int>(kMaxBaud.value))
+        MTD_DLOG(Warning, "CmtdSPG741::init() - SPEED %d IS ABOVE THE METER'S %u Bd !!!", m_config.speed,
+                static_cast<unsigned>(kMaxBaud.value));
     if (!m_proto)
         throw CDisconnectException("no connector");
     if (!m_proto->startSession(m_ident)) {
@@ -307,7 +310,7 @@ time_t CmtdSPG741::slotsInWindow(const Ring& ring, unsigned last, time_t from, t
             // Whole pages (eight at most) ending with this slot, not across the start of the ring.
             const uint32_t end = base + (slot + 1) * static_cast<uint32_t>(size);
             const uint32_t start = std::max<uint32_t>(base, (end - std::min<uint32_t>(end, kBlockBytes) + kPage - 1) / kPage * kPage);
-            blockFirst = (start - base + static_cast<uint32_t>(size) - 1) / static_cast<uint32_t>(size);
+            blockFirst = std::min<unsigned>(slot, (start - base + static_cast<uint32_t>(size) - 1) / static_cast<uint32_t>(size));
             blockEnd = slot + 1;
             const unsigned n = blockEnd - blockFirst;
             if (!m_proto->readFlashBytes("Read Archive Headers", base + blockFirst * size, n * size, block))
