@@ -10,6 +10,7 @@
 #include "core/DataCodes.h"
 #include "core/Exceptions.h"
 #include "core/logger.h"
+#include "framework/CArchiveSink.h"
 #include "transport/CConnector.h"
 
 namespace {
@@ -360,11 +361,21 @@ ArchiveRecord CmtdSPG741::makeRecord(const Ring& ring, const uint8_t* p, time_t 
     return rec;
 }
 
-void CmtdSPG741::emit(std::vector<ArchiveRecord>& out, ArchiveRecord rec) {
-    out.push_back(std::move(rec));
+bool CmtdSPG741::emit(CArchiveSink& sink, ArchiveRecord rec) {
+    const time_t t = rec.timestamp;
+    CArchiveSink::Verdict v = sink.add(rec);
+    if (v == CArchiveSink::Gap) {
+        // The headers are the meter's own list: an interval it did not record
+        // (switched off) has no slot, so the gap is the meter's.
+        MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - the meter has no records from %lld to %lld",
+                static_cast<long long>(sink.lastTime()), static_cast<long long>(t));
+        sink.resync();
+        v = sink.add(std::move(rec));
+    }
+    return v != CArchiveSink::Stop;
 }
 
-void CmtdSPG741::readRecords(const Ring& ring, const std::vector<Slot>& slots, std::vector<ArchiveRecord>& out) {
+bool CmtdSPG741::readRecords(const Ring& ring, const std::vector<Slot>& slots, CArchiveSink& sink) {
     std::vector<uint8_t> block;
     for (size_t i = 0; i < slots.size();) {
         // A run of consecutive slots within eight pages from the page of the first.
@@ -373,17 +384,20 @@ void CmtdSPG741::readRecords(const Ring& ring, const std::vector<Slot>& slots, s
         size_t n = 1;
         while (i + n < slots.size() && n < perBlock && slots[i + n].index == slots[i].index + n)
             ++n;
-        if (!m_proto->readFlashBytes("Read Archive Records", ring.recordsAddress + slots[i].index * ring.recordSize,
-                                     n * ring.recordSize, block))
+        if (!m_proto->readFlashBytes("Read Archive Records", start, n * ring.recordSize, block))
             throw CDisconnectException("archive transfer broken");
         for (size_t k = 0; k < n; ++k)
-            emit(out, makeRecord(ring, block.data() + k * ring.recordSize, slots[i + k].time));
-        flushArchive(out);
+            if (!emit(sink, makeRecord(ring, block.data() + k * ring.recordSize, slots[i + k].time)))
+                return false;
+        if (!sink.endBlock())
+            return false;
         i += n;
     }
+    return true;
 }
 
-void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     const Ring* ring = findRing(archType);
     if (!ring) {
         MTD_DLOG(Warning, "CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
@@ -392,6 +406,7 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
     }
     MTD_DLOG(Info, "--- CmtdSPG741::get_arch_values(%s) ---------------------------------",
             archTypeName(archType));
+    const time_t from = sink.from(), to = sink.to();
     if (!m_proto || from > to)
         return;
     if (!readSettings())
@@ -400,6 +415,10 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         MTD_DLOG(Err, "CmtdSPG741::get_arch_values() - NO RATE HOUR, DAILY RECORDS NOT READ !!!");
         return;
     }
+    if (archType == ARCH_HOURLY)
+        sink.setInterval(3600);
+    else if (archType == ARCH_DAILY)
+        sink.setInterval(86400);
     unsigned last = 0;
     if (!readLastSlot(*ring, last))
         return;
@@ -408,12 +427,13 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
     if (ring->headersAddress == 0) {
         // A journal's walk has read its records already.
         for (const Slot& s : slots)
-            emit(out, makeRecord(*ring, s.record.data(), s.time));
-        flushArchive(out);
+            if (!emit(sink, makeRecord(*ring, s.record.data(), s.time)))
+                break;
+        sink.endBlock();
     } else {
-        readRecords(*ring, slots, out);
+        readRecords(*ring, slots, sink);
     }
-    // Everything the meter holds up to this time is stored now.
+    // Everything the meter holds up to this time is handed over.
     MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %lld", ring->name,
             static_cast<long long>(newest ? newest : from));
 }

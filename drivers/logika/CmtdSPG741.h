@@ -69,7 +69,7 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     // One week on from the stored timestamp.
@@ -98,10 +98,11 @@ private:
     time_t slotsInWindow(const spg741::Ring& ring, unsigned last, time_t from, time_t to, std::vector<Slot>& slots);
     bool headerTime(const spg741::Ring& ring, const uint8_t* p, time_t& t) const;
     bool journalTime(const uint8_t* p, time_t& t) const;
-    void readRecords(const spg741::Ring& ring, const std::vector<Slot>& slots, std::vector<ArchiveRecord>& out);
+    // False when the sink ends the transfer.
+    bool readRecords(const spg741::Ring& ring, const std::vector<Slot>& slots, CArchiveSink& sink);
     ArchiveRecord makeRecord(const spg741::Ring& ring, const uint8_t* p, time_t t) const;
-    // Every archive record leaves the driver here.
-    void emit(std::vector<ArchiveRecord>& out, ArchiveRecord rec);
+    // Every archive record leaves the driver here; false when the sink ends the transfer.
+    bool emit(CArchiveSink& sink, ArchiveRecord rec);
 
     std::unique_ptr<CM4MemoryConnector> m_proto;
     M4::Timing m_timing;  // the session start's pauses

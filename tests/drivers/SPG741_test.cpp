@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
 #include "support/DriverRig.h"
 #include "tools/m4sim/CM4Sim.h"
 
@@ -180,7 +181,7 @@ TEST(SPG741, ArchivesEqualTheMetersRecords) {
     for (const auto& k : kinds) {
         SCOPED_TRACE(archTypeName(k.arch));
         std::vector<ArchiveRecord> out;
-        rig.driver.get_arch_values(k.arch, k.from, start, out);
+        test_support::readArchive(rig.driver, k.arch, k.from, start, out);
         std::vector<std::map<std::string, std::string>> want;
         for (const auto& r : rig.dump(k.dump))
             if (std::atoll(r.at("time").c_str()) >= k.from)
@@ -205,7 +206,7 @@ TEST(SPG741, NoisyLineReadsTheMetersRecords) {
     for (const auto& k : kinds) {
         SCOPED_TRACE(archTypeName(k.arch));
         std::vector<ArchiveRecord> out;
-        rig.driver.get_arch_values(k.arch, k.from, kStart, out);
+        test_support::readArchive(rig.driver, k.arch, k.from, kStart, out);
         std::vector<std::map<std::string, std::string>> want;
         for (const auto& r : rig.dump(k.dump))
             if (std::atoll(r.at("time").c_str()) >= k.from)
@@ -223,7 +224,7 @@ TEST(SPG741, SilentMeterMidArchiveKeepsWhatCameBefore) {
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
     const time_t from = kStart - 6 * 86400;
-    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, from, kStart, out), CDisconnectException);
+    EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, out), CDisconnectException);
     std::vector<std::map<std::string, std::string>> want;
     for (const auto& r : rig.dump(CM4SimModel::Hourly))
         if (std::atoll(r.at("time").c_str()) >= from && want.size() < out.size())
@@ -239,7 +240,7 @@ TEST(SPG741, MissingHourIsNotASlot) {
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
     const time_t from = kStart - 2 * 86400;
-    rig.driver.get_arch_values(ARCH_HOURLY, from, kStart, out);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, out);
     std::vector<std::map<std::string, std::string>> want;
     for (const auto& r : rig.dump(CM4SimModel::Hourly))
         if (std::atoll(r.at("time").c_str()) >= from)
