@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <map>
@@ -88,6 +89,14 @@ struct Rig {
         }
         return records;
     }
+    // The same from `from` on.
+    std::vector<std::map<std::string, std::string>> since(int archive, time_t from) const {
+        std::vector<std::map<std::string, std::string>> records;
+        for (const auto& r : dump(archive))
+            if (std::atoll(r.at("time").c_str()) >= from)
+                records.push_back(r);
+        return records;
+    }
 };
 
 std::map<std::string, std::string> fields(const ArchiveRecord& r) {
@@ -115,6 +124,21 @@ void expectSame(const std::vector<ArchiveRecord>& got, const std::vector<std::ma
         EXPECT_NEAR(std::atof(g["P1"].c_str()), std::atof(w.at("P1").c_str()) * kKpa, 2e-5);
         EXPECT_EQ(std::strtol(g["NS"].c_str(), nullptr, 16), std::atol(w.at("NS").c_str()));
     }
+}
+
+// One archive read from `from` to the meter's clock equals the meter's
+// records since `from`, at least `atLeast` of them.
+struct ArchiveRead {
+    int arch, dump;
+    time_t from;
+    size_t atLeast;
+};
+void expectArchive(Rig& rig, const ArchiveRead& r) {
+    SCOPED_TRACE(archTypeName(r.arch));
+    std::vector<ArchiveRecord> out;
+    test_support::readArchive(rig.driver, r.arch, r.from, rig.options.start, out);
+    expectSame(out, rig.since(r.dump, r.from));
+    EXPECT_GE(out.size(), r.atLeast);
 }
 
 std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
@@ -171,24 +195,11 @@ TEST(SPG741, ArchivesEqualTheMetersRecords) {
     const time_t start = kStart + 20 * 3600;  // the hourly ring went round a few hours before
     Rig rig(start);
     ASSERT_TRUE(rig.driver.init());
-    struct Kind {
-        int arch, dump;
-        time_t from;
-        size_t atLeast;
-    } kinds[] = {{ARCH_HOURLY, CM4SimModel::Hourly, start - 30 * 3600, 29},
-                 {ARCH_DAILY, CM4SimModel::Daily, start - 10 * 86400, 9},
-                 {ARCH_JOURNAL_EVENT, CM4SimModel::Events, start - 3 * 86400, 14}};
-    for (const auto& k : kinds) {
-        SCOPED_TRACE(archTypeName(k.arch));
-        std::vector<ArchiveRecord> out;
-        test_support::readArchive(rig.driver, k.arch, k.from, start, out);
-        std::vector<std::map<std::string, std::string>> want;
-        for (const auto& r : rig.dump(k.dump))
-            if (std::atoll(r.at("time").c_str()) >= k.from)
-                want.push_back(r);
-        expectSame(out, want);
-        EXPECT_GE(out.size(), k.atLeast);
-    }
+    const ArchiveRead reads[] = {{ARCH_HOURLY, CM4SimModel::Hourly, start - 30 * 3600, 29},
+                                 {ARCH_DAILY, CM4SimModel::Daily, start - 10 * 86400, 9},
+                                 {ARCH_JOURNAL_EVENT, CM4SimModel::Events, start - 3 * 86400, 14}};
+    for (const auto& r : reads)
+        expectArchive(rig, r);
 }
 
 // A damaged byte anywhere in a block of page frames, a lost end byte, a
@@ -197,23 +208,10 @@ TEST(SPG741, ArchivesEqualTheMetersRecords) {
 TEST(SPG741, NoisyLineReadsTheMetersRecords) {
     Rig rig(kStart, "741001", 0, 0, 0.15);
     ASSERT_TRUE(rig.driver.init());
-    struct Kind {
-        int arch, dump;
-        time_t from;
-        size_t atLeast;
-    } kinds[] = {{ARCH_HOURLY, CM4SimModel::Hourly, kStart - 2 * 86400, 47},
-                 {ARCH_JOURNAL_EVENT, CM4SimModel::Events, kStart - 3 * 86400, 14}};
-    for (const auto& k : kinds) {
-        SCOPED_TRACE(archTypeName(k.arch));
-        std::vector<ArchiveRecord> out;
-        test_support::readArchive(rig.driver, k.arch, k.from, kStart, out);
-        std::vector<std::map<std::string, std::string>> want;
-        for (const auto& r : rig.dump(k.dump))
-            if (std::atoll(r.at("time").c_str()) >= k.from)
-                want.push_back(r);
-        expectSame(out, want);
-        EXPECT_GE(out.size(), k.atLeast);
-    }
+    const ArchiveRead reads[] = {{ARCH_HOURLY, CM4SimModel::Hourly, kStart - 2 * 86400, 47},
+                                 {ARCH_JOURNAL_EVENT, CM4SimModel::Events, kStart - 3 * 86400, 14}};
+    for (const auto& r : reads)
+        expectArchive(rig, r);
     EXPECT_EQ(rig.sim.faultSummary().find("changed_byte=0 "), std::string::npos) << rig.sim.faultSummary();
 }
 
@@ -225,11 +223,9 @@ TEST(SPG741, SilentMeterMidArchiveKeepsWhatCameBefore) {
     std::vector<ArchiveRecord> out;
     const time_t from = kStart - 6 * 86400;
     EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, out), CDisconnectException);
-    std::vector<std::map<std::string, std::string>> want;
-    for (const auto& r : rig.dump(CM4SimModel::Hourly))
-        if (std::atoll(r.at("time").c_str()) >= from && want.size() < out.size())
-            want.push_back(r);
+    auto want = rig.since(CM4SimModel::Hourly, from);
     EXPECT_EQ(out.size(), 15u);  // up to the end of the eighth page
+    want.resize(std::min(want.size(), out.size()));
     expectSame(out, want);
 }
 
@@ -238,15 +234,8 @@ TEST(SPG741, SilentMeterMidArchiveKeepsWhatCameBefore) {
 TEST(SPG741, MissingHourIsNotASlot) {
     Rig rig(kStart, "741001", 0, 10);
     ASSERT_TRUE(rig.driver.init());
-    std::vector<ArchiveRecord> out;
-    const time_t from = kStart - 2 * 86400;
-    test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, out);
-    std::vector<std::map<std::string, std::string>> want;
-    for (const auto& r : rig.dump(CM4SimModel::Hourly))
-        if (std::atoll(r.at("time").c_str()) >= from)
-            want.push_back(r);
-    expectSame(out, want);
-    EXPECT_EQ(want.size(), 46u);
+    expectArchive(rig, {ARCH_HOURLY, CM4SimModel::Hourly, kStart - 2 * 86400, 46});
+    EXPECT_EQ(rig.since(CM4SimModel::Hourly, kStart - 2 * 86400).size(), 46u);  // 47 hours less the missing one
 }
 
 }  // namespace
