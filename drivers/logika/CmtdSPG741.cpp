@@ -396,18 +396,13 @@ bool CmtdSPG741::readRecords(const Ring& ring, const std::vector<Slot>& slots, C
     return true;
 }
 
+bool CmtdSPG741::hasArchive(int archType) const { return findRing(archType) != nullptr; }
+
 void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
     const int archType = sink.type();
     const Ring* ring = findRing(archType);
-    if (!ring) {
-        MTD_DLOG(Warning, "CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSPG741::get_arch_values(%s) ---------------------------------",
-            archTypeName(archType));
     const time_t from = sink.from(), to = sink.to();
-    if (!m_proto || from > to)
+    if (!m_proto || !ring)
         return;
     if (!readSettings())
         throw CDisconnectException("settings");
