@@ -75,6 +75,16 @@ bool CM4MemoryConnector::readFlashBytes(const char* name, uint32_t address, size
     return true;
 }
 
+void CM4MemoryConnector::drain(size_t most) {
+    uint8_t scrap[64];
+    for (size_t got = 0; got < most;) {
+        const int r = m_connector.ReadBuffer(scrap, static_cast<uint16_t>(std::min(sizeof scrap, most - got)), true);
+        if (r <= 0)
+            return;
+        got += static_cast<size_t>(r);
+    }
+}
+
 bool CM4MemoryConnector::readExactly(uint8_t* p, size_t n) {
     for (size_t got = 0; got < n;) {
         int r = m_connector.ReadBuffer(p + got, static_cast<uint16_t>(n - got), true);
@@ -105,6 +115,10 @@ bool CM4MemoryConnector::read(const char* name, uint8_t function, uint16_t where
         case Attempt::Refused: return false;
         case Attempt::Failed: break;
         }
+        // The rest of a broken block may still be on its way (eight pages take
+        // over two seconds at 2400 Bd): a late page would pass every check of
+        // the next attempt's first frame. Wait for the line to fall silent.
+        drain(frames * (frameData + kReplyOverhead));
         pause(m_timing.betweenAttempts);
     }
     MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!", name);

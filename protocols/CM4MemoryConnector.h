@@ -63,6 +63,8 @@ private:
     Attempt attempt(const char* name, const uint8_t* frame, size_t frames, size_t frameData,
                     std::vector<uint8_t>& out);
     Attempt receiveFrame(const char* name, uint8_t function, size_t frameData, std::vector<uint8_t>& out);
+    // Reads and drops what comes until the line is silent for a time-out, `most` bytes at most.
+    void drain(size_t most);
     // Reads exactly n bytes (each wait is the connector's time-out); false when they do not come.
     bool readExactly(uint8_t* p, size_t n);
     void pause(std::chrono::milliseconds d) const;
