@@ -22,7 +22,7 @@ TEST(DriverFactory, ModelTable) {
         {"ek260 ", nullptr, 0},
         {"spg761.1", "CmtdSPG761", 1},
         {"spg761", "CmtdSPG761", 0},
-        {"spg761.2", "CmtdSPG761", 0},
+        {"spg761.2", "CmtdSPG761", 1},
         {"spg742", "CmtdSpgM4", 1},
         {"my-vrsg-1-rev2", "CmtdVrsg", 2},
         {"flowgas", "CmtdFlowgas", 0},
