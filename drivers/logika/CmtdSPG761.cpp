@@ -103,6 +103,36 @@ bool noValue(const std::string& s) {
     return low.empty() || ends("?") || ends("nan") || ends("inf");
 }
 
+// Meter text (CP866) as UTF-8: Cyrillic letters, Ё ё and the degree sign;
+// any other byte above 0x7F becomes '?'.
+std::string fromCp866(const std::string& text) {
+    std::string out;
+    auto put = [&](unsigned cp) {
+        if (cp < 0x80) {
+            out += static_cast<char>(cp);
+            return;
+        }
+        out += static_cast<char>(0xC0 | (cp >> 6));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    };
+    for (char ch : text) {
+        const unsigned b = static_cast<unsigned char>(ch);
+        if (b < 0x80)
+            put(b);
+        else if (b < 0xB0)
+            put(0x410 + (b - 0x80));
+        else if (b >= 0xE0 && b < 0xF0)
+            put(0x440 + (b - 0xE0));
+        else if (b == 0xF0 || b == 0xF1)
+            put(b == 0xF0 ? 0x401 : 0x451);
+        else if (b == 0xF8)
+            put(0xB0);
+        else
+            put('?');
+    }
+    return out;
+}
+
 // Two-digit years are of this century; four digits are taken as they are.
 int fullYear(int y) {
     return y < 100 ? 2000 + y : y;
@@ -564,8 +594,8 @@ bool CmtdSPG761::readJournal(const spg761::Archive& archive, time_t from, time_t
             rec.sys = m_pipe;
             rec.timestamp = ts;
             rec.fields.emplace_back("DateTime", deviceTimeText(ts));
-            rec.fields.emplace_back("Event", b[0]);
-            rec.fields.emplace_back("Description", unit);
+            rec.fields.emplace_back("Event", fromCp866(b[0]));
+            rec.fields.emplace_back("Description", fromCp866(unit));
             reply.push_back(std::move(rec));
         }
         const bool full = m_proto->replyLength() > kFullReply;
