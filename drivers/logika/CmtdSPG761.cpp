@@ -11,6 +11,7 @@
 #include "core/Exceptions.h"
 #include "core/logger.h"
 #include "drivers/logika/SPG761Table.h"
+#include "framework/CArchiveSink.h"
 #include "transport/CConnector.h"
 
 struct CmtdSPG761::Column {
@@ -397,7 +398,8 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     return out;
 }
 
-void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdSPG761::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     const spg761::Archive* archive = findArchive(archType);
     if (!archive) {
         MTD_DLOG(Warning, "CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
@@ -409,23 +411,39 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
     time_t curr = 0;
     int rateHour = 0;
     GetTimestamps(curr, rateHour);
-    if (to > curr) {
+    if (sink.to() > curr) {
         MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), deviceTimeText(curr).c_str());
-        to = curr;
+        sink.clipTo(curr);
     }
-    if (from > to)
+    if (sink.from() > sink.to())
         return;
-    const bool done = archType == ARCH_JOURNAL_EVENT ? readJournal(*archive, from, to, out)
-                                                     : readSlices(archType, from, to, out);
-    if (!done)
+    const bool done = sink.journal() ? readJournal(*archive, sink) : readSlices(*archive, sink);
+    if (!done) {
+        sink.interrupted();
         throw CDisconnectException("archive transfer broken");
+    }
 }
 
-void CmtdSPG761::handOn(std::vector<ArchiveRecord>& records, std::vector<ArchiveRecord>& out) {
-    for (auto& rec : records)
-        out.push_back(std::move(rec));
-    records.clear();
-    flushArchive(out);
+CmtdSPG761::HandOn CmtdSPG761::handOn(std::vector<ArchiveRecord>& records, CArchiveSink& sink) {
+    std::vector<ArchiveRecord> batch;
+    batch.swap(records);
+    for (auto& rec : batch) {
+        // The walk asked for every interval in between: a hole is the meter's own.
+        CArchiveSink::Verdict verdict = sink.add(rec);
+        if (verdict == CArchiveSink::Gap) {
+            sink.resync();
+            verdict = sink.add(std::move(rec));
+        }
+        if (verdict == CArchiveSink::Stop)
+            return HandOn::Stop;
+        if (verdict == CArchiveSink::Gap) {
+            // Off the archive's grid even on its own.
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d - TRANSFER ENDS !!!",
+                     static_cast<int>(rec.timestamp));
+            return HandOn::Broken;
+        }
+    }
+    return sink.endBlock() ? HandOn::Next : HandOn::Stop;
 }
 
 // The descriptor's columns of the configured pipeline and of the common
@@ -459,35 +477,37 @@ bool CmtdSPG761::readColumns(const spg761::Archive& archive, std::vector<Column>
     return true;
 }
 
-bool CmtdSPG761::readSlices(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const spg761::Archive& archive = *findArchive(archType);
+bool CmtdSPG761::readSlices(const spg761::Archive& archive, CArchiveSink& sink) {
     std::vector<Column> columns;
     if (!readColumns(archive, columns))
         return false;
-    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
+    const time_t period = archive.archType == ARCH_HOURLY ? 3600 : 86400;
+    // Days close at the contract hour of the device clock.
+    const time_t gridOffset = (archive.archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0) -
+                              static_cast<time_t>(deviceTzHours()) * 3600;
+    sink.setInterval(period, true, gridOffset);
     // Blocks of slices from the oldest: each block is walked back from its
     // end and handed on whole, so a transfer broken later keeps it.
     std::vector<ArchiveRecord> records;
-    for (time_t start = from; start <= to;) {
-        const time_t end = std::min<time_t>(to, start + kSlicesPerBlock * period - 1);
+    for (time_t start = sink.from(); start <= sink.to();) {
+        const time_t end = std::min<time_t>(sink.to(), start + kSlicesPerBlock * period - 1);
         if (!walkSlices(archive, columns, start, end, records))
             return false;
-        handOn(records, out);
+        const HandOn next = handOn(records, sink);
+        if (next != HandOn::Next)
+            return next == HandOn::Stop;
         start = end + 1;
     }
     return true;
 }
 
 // The slice at the time asked is the interval holding it; its pointer to the
-// interval before is followed until it leaves the window. Slice times must sit
-// on the archive's grid (whole hours; days at the contract hour) and go back
-// strictly; a reply that breaks this ends the transfer.
+// interval before is followed until it leaves the block. Slice times must not
+// be later than the time asked and must go back strictly; a reply that breaks
+// this ends the transfer. (The sink checks the grid.)
 bool CmtdSPG761::walkSlices(const spg761::Archive& archive, const std::vector<Column>& columns, time_t from,
                             time_t to, std::vector<ArchiveRecord>& records) {
     const bool hourly = archive.archType == ARCH_HOURLY;
-    const time_t period = hourly ? 3600 : 86400;
-    const time_t gridOffset = hourly ? 0 : static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600;
-    const time_t tzShift = static_cast<time_t>(deviceTzHours()) * 3600;
     auto stamp = [&](const std::vector<std::string>& b, time_t& t) {
         int d, mo, y, h, mi, s;
         if (b.size() != 6 || !parseInt(b[0], 1, 31, d) || !parseInt(b[1], 1, 12, mo) || !parseInt(b[2], 0, 2099, y) ||
@@ -508,7 +528,7 @@ bool CmtdSPG761::walkSlices(const spg761::Archive& archive, const std::vector<Co
         const Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
         time_t ts = 0, prev = 0;
         if (blocks.size() < 5 || !stamp(blocks[2], ts) || !stamp(blocks[3], prev) || ts > at || ts >= newer ||
-            prev >= ts || (ts + tzShift - gridOffset) % period != 0) {
+            prev >= ts) {
             MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d AT %d - TRANSFER ENDS !!!", static_cast<int>(ts),
                      static_cast<int>(at));
             return false;
@@ -542,15 +562,15 @@ bool CmtdSPG761::walkSlices(const spg761::Archive& archive, const std::vector<Co
 // When the meter had to cut it, the entries of its oldest second are read
 // again with the next reply, which ends at that second. Nothing is handed on
 // before the whole window is in, oldest first.
-bool CmtdSPG761::readJournal(const spg761::Archive& archive, time_t from, time_t to,
-                             std::vector<ArchiveRecord>& out) {
+bool CmtdSPG761::readJournal(const spg761::Archive& archive, CArchiveSink& sink) {
+    const time_t from = sink.from();
     std::vector<ArchiveRecord> walked;  // newest first
     LogikaRequest request;
     request.name = "Read Event Journal";
     request.function = SpNet::kFnReadArchive;
     request.channel = archive.channel == Channel::Pipe ? static_cast<uint8_t>(m_pipe) : 0;
     request.param = archive.number;
-    for (time_t end = to; end >= from;) {
+    for (time_t end = sink.to(); end >= from;) {
         request.args = {request.channel, archive.number, protocolTimeArg(end), protocolTimeArg(from)};
         if (!sendRequest(request))
             return false;
@@ -587,8 +607,9 @@ bool CmtdSPG761::readJournal(const spg761::Archive& archive, time_t from, time_t
             before = ts;
             if (!b[1].empty())
                 unit = b[1];
-            // The meter may add the entry next to the window as a hint: not ours.
-            if (ts < from || ts > end)
+            // The meter may add the entry after the end asked as a hint: a
+            // reply before this one had it.
+            if (ts > end)
                 continue;
             ArchiveRecord rec;
             rec.sys = m_pipe;
@@ -618,8 +639,7 @@ bool CmtdSPG761::readJournal(const spg761::Archive& archive, time_t from, time_t
         end = oldest;
     }
     std::vector<ArchiveRecord> records(std::make_move_iterator(walked.rbegin()), std::make_move_iterator(walked.rend()));
-    handOn(records, out);
-    return true;
+    return handOn(records, sink) != HandOn::Broken;
 }
 
 void CmtdSPG761::writeGasPasport() {

@@ -77,7 +77,7 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     void writeGasPasport() override;
@@ -101,11 +101,13 @@ private:
     // The value and unit of the last 0x1D reply; false (logged) for a diagnosis ending in "?".
     bool readValue(const std::string& name, std::string& value, std::string& unit);
     bool deviceTime(time_t& t, std::string& text);
-    // Every record leaves the readers through here, oldest first.
-    void handOn(std::vector<ArchiveRecord>& records, std::vector<ArchiveRecord>& out);
+    // Every record leaves the readers through here, oldest first, then the
+    // block ends.
+    enum class HandOn { Next, Stop, Broken };
+    HandOn handOn(std::vector<ArchiveRecord>& records, CArchiveSink& sink);
     bool readColumns(const spg761::Archive& archive, std::vector<Column>& columns);
-    bool readSlices(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
-    bool readJournal(const spg761::Archive& archive, time_t from, time_t to, std::vector<ArchiveRecord>& out);
+    bool readSlices(const spg761::Archive& archive, CArchiveSink& sink);
+    bool readJournal(const spg761::Archive& archive, CArchiveSink& sink);
     // Slices from `to` back to `from`, appended oldest first to `records`.
     bool walkSlices(const spg761::Archive& archive, const std::vector<Column>& columns, time_t from, time_t to,
                     std::vector<ArchiveRecord>& records);

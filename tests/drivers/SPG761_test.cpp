@@ -15,6 +15,7 @@
 #include "core/Exceptions.h"
 #include "protocols/Crc16.h"
 #include "protocols/LogikaTestKit.h"
+#include "support/ArchiveCollector.h"
 #include "support/DriverRig.h"
 #include "tools/spbussim/CSpbusSim.h"
 
@@ -146,7 +147,7 @@ TEST(SPG761, SliceArchivesAndTheJournalMatchTheMeter) {
 
     // 13 hours asked; the end is clipped to the device clock, 10:00 is not closed.
     std::vector<ArchiveRecord> hourly;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 12 * 3600 - 900, kStart + 7200, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 12 * 3600 - 900, kStart + 7200, hourly);
     EXPECT_EQ(asDump(hourly), simDump(rig.sim, CSpbusSim::kHourly, kStart - 12 * 3600 - 900, kStart));
     ASSERT_EQ(hourly.size(), 12u);
     EXPECT_EQ(hourly.back().timestamp, kStart - 3600 - 900);  // 09:00, closed at 10:00
@@ -156,24 +157,24 @@ TEST(SPG761, SliceArchivesAndTheJournalMatchTheMeter) {
 
     // Two days and more, from before the meter's history began: days at the contract hour.
     std::vector<ArchiveRecord> daily;
-    rig.driver.get_arch_values(ARCH_DAILY, kStart - 4 * 86400, kStart, daily);
+    test_support::readArchive(rig.driver, ARCH_DAILY, kStart - 4 * 86400, kStart, daily);
     EXPECT_EQ(asDump(daily), simDump(rig.sim, CSpbusSim::kDaily, kStart - 4 * 86400, kStart));
     ASSERT_EQ(daily.size(), 2u);
     EXPECT_EQ(daily.back().timestamp, kStart - 86400 - 900);
 
     // A long hourly window goes in blocks of slices; all of them, in order.
     hourly.clear();
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 3 * 86400, kStart, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 3 * 86400, kStart, hourly);
     EXPECT_EQ(asDump(hourly), simDump(rig.sim, CSpbusSim::kHourly, kStart - 3 * 86400, kStart));
     EXPECT_EQ(hourly.size(), 58u);
 
     std::vector<ArchiveRecord> events;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
     EXPECT_EQ(asDump(events), simDump(rig.sim, CSpbusSim::kEvents, kStart - 2 * 86400, kStart));
     EXPECT_GT(events.size(), 4u);
 
     std::vector<ArchiveRecord> none;
-    rig.driver.get_arch_values(ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
     EXPECT_TRUE(none.empty());
 }
 
@@ -185,7 +186,7 @@ TEST(SPG761, AJournalLongerThanOneReplyIsReadWhole) {
     ASSERT_TRUE(rig.driver.init());
     const int before = rig.sim.requestsSeen();
     std::vector<ArchiveRecord> events;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 12 * 86400, kStart, events);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 12 * 86400, kStart, events);
     EXPECT_EQ(asDump(events), simDump(rig.sim, CSpbusSim::kEvents, kStart - 12 * 86400, kStart));
     EXPECT_GT(events.size(), 300u);
     EXPECT_GE(rig.sim.requestsSeen() - before, 2 + 3);  // the clock, then three replies or more
@@ -200,7 +201,7 @@ TEST(SPG761, SilentMeterMidArchiveKeepsTheBlocksBefore) {
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> hourly;
     const std::time_t from = kStart - 900 - 3 * 86400 + 86400;
-    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, from, kStart, hourly), CDisconnectException);
+    EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, hourly), CDisconnectException);
     EXPECT_EQ(asDump(hourly), simDump(rig.sim, CSpbusSim::kHourly, from, from + 24 * 3600 - 1));
 }
 
@@ -219,10 +220,12 @@ Bytes frame(uint8_t fn, const std::string& body) {
 }
 
 // A slice of 2024-05-01 at `at` with the interval before at `prev`.
-std::string slice(const char* at, const char* prev) {
+std::string slice(const char* at, const char* prev,
+                  const std::string& values = "\t1.5\f\t1.1\f\t0.16\f\t2.0\f\t0\f") {
     return std::string("\t0\t65\f\t01\t05\t2024\t10\t00\t00\f\t01\t05\t2024\t") + at + "\f\t01\t05\t2024\t" + prev +
-           "\f\t1.5\f\t1.1\f\t0.16\f\t2.0\f\t0\f";
+           "\f" + values;
 }
+const std::string kNoData = "\t\x8D\xA5\xE2 \xA4\xA0\xAD\xAD\xEB\xE5?\f";  // Нет данных?
 
 std::string entry(const char* time, const char* code) {
     return std::string("\t") + code + "\t\x8D\x91" + code + "\t01-05-24/" + time + "\f";
@@ -244,7 +247,16 @@ TEST(SPG761, RepliesThatBreakTheLayoutEndTheTransfer) {
          {slice("09\t00\t00", "08\t00\t00"), slice("08\t00\t00", "07\t00\t00"), slice("07\t00\t00", "06\t00\t00"),
           slice("06\t00\t00", "05\t00\t00")},
          4, false},
-        {"slice off the hour", ARCH_HOURLY, {slice("09\t30\t00", "08\t00\t00")}, 0, true},
+        // an hour the meter holds nothing for is its own hole, not the line's
+        {"an empty slice between", ARCH_HOURLY,
+         {slice("09\t00\t00", "08\t00\t00"), slice("08\t00\t00", "07\t00\t00", kNoData + kNoData + kNoData + kNoData + kNoData),
+          slice("07\t00\t00", "06\t00\t00"), slice("06\t00\t00", "05\t00\t00")},
+         3, false},
+        // the slices older than it stay
+        {"slice off the hour", ARCH_HOURLY,
+         {slice("09\t30\t00", "08\t00\t00"), slice("08\t00\t00", "07\t00\t00"), slice("07\t00\t00", "06\t00\t00"),
+          slice("06\t00\t00", "05\t00\t00")},
+         3, true},
         {"slice later than the time asked", ARCH_HOURLY, {slice("11\t00\t00", "10\t00\t00")}, 0, true},
         {"pointer that does not go back", ARCH_HOURLY, {slice("09\t00\t00", "09\t00\t00")}, 0, true},
         {"slice newer than the one before", ARCH_HOURLY, {slice("09\t00\t00", "08\t00\t00"), slice("09\t00\t00", "07\t00\t00")},
@@ -291,7 +303,7 @@ TEST(SPG761, RepliesThatBreakTheLayoutEndTheTransfer) {
         std::vector<ArchiveRecord> out;
         bool threw = false;
         try {
-            driver.get_arch_values(c.arch, kStart - 4 * 3600 - 900, kStart, out);
+            test_support::readArchive(driver, c.arch, kStart - 4 * 3600 - 900, kStart, out);
         } catch (const CDisconnectException&) {
             threw = true;
         }
