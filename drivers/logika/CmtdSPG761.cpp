@@ -428,6 +428,7 @@ CmtdSPG761::HandOn CmtdSPG761::handOn(std::vector<ArchiveRecord>& records, CArch
     std::vector<ArchiveRecord> batch;
     batch.swap(records);
     for (auto& rec : batch) {
+        const long long ts = rec.timestamp;
         // The walk asked for every interval in between: a hole is the meter's own.
         CArchiveSink::Verdict verdict = sink.add(rec);
         if (verdict == CArchiveSink::Gap) {
@@ -438,8 +439,7 @@ CmtdSPG761::HandOn CmtdSPG761::handOn(std::vector<ArchiveRecord>& records, CArch
             return HandOn::Stop;
         if (verdict == CArchiveSink::Gap) {
             // Off the archive's grid even on its own.
-            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d - TRANSFER ENDS !!!",
-                     static_cast<int>(rec.timestamp));
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d - TRANSFER ENDS !!!", static_cast<int>(ts));
             return HandOn::Broken;
         }
     }
