@@ -50,10 +50,14 @@ spg_check_archives() {
         "$@"
 }
 
-# spg_check_current RECORD : the last put_all_current_values holds the values in order with their units.
+# spg_check_current RECORD DEVICE_START : the last put_all_current_values holds the values in order
+# with their units, and the totals the meter had at the clock it published (its totals grow by
+# 15.31 and 9.875 m3 an hour from 250000 and 160000 at the start of its history, a day before
+# the day of DEVICE_START; the clock runs 720 times fast, so a second between the two reads is
+# 3 m3).
 spg_check_current() {
-    python3 - "$1" <<'PY'
-import json, sys
+    python3 - "$1" "$2" <<'PY'
+import calendar, json, sys, time
 last = None
 for line in open(sys.argv[1]):
     req = json.loads(line)
@@ -69,6 +73,14 @@ vals = {v["name"]: v["value"] for v in last}
 if abs(float(vals.get("P", "0")) - 1.6234) > 2e-4: bad.append("P = %s" % vals.get("P"))
 if vals.get("T") != "-3.25": bad.append("T = %s" % vals.get("T"))
 if any(v["quality"] != 192 or v["sys"] != "1" for v in last): bad.append("quality or sys")
+start = int(sys.argv[2])
+history = start - start % 86400 - 86400
+clock = calendar.timegm(time.strptime(vals.get("DateTime", "2000-01-01,00:00:00"), "%Y-%m-%d,%H:%M:%S"))
+if not start <= clock <= start + 86400: bad.append("DateTime = %s" % vals.get("DateTime"))
+hours = (clock - history) / 3600.0
+for name, base, rate in (("Vstd", 250000, 15.31), ("Vw", 160000, 9.875)):
+    if abs(float(vals.get(name, "0")) - (base + hours * rate)) > 10:
+        bad.append("%s = %s at %s, meter %.3f" % (name, vals.get(name), vals.get("DateTime"), base + hours * rate))
 print("\n".join("  " + b for b in bad))
 sys.exit(1 if bad else 0)
 PY
@@ -85,7 +97,7 @@ read_clean() {
     check "clean: driver started" grep -q 'SPG761 driver version 01.01' "$WORK/7611.log"
     check "clean: serial read" sh -c "grep -q \"SendRequest('Read Model And Serial'): Recv: \" '$WORK/7611.log' &&
         ! grep -q \"CAN'T READ SERIAL\" '$WORK/7611.log'"
-    check "clean: current values published" spg_check_current "$WORK/7611.rec"
+    check "clean: current values published" spg_check_current "$WORK/7611.rec" "$dev"
     check "clean: archives of the first cycle" spg_check_archives "$WORK/7611.log" 7611 "${args[@]}"
     check "clean: second cycle ends" wait_count "$WORK/7611.log" 'cycle_end\(\) - line left idle' 2 20
     check "clean: second cycle stored a new hourly batch" \
