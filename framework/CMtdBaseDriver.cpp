@@ -503,7 +503,7 @@ size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
     StoreOfDriver store(*this);
     CArchiveSink sink(store, archType, from, to, &m_cancel);
     try {
-        get_arch_values(sink);
+        readArchive(sink);
     } catch (...) {
         sink.finish(false);
         throw;
@@ -601,7 +601,40 @@ std::vector<CValueRecord> CMtdBaseDriver::get_all_curtime_cur_integ_values() { r
 
 std::vector<CValueRecord> CMtdBaseDriver::get_all_system_values() { return {}; }
 
+void CMtdBaseDriver::readArchive(CArchiveSink& sink) {
+    const int archType = sink.type();
+    if (!hasArchive(archType)) {
+        MTD_DLOG(Warning, "%s::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", driverName(), archType,
+                 archTypeName(archType));
+        return;
+    }
+    MTD_DLOG(Info, "--- %s::get_arch_values(%s) ---------------------------------", driverName(),
+             archTypeName(archType));
+    time_t clock = 0;
+    int rateHour = 0;
+    // Nothing is asked for past the meter's own clock: an interval it has not
+    // closed yet would come back empty, or not at all.
+    if (archiveWindowEndsAtDeviceClock() && GetTimestamps(clock, rateHour) && sink.to() > clock) {
+        MTD_DLOG(Info, "%s::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", driverName(),
+                 static_cast<int>(clock), clockText(clock).c_str());
+        sink.clipTo(clock);
+    }
+    if (sink.from() > sink.to())
+        return;
+    get_arch_values(sink);
+}
+
 void CMtdBaseDriver::get_arch_values(CArchiveSink&) {}
+
+bool CMtdBaseDriver::hasArchive(int) const { return true; }
+
+std::string CMtdBaseDriver::clockText(time_t t) const {
+    char text[32];
+    struct tm tm {};
+    gmtime_r(&t, &tm);
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+    return text;
+}
 
 bool CMtdBaseDriver::GetTimestamps(time_t&, int&) { return false; }
 
