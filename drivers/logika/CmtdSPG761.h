@@ -61,7 +61,6 @@
 #include "protocols/SpNet.h"
 
 namespace spg761 {
-struct Param;
 struct Archive;
 }
 
