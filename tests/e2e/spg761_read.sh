@@ -56,15 +56,9 @@ spg_check_archives() {
 # the day of DEVICE_START; the clock runs 720 times fast, so a second between the two reads is
 # 3 m3).
 spg_check_current() {
-    python3 - "$1" "$2" <<'PY'
-import calendar, json, sys, time
-last = None
-for line in open(sys.argv[1]):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values":
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$1" "$2"
+import calendar, time
+last = last_put(sys.argv[1])
 want = [("DateTime", ""), ("Vstd", "m3"), ("Vw", "m3"), ("P", "kgs/sm2 (atm)"), ("T", "grad"),
         ("Qstd", "m3/h"), ("Qw", "m3/h"), ("Kcorr", "")]
 got = [(v["name"], v["dim"]) for v in last]
