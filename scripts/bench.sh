@@ -52,7 +52,7 @@ export BUILD_DIR QUICK
 
 if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
     if ((BUILD)); then
-        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_bench_floor >/dev/null || exit 2
+        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor >/dev/null || exit 2
     fi
     MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
 fi
@@ -490,6 +490,9 @@ spg741_runs() {
 if [ -x "$BUILD_DIR/mtd_m4sim" ]; then
     spg741_runs
 fi
+# The SPG761 first read (scripts/bench-spg761.sh).
+. "$HERE/bench-spg761.sh"
+spg761_line
 
 write_json "$BUILD_DIR/bench-results.json"
 print_table
