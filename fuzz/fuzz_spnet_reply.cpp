@@ -15,12 +15,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
     fuzzLogAll();
-    const LogikaRequest requests[] = {
-        {"Read Param", SpNet::kFnReadParam, 0, 0, {0, 65, 0, 0}},
-        {"Read Array", SpNet::kFnReadArray, 0, 0, {0, 65, 1, 5}},
-        {"Read Archive", SpNet::kFnReadArchive, 0, 0, {0, 65, 1714000000, 1714600000}},
-    };
-    const LogikaRequest& request = requests[data[0] % 3];
+    LogikaRequest request;
+    switch (data[0] % 5) {
+    case 0:
+        request = {"Read Param", SpNet::kFnReadParam, 0, 0, {0, 65, 0, 0}};
+        break;
+    case 1:
+        request = {"Read Array", SpNet::kFnReadArray, 0, 0, {0, 65, 1, 5}};
+        break;
+    case 2:
+        request = {"Read Archive", SpNet::kFnReadArchive, 0, 0, {0, 96, 1714600000, 1714000000}};
+        break;
+    case 3:
+        request = {"Read Slice Columns", SpNet::kFnReadTableDescriptor, 0, 0, {0, 65, 0, 0}};
+        break;
+    default:
+        request = {"Read Slice", SpNet::kFnReadTableRow, 0, 0, {0, 65, 1714600000, 0}};
+        break;
+    }
     CConnector conn{std::make_unique<CReplayTransport>(data + 1, size - 1)};
     SpNet::CSpNet spnet(conn, 1, "fuzz");
     if (spnet.SendRequest(request) && spnet.replyLength() > SpNet::CSpNet::kRecvBufferSize)
