@@ -29,6 +29,14 @@ uint32_t le32(const uint8_t* p) {
            static_cast<uint32_t>(p[3]) << 24;
 }
 
+// An unsigned integer of `n` bytes (1, 2 or 4), low byte first.
+uint32_t leN(const uint8_t* p, size_t n) {
+    uint32_t v = 0;
+    for (size_t i = n; i-- > 0;)
+        v = v << 8 | p[i];
+    return v;
+}
+
 float leFloat(const uint8_t* p) {
     uint32_t bits = le32(p);
     float f;
@@ -341,14 +349,19 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
     const uint8_t* v = data + out.headerSize;
     size_t need = 0;
     switch (out.tag) {
-    case 0x41: case 0x43: case 0x47: case 0x4B: need = 4; break;
+    case 0x41: need = out.length == 1 || out.length == 2 ? out.length : 4; break;  // 1, 2 or 4 bytes
+    case 0x43: case 0x47: case 0x4B: need = 4; break;
     case 0x44: need = 8; break;
     case 0x48: need = 3; break;
-    case 0x49: need = 6; break;
-    default: break;
+    default: break;  // 0x49 may be cut after any field
     }
     if (out.length < need) {
         MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x%02x TOO SHORT: %u BYTES !", out.tag, out.length);
+        out.text = "! error";
+        return false;
+    }
+    if (out.tag == 0x41 && out.length != need) {
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x41 OF %u BYTES, NOT 1, 2 OR 4 !", out.length);
         out.text = "! error";
         return false;
     }
@@ -368,7 +381,7 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
         return true;
     case 0x41:
         out.kind = ParamValue::Integer;
-        out.integer = le32(v);
+        out.integer = leN(v, out.length);
         out.text = std::to_string(out.integer);
         return true;
     case 0x43:
@@ -400,19 +413,29 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
         std::snprintf(text, sizeof text, "%02d.%02d.%04d", out.day, out.month, out.year);
         out.text = text;
         return true;
-    case 0x49:
+    case 0x49: {
+        // YY MM DD hh mm ss msL msH; a meter may stop after any field (two
+        // bytes: a month), the rest being the start of that period. Empty: no
+        // time at all, as in the next-record pointer of an exhausted archive.
+        if (out.length == 0) {
+            out.text = "";
+            return true;
+        }
+        uint8_t f[6] = {0, 1, 1, 0, 0, 0};
+        std::memcpy(f, v, out.length < 6 ? out.length : 6);
         out.kind = ParamValue::DateTime;
         out.hasDate = out.hasTime = true;
-        out.year = 2000 + v[0];
-        out.month = v[1];
-        out.day = v[2];
-        out.hour = v[3];
-        out.minute = v[4];
-        out.second = v[5];
+        out.year = 2000 + f[0];
+        out.month = f[1];
+        out.day = f[2];
+        out.hour = f[3];
+        out.minute = f[4];
+        out.second = f[5];
         std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d:%02d", out.day, out.month, out.year, out.hour,
                       out.minute, out.second);
         out.text = text;
         return true;
+    }
     case 0x4B:
         out.kind = ParamValue::Integer;
         out.integer = le32(v);
