@@ -39,9 +39,9 @@ protected:
     // Throws CWrongPacketException (after the log line) when a serial number
     // is configured and the meter's differs.
     void checkSerial(const std::string& read) const;
-    // Pressure unit code of the M4 meters (0 kgf/cm2, 1 MPa, 2 bar; assumed,
-    // see the drivers' notes) to the factor to kgf/cm2; false (logged under
-    // `function`) for an unknown code.
+    // Pressure unit code of the M4 meters (0 kPa, 1 MPa, 2 kgf/cm2, 3 kgf/m2;
+    // each measured pressure has a unit setting of its own) to the factor to
+    // kgf/cm2; false (logged under `function`) for an unknown code.
     bool m4PressureFactor(int code, const char* function, double& factor) const;
     // The device time could not be had: logs "<driver>::<function>() - <what>"
     // and throws CNoDateTimeException, which ends the cycle (nothing is stored
