@@ -21,6 +21,7 @@
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 
 struct Rig {
@@ -99,7 +100,10 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     auto sys = byName(rig.driver.get_all_system_values());
     EXPECT_EQ(sys["SerialNumber"].value, "74212");  // the meter's top byte is not part of the number
     EXPECT_EQ(sys["MeterModel"].value, "SPG742");
+    // The settings come as one-byte integers.
     EXPECT_EQ(sys["RateHour"].value, "9");
+    EXPECT_EQ(sys["PressureUnitP1"].value, "0");
+    EXPECT_EQ(sys["PressureUnitP2"].value, "1");
     EXPECT_EQ(sys["SerialNumber"].timestamp, kStart);
 
     auto cur = rig.driver.get_all_curtime_cur_integ_values();
@@ -109,10 +113,13 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     EXPECT_EQ(v["P1"].dim, "kgs/sm2 (atm)");
     EXPECT_EQ(v["Vstd"].dim, "m3");
     EXPECT_EQ(v["T2"].dim, "grad");
-    // The meter keeps pressure in MPa; published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2).
-    const double p = std::atof(v["P1"].value.c_str());
-    EXPECT_GT(p, 0.31 * 10.19);
-    EXPECT_LT(p, 0.41 * 10.20);
+    // Each pressure in its own unit (pipe 1 kPa: code 0, pipe 2 MPa: code 1),
+    // published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2); the meter keeps 0.3-0.4 MPa.
+    for (const char* name : {"P1", "P2"}) {
+        const double p = std::atof(v[name].value.c_str());
+        EXPECT_GT(p, 0.30 * 10.19) << name;
+        EXPECT_LT(p, 0.42 * 10.20) << name;
+    }
 }
 
 TEST(SpgM4, WrongSerialEndsTheCycle) {
@@ -172,19 +179,31 @@ TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
         EXPECT_EQ(line(out[i]), all[i]);
 }
 
-// A record missing inside a transfer ends it before the hole; the next read,
-// starting at the missing hour, takes the meter's word that it has none.
-TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
+// The meter's own hole (a power cut) is read past by its next-record pointer;
+// the next read starts at the pointer the last one ended with, even when the
+// window it is given starts a second after the last record.
+TEST(SpgM4, HoleIsReadPastAndTheNextReadStartsAtThePointer) {
     Rig rig(0, "74212", 0, 10);
     ASSERT_TRUE(rig.driver.init());
     const time_t hole = (kStart / 3600 - 10) * 3600;
     std::vector<ArchiveRecord> first, second;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
+    // The first read ends inside the missing hour: the meter points past it.
+    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, hole + 1800, first);
     ASSERT_FALSE(first.empty());
     EXPECT_EQ(first.back().timestamp, hole - 3600);
     rig.driver.get_arch_values(ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
     ASSERT_FALSE(second.empty());
     EXPECT_EQ(second.front().timestamp, hole + 3600);
+    // The request's start (49 06 YY MM DD hh mm ss at body offset 8) is the
+    // pointer, not a time nudged past the last record.
+    const uint8_t* req = rig.driver.protocol()->sendBuffer() + 7;
+    ASSERT_EQ(0x61, req[0]);
+    const time_t pointer = hole + 3600;
+    struct tm tm {};
+    gmtime_r(&pointer, &tm);
+    EXPECT_EQ(Bytes({0x49, 0x06, static_cast<uint8_t>(tm.tm_year - 100), static_cast<uint8_t>(tm.tm_mon + 1),
+                     static_cast<uint8_t>(tm.tm_mday), static_cast<uint8_t>(tm.tm_hour), 0, 0}),
+              Bytes(req + 8, req + 16));
     std::vector<std::string> got;
     for (const auto* part : {&first, &second})
         for (const auto& r : *part)
