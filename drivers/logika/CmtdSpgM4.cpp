@@ -512,7 +512,11 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
         const size_t key = static_cast<size_t>(arch - kArchives) * 256 + channel;
         // The meter's pointer from the last read, when it is inside this window.
         const auto known = m_next.find(key);
-        const time_t start = known != m_next.end() && known->second > first ? known->second : first;
+        const bool atPointer = known != m_next.end() && known->second >= first;
+        const time_t start = atPointer ? known->second : first;
+        if (atPointer)
+            MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s channel %u from the meter's next-record pointer %lld",
+                     arch->kind, static_cast<unsigned>(channel), static_cast<long long>(start));
         try {
             readChannel(*arch, channel, start, last, recs, pointers[key]);
         } catch (...) {
