@@ -3,6 +3,8 @@
 // that only counts what the polling thread asks of it and a hand-moved clock.
 // The main loop's 5 s step is played by calling GetArchActual().
 #include <gtest/gtest.h>
+
+#include "support/TempDir.h"
 #include <json/json.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -92,19 +94,15 @@ private:
 };
 
 struct Fixture {
-    std::string dir;
+    test_support::TempDir tmp{"mtd_ops"};
+    std::string dir = tmp.path;
     std::unique_ptr<Log> log;
     Fixture() {
-        char tmpl[] = "/tmp/mtd_ops_XXXXXX";
-        dir = std::string(mkdtemp(tmpl)) + "/";
         mkdir((dir + "control").c_str(), 0700);
         mkdir((dir + "store").c_str(), 0700);
         log = std::make_unique<Log>(dir + "log");
     }
-    ~Fixture() {
-        log.reset();
-        std::system(("rm -rf '" + dir + "'").c_str());
-    }
+    ~Fixture() { log.reset(); }
     std::string control(const std::string& name) const { return dir + "control/" + name; }
     void touch(const std::string& name) const { std::ofstream(control(name)).put('\n'); }
     bool exists(const std::string& name) const {

@@ -18,18 +18,11 @@
 #include <vector>
 
 #include "core/logger.h"
+#include "support/TempDir.h"
 
 namespace storage_test {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mtd_storage_XXXXXX";
-        path = mkdtemp(tmpl);
-        path += '/';
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
+using TempDir = test_support::TempDir;
 
 inline bool exists(const std::string& path) {
     struct stat st;
