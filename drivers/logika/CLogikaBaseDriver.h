@@ -6,8 +6,9 @@
 // the time argument the protocol layers want, the serial-number check, the
 // pressure conversion to kgf/cm2 and the refusal of passport writes.
 //
-// None of these meters has a closing frame: a session (where there is one)
-// ends by the meter's own silence time-out, so session_close() sends nothing.
+// The drivers send no closing frame: a session (where there is one) ends by
+// the meter's own silence time-out, so session_close() sends nothing. (The M4
+// meters do know a session close, the short frame 0x71; it is not sent.)
 //
 // Adding a model: its driver class holds its request table, its parsers and
 // its wire notes, derives from this class, and gets a row in the factory's
