@@ -314,7 +314,7 @@ bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* p
 }
 
 time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                            std::vector<ArchiveRecord>& out) {
+                            CArchiveSink& sink) {
     const unsigned perPage = static_cast<unsigned>(CM4MemoryConnector::kPageSize / ring.recordSize);
     double factor = 0;
     const double* pf = ring.period != 0 && pressureFactorOfDevice(factor) ? &factor : nullptr;
@@ -340,23 +340,21 @@ time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, ti
                 continue;
             last = ts;
             if (ts >= from && ts <= to)
-                out.push_back(std::move(rec));
+                sink.add(std::move(rec));
         }
-        flushArchive(out);
+        if (!sink.endBlock())
+            break;
     }
     return last;
 }
 
-void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const Ring* ring = findRing(archType);
-    if (!ring) {
-        MTD_DLOG(Warning, "CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSPG741::get_arch_values(%s) ---------------------------------",
-            archTypeName(archType));
-    if (!m_proto || from > to)
+bool CmtdSPG741::hasArchive(int archType) const { return findRing(archType) != nullptr; }
+
+void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
+    const Ring* ring = findRing(sink.type());
+    const time_t from = sink.from();
+    const time_t to = sink.to();
+    if (!m_proto)
         return;
     unsigned newest = 0;
     if (!readNewestSlot(*ring, newest))
@@ -386,7 +384,7 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         back = static_cast<unsigned>(std::min<time_t>(periods, ring->slots - 1));
     }
     const unsigned first = (newest + ring->slots - back) % ring->slots;
-    const time_t last = readRing(*ring, first, back + 1, from, to, out);
+    const time_t last = readRing(*ring, first, back + 1, from, to, sink);
     MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %d", ring->name,
             static_cast<int>(last));
 }

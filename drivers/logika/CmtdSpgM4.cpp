@@ -410,9 +410,10 @@ bool CmtdSpgM4::parseValues(const SArchive& arch, const uint8_t* data, size_t si
 }
 
 // Reads one channel of an archive from `start` (an interval mark) to `to`,
-// request after request from the meter's next-record pointer.
-void CmtdSpgM4::readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
-                            std::vector<ArchiveRecord>& recs, time_t& pointer) {
+// request after request from the meter's next-record pointer. With `sink`,
+// each reply's records go to it at once; false when the sink says stop.
+bool CmtdSpgM4::readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
+                            std::vector<ArchiveRecord>& recs, time_t& pointer, CArchiveSink* sink) {
     while (start <= to) {
         // The M4 layer writes the window in the process's local time; hand it
         // the instant whose local fields are the meter's clock reading.
@@ -426,87 +427,99 @@ void CmtdSpgM4::readChannel(const SArchive& arch, uint8_t channel, time_t start,
         if (m_proto->isError()) {
             MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: METER REFUSED THE REQUEST (0x%02X) !!!",
                      arch.kind, m_proto->errorCode());
-            return;
+            return true;
         }
         time_t next = 0;
         const size_t before = recs.size();
-        if (!parseArchive(arch, channel, recs, next))
-            return;
+        const bool whole = parseArchive(arch, channel, recs, next);
+        const time_t newest = recs.size() > before ? recs.back().timestamp : 0;
+        if (sink && !handOver(recs, false, *sink))
+            return false;
+        if (!whole)
+            return true;
         pointer = next;
         if (next == 0 || next > to)
-            return;
+            return true;
         // Each pointer must lie past what came; else the meter's dating loops.
-        const time_t newest = recs.size() > before ? recs.back().timestamp : 0;
         if (next <= start || (newest && (arch.period ? next <= newest : next < newest))) {
             MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: NEXT RECORD %lld DOES NOT MOVE ON FROM %lld !!!",
                      arch.kind, static_cast<long long>(next), static_cast<long long>(start));
-            return;
+            return true;
         }
         start = next;
     }
+    return true;
 }
 
-// Every record leaves the driver here: inside the window, oldest first. With
-// `merge`, the channels' records of one interval (an interval archive over
-// several channels) become one record.
-void CmtdSpgM4::handOver(std::vector<ArchiveRecord>& recs, bool merge, time_t from, time_t to,
-                         std::vector<ArchiveRecord>& out) {
+// Every record leaves the driver here, oldest first. With `merge`, the
+// channels' records of one interval (an interval archive over several
+// channels) become one record. False when the sink says stop.
+bool CmtdSpgM4::handOver(std::vector<ArchiveRecord>& recs, bool merge, CArchiveSink& sink) {
     std::stable_sort(recs.begin(), recs.end(),
                      [](const ArchiveRecord& a, const ArchiveRecord& b) { return a.timestamp < b.timestamp; });
-    for (auto& r : recs) {
-        if (r.timestamp < from || r.timestamp > to)
-            continue;
-        if (merge && !out.empty() && out.back().timestamp == r.timestamp) {
-            for (auto& f : r.fields)
-                out.back().fields.push_back(std::move(f));
-            continue;
+    if (merge) {
+        std::vector<ArchiveRecord> merged;
+        for (auto& r : recs) {
+            if (!merged.empty() && merged.back().timestamp == r.timestamp) {
+                for (auto& f : r.fields)
+                    merged.back().fields.push_back(std::move(f));
+                continue;
+            }
+            merged.push_back(std::move(r));
         }
-        out.push_back(std::move(r));
+        recs.swap(merged);
+    }
+    bool go = true;
+    for (auto& r : recs) {
+        const long long t = r.timestamp;
+        ArchiveRecord again = r;
+        CArchiveSink::Verdict v = sink.add(std::move(r));
+        if (v == CArchiveSink::Gap) {
+            // The meter's pointer led here: the missing records are its own
+            // (a power cut), not ours to read again.
+            MTD_DLOG(Warning, "CmtdSpgM4::get_arch_values() - NO RECORDS BEFORE %lld IN THE METER, READ PAST", t);
+            sink.resync();
+            v = sink.add(std::move(again));
+        }
+        if (v == CArchiveSink::Stop) {
+            go = false;
+            break;
+        }
     }
     recs.clear();
-    flushArchive(out);
+    return go && sink.endBlock();
 }
 
-void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const SArchive* arch = nullptr;
+const CmtdSpgM4::SArchive* CmtdSpgM4::findArchive(int archType) {
     for (const auto& a : kArchives)
         if (a.archType == archType)
-            arch = &a;
-    if (!arch) {
-        MTD_DLOG(Warning, "CmtdSpgM4::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSpgM4::get_arch_values(%s) ------------------------------------",
-            archTypeName(archType));
-    time_t now = 0;
-    int rateHour = 0;
-    GetTimestamps(now, rateHour);
-    if (to > now) {
-        MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", static_cast<long long>(now));
-        to = now;
-    }
+            return &a;
+    return nullptr;
+}
+
+bool CmtdSpgM4::hasArchive(int archType) const { return findArchive(archType) != nullptr; }
+
+void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
+    const SArchive* arch = findArchive(sink.type());
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s from %lld to %lld", arch->kind,
             static_cast<long long>(from), static_cast<long long>(to));
+    sink.setInterval(arch->period);
     // The window as interval marks: a daily record is marked at the start of
     // its day and timed at the contract hour.
     time_t first = from, last = to;
     if (arch->period) {
-        const time_t shift = arch->contractHour ? static_cast<time_t>(rateHour) * 3600 : 0;
+        const time_t shift = arch->contractHour ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
         first = from - shift - (from - shift) % 3600;
         last = to - shift;
     }
-    // The records and pointers of every channel are taken together, so that a
-    // channel cut short leaves none of them behind the stored ones; one
-    // channel alone keeps what it read before a fault.
+    // One channel hands each reply over as it comes. Several are taken
+    // together and merged in time, so that a channel cut short leaves none of
+    // them behind the stored ones; their pointers count only then.
+    const bool alone = arch->channels == 1;
     std::vector<ArchiveRecord> recs;
     std::map<size_t, time_t> pointers;
-    auto done = [&](bool merge) {
-        handOver(recs, merge, from, to, out);
-        for (const auto& p : pointers)
-            m_next[p.first] = p.second;
-        pointers.clear();
-    };
     for (uint8_t i = 0; i < arch->channels; ++i) {
         const uint8_t channel = static_cast<uint8_t>(arch->firstChannel + i);
         const size_t key = static_cast<size_t>(arch - kArchives) * 256 + channel;
@@ -517,15 +530,14 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
         if (atPointer)
             MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s channel %u from the meter's next-record pointer %lld",
                      arch->kind, static_cast<unsigned>(channel), static_cast<long long>(start));
-        try {
-            readChannel(*arch, channel, start, last, recs, pointers[key]);
-        } catch (...) {
-            if (arch->channels == 1)
-                done(false);
-            throw;
-        }
+        time_t& pointer = alone ? m_next[key] : pointers[key];
+        pointer = 0;
+        if (!readChannel(*arch, channel, start, last, recs, pointer, alone ? &sink : nullptr))
+            return;
     }
-    done(arch->period != 0 && arch->channels > 1);
+    if (!alone && handOver(recs, arch->period != 0, sink))
+        for (const auto& p : pointers)
+            m_next[p.first] = p.second;
 }
 
 void CmtdSpgM4::writeGasPasport() {

@@ -28,7 +28,8 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    bool hasArchive(int archType) const override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     void writeGasPasport() override;
@@ -40,6 +41,7 @@ public:
     struct SParam;
     // One archive: M4 archive code, channel, record period and the record's fields.
     struct SArchive;
+    static const SArchive* findArchive(int archType);
 
 private:
     // Reads one parameter; false when it did not come or the meter refused it.
@@ -47,13 +49,12 @@ private:
     bool deviceTime(time_t& t, std::string& text);
     // Reads one channel of an archive from mark `start` to mark `to`; `pointer`
     // is the meter's next-record pointer at the end (0: none).
-    void readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
-                     std::vector<ArchiveRecord>& recs, time_t& pointer);
+    bool readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
+                     std::vector<ArchiveRecord>& recs, time_t& pointer, CArchiveSink* sink);
     bool parseArchive(const SArchive& arch, uint8_t channel, std::vector<ArchiveRecord>& recs, time_t& next);
     bool parseValues(const SArchive& arch, const uint8_t* data, size_t size, const std::string& prefix,
                      ArchiveRecord& rec);
-    void handOver(std::vector<ArchiveRecord>& recs, bool merge, time_t from, time_t to,
-                  std::vector<ArchiveRecord>& out);
+    bool handOver(std::vector<ArchiveRecord>& recs, bool merge, CArchiveSink& sink);
     // A pressure in the unit of setting `unit` to kgf/cm2; false for an unknown unit code.
     bool toKgfCm2(const SParam& unit, double value, double& out);
 
