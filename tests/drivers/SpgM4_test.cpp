@@ -114,6 +114,19 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     EXPECT_EQ(v["P1"].dim, "kgs/sm2 (atm)");
     EXPECT_EQ(v["Vstd"].dim, "m3");
     EXPECT_EQ(v["T2"].dim, "grad");
+    // The clock and the totals are the meter's own (its answers at that time).
+    std::ostringstream meter;
+    ASSERT_TRUE(makeM4SimModel("spg742", rig.options)->dumpValues(kStart, meter));
+    std::map<std::string, std::string> own;
+    std::istringstream lines(meter.str());
+    for (std::string l; std::getline(lines, l);)
+        own[l.substr(0, l.find('='))] = l.substr(l.find('=') + 1);
+    EXPECT_EQ(v["DateTime"].value, own["clock"]);
+    const std::pair<const char*, const char*> totals[] = {{"Vstd", "0.2048"}, {"OperatingTime", "0.2050"},
+                                                          {"Vw1", "1.2048"},  {"Vstd1", "1.2049"},
+                                                          {"Vw2", "2.2048"},  {"Vstd2", "2.2049"}};
+    for (const auto& t : totals)
+        EXPECT_NEAR(std::atof(v[t.first].value.c_str()), std::atof(own[t.second].c_str()), 1e-5) << t.first;
     // Each pressure in its own unit (pipe 1 kPa: code 0, pipe 2 MPa: code 1),
     // published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2); the meter keeps 0.3-0.4 MPa.
     for (const char* name : {"P1", "P2"}) {

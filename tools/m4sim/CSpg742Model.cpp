@@ -30,6 +30,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <map>
@@ -112,6 +113,37 @@ public:
                 out << ' ' << kv.first << '=' << kv.second;
             out << '\n';
         }
+        return true;
+    }
+
+    bool dumpValues(time_t at, std::ostream& out) const override {
+        static const struct {
+            uint8_t ch;
+            uint16_t n;
+        } kPublic[] = {{0, 2048}, {0, 2050}, {1, 2048}, {1, 2049}, {2, 2048}, {2, 2049}};
+        m4sim::Frame f;
+        f.nt = m_o.nt;
+        for (const auto& p : kPublic) {
+            // The answer's element, 72 <tag> <length> <value>, as it leaves the meter.
+            const Bytes a = param(f, p.ch, p.n, at);
+            const uint8_t* v = a.data() + 10;
+            auto u32 = [](const uint8_t* b) {
+                return static_cast<uint32_t>(b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24);
+            };
+            auto f32 = [&](const uint8_t* b) {
+                const uint32_t bits = u32(b);
+                float x;
+                std::memcpy(&x, &bits, sizeof x);
+                return static_cast<double>(x);
+            };
+            const double value = a[8] == 0x44 ? static_cast<double>(u32(v)) + f32(v + 4) : f32(v);
+            out << static_cast<int>(p.ch) << '.' << p.n << '=' << fixed6(value) << '\n';
+        }
+        const struct tm tm = local(at);
+        char clock[40];
+        std::snprintf(clock, sizeof clock, "%02d.%02d.%04d %02d:%02d:%02d", tm.tm_mday, tm.tm_mon + 1,
+                      tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+        out << "clock=" << clock << '\n';
         return true;
     }
 
