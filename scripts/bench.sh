@@ -270,6 +270,14 @@ done
 # log_seconds LINE: the logger's "HH:MM:SS.mmm.uuu" prefix as seconds of the day
 log_seconds() { awk '{split($1, t, "[:.]"); printf "%.6f\n", t[1] * 3600 + t[2] * 60 + t[3] + t[4] / 1e3 + t[5] / 1e6}' <<<"$1"; }
 
+# first_to_last LOG SEND_RE RECV_RE: seconds from the first request to the last reply
+first_to_last() {
+    local first last
+    first=$(log_seconds "$(grep -m1 -E "$2" "$1")")
+    last=$(log_seconds "$(grep -E "$3" "$1" | tail -1)")
+    calc "$last - $first + ($last < $first ? 86400 : 0)" 3
+}
+
 # io_bytes PID: bytes the simulator read and wrote (rchar + wchar): its line traffic
 io_bytes() { awk '$1 == "rchar:" || $1 == "wchar:" {s += $2} END {print s}' /proc/"$1"/io; }
 
@@ -368,12 +376,10 @@ ek_runs() {
     fi
     b1=$(io_bytes "$MS_PID")
     cp "$LOG" "$BUILD_DIR/bench-first-run.log"  # kept for a look at the exchange timing
-    local cpu_first sends first_send last_recv measured bytes ideal_bytes gaps
+    local cpu_first sends measured bytes ideal_bytes gaps
     cpu_first=$(calc "$(cpu_ns "$PID") / 1e9" 3)
     sends=$(count_in "$LOG" "CGost61107::send\(")
-    first_send=$(log_seconds "$(grep -m1 -E "CGost61107::send\(" "$LOG")")
-    last_recv=$(log_seconds "$(grep -E "CGost61107::receive\(" "$LOG" | tail -1)")
-    measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
+    measured=$(first_to_last "$LOG" "CGost61107::send\(" "CGost61107::receive\(")
     bytes=$((b1 - b0))
     ideal_bytes=$(calc "$bytes * 10 / 9600" 3)
     gaps=$(calc "$sends * 0.02" 3)   # the 20 ms of quiet the meter needs before every request
@@ -471,11 +477,9 @@ spg742_runs() {
     b1=$(io_bytes "$sim")
     r1=$(awk '$1 == "rchar:" {print $2}' /proc/"$sim"/io)
     cp "$LOG" "$BUILD_DIR/bench-spg742-first-run.log"
-    local sends first_send last_recv measured bytes ideal
+    local sends measured bytes ideal
     sends=$(count_in "$LOG" "M4::SendRequest\('[^']*'\): Send")
-    first_send=$(log_seconds "$(grep -m1 -E "M4::SendRequest\('[^']*'\): Send" "$LOG")")
-    last_recv=$(log_seconds "$(grep -E "M4::SendRequest\('[^']*'\): Recv" "$LOG" | tail -1)")
-    measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
+    measured=$(first_to_last "$LOG" "M4::SendRequest\('[^']*'\): Send" "M4::SendRequest\('[^']*'\): Recv")
     bytes=$((b1 - b0))
     ideal=$(calc "$bytes * 10 / 9600" 3)
     put spg742_line baud 9600
