@@ -23,6 +23,7 @@ constexpr uint8_t kDle = kFrameStart;
 constexpr uint8_t kEnd = kFrameEnd;
 constexpr uint8_t kFrameType = 0x90;  // "long" frame with attribute byte and length
 constexpr size_t kWakeUpLength = 20;
+constexpr size_t kCloseAnswerSize = 5;  // 10 NT 71 CS 16
 
 uint32_t le32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
@@ -130,14 +131,16 @@ bool CM4::makePacket(const LogikaRequest& request) {
     uint8_t* p = m_send;
     switch (request.function) {
     case kFnSessionStart:
+    case kFnSessionClose:
         p[0] = kDle;
         p[1] = m_netAddr;
-        p[2] = kFnSessionStart;
+        p[2] = static_cast<uint8_t>(request.function);
         p[3] = p[4] = p[5] = p[6] = 0x00;
         p[7] = shortFrameChecksum(p + 1, 5);
         p[8] = kEnd;
         m_sendLength = 9;
-        m_packetId = 0xFF;
+        if (request.function == kFnSessionStart)
+            m_packetId = 0xFF;
         return true;
 
     case kFnReadParam: {
@@ -218,6 +221,15 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
 
     if (request.function == kFnWakeUp) {
         pause(m_timing.afterWakeUp);
+        return Attempt::Ok;
+    }
+    if (request.function == kFnSessionClose) {
+        // Take the short answer off the line; whatever it is, the session is over.
+        size_t got = 0;
+        while (got < kCloseAnswerSize && m_connector.ReadBuffer(m_recv + got, 1, true) == 1)
+            ++got;
+        m_recvLength = got;
+        dumpFrame("Recv", request, m_recv, m_recvLength);
         return Attempt::Ok;
     }
 

@@ -6,9 +6,9 @@
 // the time argument the protocol layers want, the serial-number check, the
 // pressure conversion to kgf/cm2 and the refusal of passport writes.
 //
-// The drivers send no closing frame: a session (where there is one) ends by
-// the meter's own silence time-out, so session_close() sends nothing. (The M4
-// meters do know a session close, the short frame 0x71; it is not sent.)
+// A session (where there is one) also ends by the meter's own silence
+// time-out, so session_close() sends nothing here; the SPG742 driver sends the
+// M4 session close (short frame 0x71).
 //
 // Adding a model: its driver class holds its request table, its parsers and
 // its wire notes, derives from this class, and gets a row in the factory's
@@ -24,7 +24,7 @@ namespace logika {
 
 class CLogikaBaseDriver : public gas::CMtdGasBaseDriver {
 public:
-    // Nothing to send: the meter forgets the session after a minute of silence.
+    // Nothing to send by default: the meter forgets the session after a minute of silence.
     void session_close() override {}
     // The meter's clock reading, "YYYY-MM-DD,hh:mm:ss".
     std::string clockText(time_t t) const override { return deviceTimeText(t); }

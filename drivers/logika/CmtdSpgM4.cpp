@@ -24,8 +24,9 @@
 //                   A record without its own time and date has the mark as its
 //                   time, plus the contract hour for a daily record.
 // A reply 21 EC is the meter refusing a request (EC error code); it is not
-// repeated. The session ends by the meter's own time-out a minute after the
-// last request, so the end of a cycle just leaves the line.
+// repeated. The cycle ends with the session close 10 NT 71 00 00 00 00 CS 16
+// ([LP] internal_close_comm_session); its answer is not judged, since the
+// meter ends a session itself a minute after the last request anyway.
 //
 // Timing: a second after a request is the longest the meter takes to start
 // its answer, not a pause it needs; the driver reads the answer as it comes
@@ -198,11 +199,20 @@ bool CmtdSpgM4::init() {
     return true;
 }
 
+void CmtdSpgM4::session_close() {
+    if (!m_session || !m_proto)
+        return;
+    LogikaRequest close;
+    close.name = "Close Session";
+    close.function = M4::kFnSessionClose;
+    m_proto->SendRequest(close);
+}
+
 void CmtdSpgM4::cycle_end() {
     if (!m_session)
         return;
     m_session = false;
-    MTD_DLOG(Info, "CmtdSpgM4::cycle_end() - session left to time out");
+    MTD_DLOG(Info, "CmtdSpgM4::cycle_end() - session left, closed with 0x71");
 }
 
 bool CmtdSpgM4::readParam(const SParam& p, M4::ParamValue& value) {

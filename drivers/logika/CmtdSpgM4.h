@@ -31,6 +31,7 @@ public:
     bool hasArchive(int archType) const override;
     void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
+    void session_close() override;
     void cycle_end() override;
     void writeGasPasport() override;
 

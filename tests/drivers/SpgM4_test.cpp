@@ -136,6 +136,16 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     }
 }
 
+// The cycle ends with the M4 session close; the meter's short answer is taken off the line.
+TEST(SpgM4, SessionCloseIsAnswered) {
+    Rig rig;
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.session_close();
+    const uint8_t* a = rig.driver.protocol()->reply();
+    ASSERT_EQ(5u, rig.driver.protocol()->replyLength());
+    EXPECT_EQ((Bytes{0x10, 0x03, 0x71, static_cast<uint8_t>(~(0x03 + 0x71)), 0x16}), Bytes(a, a + 5));
+}
+
 TEST(SpgM4, WrongSerialEndsTheCycle) {
     Rig rig(0, "999");
     ASSERT_TRUE(rig.driver.init());

@@ -99,6 +99,10 @@ TEST(M4Packet, SessionStartCarriesTheOldChecksum) {
     ASSERT_TRUE(m4.makePacket(r));
     EXPECT_EQ((Bytes{0x10, 0x00, 0x3F, 0x00, 0x00, 0x00, 0x00, 0xC0, 0x16}), frameOf(m4));
     EXPECT_EQ(0xFF, m4.packetId());
+    // Session close: the same short frame with 0x71; the identifier stays.
+    ASSERT_TRUE(m4.makePacket(LogikaRequest{"close", M4::kFnSessionClose, 0, 0, {}}));
+    EXPECT_EQ((Bytes{0x10, 0x00, 0x71, 0x00, 0x00, 0x00, 0x00, 0x8E, 0x16}), frameOf(m4));
+    EXPECT_EQ(0xFF, m4.packetId());
 
     // the identifier advances by one per frame and wraps to 0x00
     ASSERT_TRUE(m4.makePacket(readParam(0x8123)));

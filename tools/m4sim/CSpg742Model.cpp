@@ -8,6 +8,7 @@
 //
 // What it answers:
 //   session start (short frame 3F)  10 NT 3F 47 2A VV CS 16 (identification 0x472A)
+//   session close (short frame 71)  10 NT 71 CS 16
 //   parameter read 72 4A 03 CH NL NH  one element. Public numbers: 0.8256
 //       serial (top byte not part of it), 0.1024 time, 0.1025 date, 0.2048
 //       and 0.2050 totals, n.2048 / n.2049 pipe totals. The numbers of the
@@ -79,6 +80,12 @@ public:
         if (f.nt != m_o.nt)
             return {};
         if (!f.isLong) {
+            if (f.function == 0x71) {  // session close: 10 NT 71 CS 16
+                Bytes a = {0x10, m_o.nt, 0x71};
+                a.push_back(m4sim::sumCheck(a.data() + 1, 2));
+                a.push_back(0x16);
+                return a;
+            }
             if (f.function != 0x3F)
                 return {};
             Bytes a = {0x10, m_o.nt, 0x3F, 0x47, 0x2A, 0x00};
