@@ -229,7 +229,10 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
         while (got < kCloseAnswerSize && m_connector.ReadBuffer(m_recv + got, 1, true) == 1)
             ++got;
         m_recvLength = got;
-        dumpFrame("Recv", request, m_recv, m_recvLength);
+        if (got)
+            dumpFrame("Recv", request, m_recv, m_recvLength);
+        else
+            MTD_CLOG(m_log, Info, "M4::SendRequest('%s'): no answer, the meter ends the session itself", request.name.c_str());
         return Attempt::Ok;
     }
 

@@ -161,6 +161,7 @@ for c in "${cases[@]}"; do
         check "clean: second cycle ends" wait_count "$WORK/clean.log" "$left" 2 30
         check "clean: second cycle stored new hourly records" spg_check_archives clean newer 2
         check "clean: second cycle starts at the meter's pointer" spg_pointer_start clean
+        check "clean: the session close is answered" grep -q "M4::SendRequest('Close Session'): Recv" "$WORK/clean.log"
         check "clean: archives after the second cycle" spg_check_archives clean exact 2
         check "clean: no error from the driver" sh -c "! grep -E 'Err: ' '$WORK/clean.log'" ;;
     faults)
