@@ -423,7 +423,7 @@ bool CmtdSpgM4::parseValues(const SArchive& arch, const uint8_t* data, size_t si
 // request after request from the meter's next-record pointer. With `sink`,
 // each reply's records go to it at once; false when the sink says stop.
 bool CmtdSpgM4::readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
-                            std::vector<ArchiveRecord>& recs, time_t& pointer, CArchiveSink* sink) {
+                            std::vector<ArchiveRecord>& recs, SPointer& pointer, CArchiveSink* sink) {
     while (start <= to) {
         // The M4 layer writes the window in the process's local time; hand it
         // the instant whose local fields are the meter's clock reading.
@@ -443,11 +443,12 @@ bool CmtdSpgM4::readChannel(const SArchive& arch, uint8_t channel, time_t start,
         const size_t before = recs.size();
         const bool whole = parseArchive(arch, channel, recs, next);
         const time_t newest = recs.size() > before ? recs.back().timestamp : 0;
+        pointer.covered = std::max(pointer.covered, newest);
         if (sink && !handOver(recs, false, *sink))
             return false;
         if (!whole)
             return true;
-        pointer = next;
+        pointer.next = next;
         if (next == 0 || next > to)
             return true;
         // Each pointer must lie past what came; else the meter's dating loops.
@@ -529,19 +530,20 @@ void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
     // them behind the stored ones; their pointers count only then.
     const bool alone = arch->channels == 1;
     std::vector<ArchiveRecord> recs;
-    std::map<size_t, time_t> pointers;
+    std::map<size_t, SPointer> pointers;
     for (uint8_t i = 0; i < arch->channels; ++i) {
         const uint8_t channel = static_cast<uint8_t>(arch->firstChannel + i);
         const size_t key = static_cast<size_t>(arch - kArchives) * 256 + channel;
-        // The meter's pointer from the last read, when it is inside this window.
+        // The meter's pointer from the last read, when this window starts past
+        // what that read gave (not a read again) and the pointer lies inside it.
         const auto known = m_next.find(key);
-        const bool atPointer = known != m_next.end() && known->second >= first;
-        const time_t start = atPointer ? known->second : first;
+        const bool atPointer = known != m_next.end() && from > known->second.covered && known->second.next >= first;
+        const time_t start = atPointer ? known->second.next : first;
         if (atPointer)
             MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s channel %u from the meter's next-record pointer %lld",
                      arch->kind, static_cast<unsigned>(channel), static_cast<long long>(start));
-        time_t& pointer = alone ? m_next[key] : pointers[key];
-        pointer = 0;
+        SPointer& pointer = alone ? m_next[key] : pointers[key];
+        pointer = SPointer{0, from - 1};
         if (!readChannel(*arch, channel, start, last, recs, pointer, alone ? &sink : nullptr))
             return;
     }

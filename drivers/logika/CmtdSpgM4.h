@@ -45,13 +45,17 @@ public:
     static const SArchive* findArchive(int archType);
 
 private:
+    struct SPointer {
+        time_t next = 0;     // the meter's next-record pointer, 0 none
+        time_t covered = 0;  // newest record time the read gave (else its window start - 1)
+    };
     // Reads one parameter; false when it did not come or the meter refused it.
     bool readParam(const SParam& p, M4::ParamValue& value);
     bool deviceTime(time_t& t, std::string& text);
     // Reads one channel of an archive from mark `start` to mark `to`; `pointer`
     // is the meter's next-record pointer at the end (0: none).
     bool readChannel(const SArchive& arch, uint8_t channel, time_t start, time_t to,
-                     std::vector<ArchiveRecord>& recs, time_t& pointer, CArchiveSink* sink);
+                     std::vector<ArchiveRecord>& recs, SPointer& pointer, CArchiveSink* sink);
     bool parseArchive(const SArchive& arch, uint8_t channel, std::vector<ArchiveRecord>& recs, time_t& next);
     bool parseValues(const SArchive& arch, const uint8_t* data, size_t size, const std::string& prefix,
                      ArchiveRecord& rec);
@@ -65,7 +69,8 @@ private:
     int m_rateHour = -1;        // contract hour
     std::map<uint16_t, int> m_pressureUnits;  // unit setting's number -> the meter's unit code
     // Next-record pointer the meter gave at the end of the last read, per
-    // archive and channel: where the next read starts.
-    std::map<size_t, time_t> m_next;
+    // archive and channel: where the next read starts, unless the window
+    // starts at or before the newest record that read gave (a read again).
+    std::map<size_t, SPointer> m_next;
     bool m_session = false;
 };

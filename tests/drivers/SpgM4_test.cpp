@@ -233,6 +233,13 @@ TEST(SpgM4, HoleIsReadPastAndTheNextReadStartsAtThePointer) {
         for (const auto& r : *part)
             got.push_back(line(r));
     EXPECT_EQ(got, rig.dump(CM4SimModel::Hourly, kStart));
+
+    // A window that starts inside what was read (a read again) is not cut
+    // short by the pointer.
+    std::vector<ArchiveRecord> again;
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 2 * 3600, kStart, again);
+    ASSERT_EQ(2u, again.size());
+    EXPECT_EQ(kStart / 3600 * 3600 - 3600, again.front().timestamp);
 }
 
 }  // namespace
