@@ -4,7 +4,7 @@
 # line efficiency of a first archive read, idle cost between cycles, memory beside
 # the libraries' floor and its growth, CPU per current-value cycle.
 #
-#   scripts/bench.sh [--quick] [--no-build] [--only ek|spg742] [BUILD_DIR]
+#   scripts/bench.sh [--quick] [--no-build] [--only ek|spg742|spg761] [BUILD_DIR]
 #   scripts/bench.sh --fleet [--quick] [--no-build] [BUILD_DIR]   (scripts/bench-fleet.sh)
 #
 # BUILD_DIR defaults to build-bench: unless --no-build, what is missing is installed
@@ -56,7 +56,8 @@ export BUILD_DIR QUICK ONLY
 
 if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
     if ((BUILD)); then
-        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_bench_floor >/dev/null || exit 2
+        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor \
+            >/dev/null || exit 2
     fi
     MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
 fi
@@ -513,6 +514,12 @@ else
 fi
 if [ -z "$ONLY" ] || [ "$ONLY" = spg742 ]; then
     spg742_runs
+fi
+
+# The SPG761 first read (scripts/bench-spg761.sh).
+if [ -z "$ONLY" ] || [ "$ONLY" = spg761 ]; then
+    . "$HERE/bench-spg761.sh"
+    spg761_line
 fi
 
 write_json "$BUILD_DIR/bench-results.json"
