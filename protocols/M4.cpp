@@ -24,10 +24,19 @@ constexpr uint8_t kDle = kFrameStart;
 constexpr uint8_t kEnd = kFrameEnd;
 constexpr uint8_t kFrameType = 0x90;  // "long" frame with attribute byte and length
 constexpr size_t kWakeUpLength = 20;
+constexpr size_t kCloseAnswerSize = 5;  // 10 NT 71 CS 16
 
 uint32_t le32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
            static_cast<uint32_t>(p[3]) << 24;
+}
+
+// An unsigned integer of `n` bytes (1, 2 or 4), low byte first.
+uint32_t leN(const uint8_t* p, size_t n) {
+    uint32_t v = 0;
+    for (size_t i = n; i-- > 0;)
+        v = v << 8 | p[i];
+    return v;
 }
 
 float leFloat(const uint8_t* p) {
@@ -123,14 +132,16 @@ bool CM4::makePacket(const LogikaRequest& request) {
     uint8_t* p = m_send;
     switch (request.function) {
     case kFnSessionStart:
+    case kFnSessionClose:
         p[0] = kDle;
         p[1] = m_netAddr;
-        p[2] = kFnSessionStart;
+        p[2] = static_cast<uint8_t>(request.function);
         p[3] = p[4] = p[5] = p[6] = 0x00;
         p[7] = shortFrameChecksum(p + 1, 5);
         p[8] = kEnd;
         m_sendLength = 9;
-        m_packetId = 0xFF;
+        if (request.function == kFnSessionStart)
+            m_packetId = 0xFF;
         return true;
 
     case kFnReadParam: {
@@ -211,6 +222,18 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
 
     if (request.function == kFnWakeUp) {
         pause(m_timing.afterWakeUp);
+        return Attempt::Ok;
+    }
+    if (request.function == kFnSessionClose) {
+        // Take the short answer off the line; whatever it is, the session is over.
+        size_t got = 0;
+        while (got < kCloseAnswerSize && m_connector.ReadBuffer(m_recv + got, 1, true) == 1)
+            ++got;
+        m_recvLength = got;
+        if (got)
+            dumpFrame("Recv", request, m_recv, m_recvLength);
+        else
+            MTD_CLOG(m_log, Info, "M4::SendRequest('%s'): no answer, the meter ends the session itself", request.name.c_str());
         return Attempt::Ok;
     }
 
@@ -341,14 +364,19 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
     const uint8_t* v = data + out.headerSize;
     size_t need = 0;
     switch (out.tag) {
-    case 0x41: case 0x43: case 0x47: case 0x4B: need = 4; break;
+    case 0x41: need = out.length == 1 || out.length == 2 ? out.length : 4; break;  // 1, 2 or 4 bytes
+    case 0x43: case 0x47: case 0x4B: need = 4; break;
     case 0x44: need = 8; break;
     case 0x48: need = 3; break;
-    case 0x49: need = 6; break;
-    default: break;
+    default: break;  // 0x49 may be cut after any field
     }
     if (out.length < need) {
         MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x%02x TOO SHORT: %u BYTES !", out.tag, out.length);
+        out.text = "! error";
+        return false;
+    }
+    if (out.tag == 0x41 && out.length != need) {
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x41 OF %u BYTES, NOT 1, 2 OR 4 !", out.length);
         out.text = "! error";
         return false;
     }
@@ -368,7 +396,7 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
         return true;
     case 0x41:
         out.kind = ParamValue::Integer;
-        out.integer = le32(v);
+        out.integer = leN(v, out.length);
         out.text = std::to_string(out.integer);
         return true;
     case 0x43:
@@ -400,19 +428,29 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
         std::snprintf(text, sizeof text, "%02d.%02d.%04d", out.day, out.month, out.year);
         out.text = text;
         return true;
-    case 0x49:
+    case 0x49: {
+        // YY MM DD hh mm ss msL msH; a meter may stop after any field (two
+        // bytes: a month), the rest being the start of that period. Empty: no
+        // time at all, as in the next-record pointer of an exhausted archive.
+        if (out.length == 0) {
+            out.text = "";
+            return true;
+        }
+        uint8_t f[6] = {0, 1, 1, 0, 0, 0};
+        std::memcpy(f, v, out.length < 6 ? out.length : 6);
         out.kind = ParamValue::DateTime;
         out.hasDate = out.hasTime = true;
-        out.year = 2000 + v[0];
-        out.month = v[1];
-        out.day = v[2];
-        out.hour = v[3];
-        out.minute = v[4];
-        out.second = v[5];
+        out.year = 2000 + f[0];
+        out.month = f[1];
+        out.day = f[2];
+        out.hour = f[3];
+        out.minute = f[4];
+        out.second = f[5];
         std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d:%02d", out.day, out.month, out.year, out.hour,
                       out.minute, out.second);
         out.text = text;
         return true;
+    }
     case 0x4B:
         out.kind = ParamValue::Integer;
         out.integer = le32(v);

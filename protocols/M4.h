@@ -13,6 +13,9 @@
 // Session start is the old short frame with an 8-bit checksum (kept so, the
 // meters expect it):  10 NT 3F 00 00 00 00 CS 16,  CS = ~(NT + 0x3F).
 // The meter answers with 8 bytes 10 NT 3F .. .. .. CS .. .
+// Session close is the same short frame with 0x71 (10 NT 71 00 00 00 00 CS 16);
+// the meter answers 10 NT 71 CS 16 (or refuses with 10 NT 21 EC CS 16), read
+// once and not judged: a session left open ends by the meter's time-out anyway.
 // A meter asleep on battery needs a wake-up: twenty 0xFF bytes, then ten
 // seconds of quiet before the first request.
 //
@@ -38,6 +41,7 @@ namespace M4 {
 // Function codes the frame builder knows.
 enum : uint32_t {
     kFnSessionStart = 0x3F,
+    kFnSessionClose = 0x71,
     kFnReadParam = 0x72,
     kFnReadArchive = 0x61,
     kFnWakeUp = 0xFF,

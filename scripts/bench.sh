@@ -4,7 +4,7 @@
 # line efficiency of a first archive read, idle cost between cycles, memory beside
 # the libraries' floor and its growth, CPU per current-value cycle.
 #
-#   scripts/bench.sh [--quick] [--no-build] [BUILD_DIR]
+#   scripts/bench.sh [--quick] [--no-build] [--only ek|spg742|spg741|spg761] [BUILD_DIR]
 #   scripts/bench.sh --fleet [--quick] [--no-build] [BUILD_DIR]   (scripts/bench-fleet.sh)
 #
 # BUILD_DIR defaults to build-bench: unless --no-build, what is missing is installed
@@ -25,9 +25,13 @@ done
 QUICK=0
 BUILD=1
 BUILD_ARG=
+ONLY=
+want_only=0
 for arg in "$@"; do
+    if ((want_only)); then ONLY=$arg; want_only=0; continue; fi
     case $arg in
     --quick) QUICK=1 ;;
+    --only) want_only=1 ;;
     --no-build) BUILD=0 ;;
     -h | --help)
         sed -n '2,15p' "$0"
@@ -48,11 +52,12 @@ BUILD_DIR=$(cd "$BUILD_DIR" 2>/dev/null && pwd) || {
     echo "bench.sh: no build directory ${BUILD_ARG:-$SRC/build-bench}" >&2
     exit 2
 }
-export BUILD_DIR QUICK
+export BUILD_DIR QUICK ONLY
 
 if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
     if ((BUILD)); then
-        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor >/dev/null || exit 2
+        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor \
+            >/dev/null || exit 2
     fi
     MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
 fi
@@ -266,6 +271,14 @@ done
 # log_seconds LINE: the logger's "HH:MM:SS.mmm.uuu" prefix as seconds of the day
 log_seconds() { awk '{split($1, t, "[:.]"); printf "%.6f\n", t[1] * 3600 + t[2] * 60 + t[3] + t[4] / 1e3 + t[5] / 1e6}' <<<"$1"; }
 
+# first_to_last LOG SEND_RE RECV_RE: seconds from the first request to the last reply
+first_to_last() {
+    local first last
+    first=$(log_seconds "$(grep -m1 -E "$2" "$1")")
+    last=$(log_seconds "$(grep -E "$3" "$1" | tail -1)")
+    calc "$last - $first + ($last < $first ? 86400 : 0)" 3
+}
+
 # io_bytes PID: bytes the simulator read and wrote (rchar + wchar): its line traffic
 io_bytes() { awk '$1 == "rchar:" || $1 == "wchar:" {s += $2} END {print s}' /proc/"$1"/io; }
 
@@ -364,12 +377,10 @@ ek_runs() {
     fi
     b1=$(io_bytes "$MS_PID")
     cp "$LOG" "$BUILD_DIR/bench-first-run.log"  # kept for a look at the exchange timing
-    local cpu_first sends first_send last_recv measured bytes ideal_bytes gaps
+    local cpu_first sends measured bytes ideal_bytes gaps
     cpu_first=$(calc "$(cpu_ns "$PID") / 1e9" 3)
     sends=$(count_in "$LOG" "CGost61107::send\(")
-    first_send=$(log_seconds "$(grep -m1 -E "CGost61107::send\(" "$LOG")")
-    last_recv=$(log_seconds "$(grep -E "CGost61107::receive\(" "$LOG" | tail -1)")
-    measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
+    measured=$(first_to_last "$LOG" "CGost61107::send\(" "CGost61107::receive\(")
     bytes=$((b1 - b0))
     ideal_bytes=$(calc "$bytes * 10 / 9600" 3)
     gaps=$(calc "$sends * 0.02" 3)   # the 20 ms of quiet the meter needs before every request
@@ -439,12 +450,70 @@ bench_ek_config() {
         printf '}}\n'
     } >"$file"
 }
+# spg742_runs: the SPG742's timed first run at 9600 Bd against mtd_m4sim with its
+# line timing on (a week of hourly records, the daily archive and the journal of
+# each channel). M4 wants no quiet before a request: the driver sends the next
+# one as soon as an answer is in, so the line allows bytes time alone.
+spg742_runs() {
+    local hist=7
+    ((QUICK)) && hist=2
+    local link="$WORK/spg742.tty" b0 b1 r0 r1
+    start_bg "$WORK/spg742.sim" "$BUILD_DIR/mtd_m4sim" --link "$link" --model spg742 --archive-days "$hist" \
+        --address 1 --serial 74200 --frame-bits 10 --baud 9600 --now "$(ek_device_start 2)"
+    local sim=$BG_PID
+    wait_for "$WORK/spg742.sim" '^ready' 5 || { echo "bench.sh: m4sim did not start" >&2; return; }
+    printf '{"meters": {"910": {"port_params": {"manufacturer": "spg742", "name": "%s", "speed": "9600", ' "$link" \
+        >"$WORK/spg742.json"
+    printf '"timeout": "1000", "serial": "74200", "address": "1", "pu_TZ": "0", "data_rate": "600"}, ' \
+        >>"$WORK/spg742.json"
+    printf '"systems": ["1"]}}}\n' >>"$WORK/spg742.json"
+    start_hostsim "$WORK/spg742.json" "$WORK/spg742.rec" || return
+    b0=$(io_bytes "$sim")
+    r0=$(awk '$1 == "rchar:" {print $2}' /proc/"$sim"/io)
+    start_daemon spg742 7 910
+    if ! wait_count "$LOG" 'CmtdSpgM4::cycle_end\(\) - session left' 1 900; then
+        echo "bench.sh: the SPG742 first run did not finish" >&2
+        return
+    fi
+    b1=$(io_bytes "$sim")
+    r1=$(awk '$1 == "rchar:" {print $2}' /proc/"$sim"/io)
+    cp "$LOG" "$BUILD_DIR/bench-spg742-first-run.log"
+    local sends measured bytes ideal
+    sends=$(count_in "$LOG" "M4::SendRequest\('[^']*'\): Send")
+    measured=$(first_to_last "$LOG" "M4::SendRequest\('[^']*'\): Send" "M4::SendRequest\('[^']*'\): Recv")
+    bytes=$((b1 - b0))
+    ideal=$(calc "$bytes * 10 / 9600" 3)
+    put spg742_line baud 9600
+    put spg742_line history_days "$hist"
+    put spg742_line hourly_records "$(find /mnt/storage/910 -name 'Hourly_JSONRPC-*.jsonl' -exec cat {} + 2>/dev/null | wc -l)"
+    put spg742_line requests "$sends"
+    put spg742_line line_bytes "$bytes"
+    put spg742_line bytes_time_s "$ideal"
+    put spg742_line measured_s "$measured"
+    put spg742_line efficiency "$(calc "$ideal / $measured" 3)"
+    echo "SPG742 line efficiency (bytes time / measured): $(calc "$ideal / $measured" 2)"
+    # The simulator paces its answers only; the requests reach it at once. Adding
+    # their bytes time to the measured time gives the figure of a real line.
+    local req
+    req=$(calc "($r1 - $r0) * 10 / 9600" 3)
+    put spg742_line request_bytes_time_s "$req"
+    put spg742_line efficiency_requests_timed "$(calc "$ideal / ($measured + $req)" 3)"
+    stop_pid "$PID"
+    stop_pid "$sim"
+    stop_pid "$HOSTSIM_PID"
+}
+
+if [ -n "$ONLY" ] && [ "$ONLY" != ek ]; then
+    :
 # (need the EK driver in the factory; skipped without it)
-if ! grep -q CmtdEK2xxTC2xx "$MTD_MAIN"; then
+elif ! grep -q CmtdEK2xxTC2xx "$MTD_MAIN"; then
     echo "bench.sh: mtd_main has no EK driver; EK figures skipped" >&2
     put ek skipped "no EK driver in this build"
 else
     ek_runs
+fi
+if [ -z "$ONLY" ] || [ "$ONLY" = spg742 ]; then
+    spg742_runs
 fi
 
 # ---------------------------------------------------------------- SPG741 first run
@@ -487,12 +556,14 @@ spg741_runs() {
     stop_pid "$HOSTSIM_PID"
     stop_pid "$simpid"
 }
-if [ -x "$BUILD_DIR/mtd_m4sim" ]; then
+if [ -x "$BUILD_DIR/mtd_m4sim" ] && { [ -z "$ONLY" ] || [ "$ONLY" = spg741 ]; }; then
     spg741_runs
 fi
 # The SPG761 first read (scripts/bench-spg761.sh).
-. "$HERE/bench-spg761.sh"
-spg761_line
+if [ -z "$ONLY" ] || [ "$ONLY" = spg761 ]; then
+    . "$HERE/bench-spg761.sh"
+    spg761_line
+fi
 
 write_json "$BUILD_DIR/bench-results.json"
 print_table

@@ -47,7 +47,10 @@ void CLogikaBaseDriver::checkSerial(const std::string& read) const {
 }
 
 bool CLogikaBaseDriver::m4PressureFactor(int code, const char* function, double& factor) const {
-    static const uint32_t kUnits[] = {DU_KGF_CM2, DU_MPA, DU_BAR};
+    // Index = the meter's unit code: 0 kPa, 1 MPa, 2 kgf/cm2, 3 kgf/m2. There is
+    // no bar. Source: the public Logika meter library, Logika4 getGasPressureUnits
+    // (Python port github.com/Vadsxd/LogikaPython, Logika/Meters/Logika4.py).
+    static const uint32_t kUnits[] = {DU_KPA, DU_MPA, DU_KGF_CM2, DU_KGF_M2};
     if (code < 0 || code >= static_cast<int>(sizeof kUnits / sizeof kUnits[0]) ||
         !pressureFactor(kUnits[code], factor)) {
         MTD_DLOG(Err, "%s::%s() - UNKNOWN PRESSURE UNIT %d", driverName(), function,

@@ -6,8 +6,9 @@
 // the time argument the protocol layers want, the serial-number check, the
 // pressure conversion to kgf/cm2 and the refusal of passport writes.
 //
-// None of these meters has a closing frame: a session (where there is one)
-// ends by the meter's own silence time-out, so session_close() sends nothing.
+// A session (where there is one) also ends by the meter's own silence
+// time-out, so session_close() sends nothing here; the SPG742 driver sends the
+// M4 session close (short frame 0x71).
 //
 // Adding a model: its driver class holds its request table, its parsers and
 // its wire notes, derives from this class, and gets a row in the factory's
@@ -23,7 +24,7 @@ namespace logika {
 
 class CLogikaBaseDriver : public gas::CMtdGasBaseDriver {
 public:
-    // Nothing to send: the meter forgets the session after a minute of silence.
+    // Nothing to send by default: the meter forgets the session after a minute of silence.
     void session_close() override {}
     // The meter's clock reading, "YYYY-MM-DD,hh:mm:ss".
     std::string clockText(time_t t) const override { return deviceTimeText(t); }
@@ -41,9 +42,9 @@ protected:
     // Throws CWrongPacketException (after the log line) when a serial number
     // is configured and the meter's differs.
     void checkSerial(const std::string& read) const;
-    // Pressure unit code of the M4 meters (0 kgf/cm2, 1 MPa, 2 bar; assumed,
-    // see the drivers' notes) to the factor to kgf/cm2; false (logged under
-    // `function`) for an unknown code.
+    // Pressure unit code of the M4 meters (0 kPa, 1 MPa, 2 kgf/cm2, 3 kgf/m2;
+    // each measured pressure has a unit setting of its own) to the factor to
+    // kgf/cm2; false (logged under `function`) for an unknown code.
     bool m4PressureFactor(int code, const char* function, double& factor) const;
     // The device time could not be had: logs "<driver>::<function>() - <what>"
     // and throws CNoDateTimeException, which ends the cycle (nothing is stored

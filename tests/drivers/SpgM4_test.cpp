@@ -22,6 +22,7 @@
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 
 struct Rig {
@@ -100,7 +101,10 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     auto sys = byName(rig.driver.get_all_system_values());
     EXPECT_EQ(sys["SerialNumber"].value, "74212");  // the meter's top byte is not part of the number
     EXPECT_EQ(sys["MeterModel"].value, "SPG742");
+    // The settings come as one-byte integers.
     EXPECT_EQ(sys["RateHour"].value, "9");
+    EXPECT_EQ(sys["PressureUnitP1"].value, "0");
+    EXPECT_EQ(sys["PressureUnitP2"].value, "1");
     EXPECT_EQ(sys["SerialNumber"].timestamp, kStart);
 
     auto cur = rig.driver.get_all_curtime_cur_integ_values();
@@ -110,10 +114,36 @@ TEST(SpgM4, SessionSystemAndCurrentValues) {
     EXPECT_EQ(v["P1"].dim, "kgs/sm2 (atm)");
     EXPECT_EQ(v["Vstd"].dim, "m3");
     EXPECT_EQ(v["T2"].dim, "grad");
-    // The meter keeps pressure in MPa; published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2).
-    const double p = std::atof(v["P1"].value.c_str());
-    EXPECT_GT(p, 0.31 * 10.19);
-    EXPECT_LT(p, 0.41 * 10.20);
+    // The clock and the totals are the meter's own (its answers at that time).
+    std::ostringstream meter;
+    ASSERT_TRUE(makeM4SimModel("spg742", rig.options)->dumpValues(kStart, meter));
+    std::map<std::string, std::string> own;
+    std::istringstream lines(meter.str());
+    for (std::string l; std::getline(lines, l);)
+        own[l.substr(0, l.find('='))] = l.substr(l.find('=') + 1);
+    EXPECT_EQ(v["DateTime"].value, own["clock"]);
+    const std::pair<const char*, const char*> totals[] = {{"Vstd", "0.2048"}, {"OperatingTime", "0.2050"},
+                                                          {"Vw1", "1.2048"},  {"Vstd1", "1.2049"},
+                                                          {"Vw2", "2.2048"},  {"Vstd2", "2.2049"}};
+    for (const auto& t : totals)
+        EXPECT_NEAR(std::atof(v[t.first].value.c_str()), std::atof(own[t.second].c_str()), 1e-5) << t.first;
+    // Each pressure in its own unit (pipe 1 kPa: code 0, pipe 2 MPa: code 1),
+    // published in kgf/cm2 (1 MPa = 10.1972 kgf/cm2); the meter keeps 0.3-0.4 MPa.
+    for (const char* name : {"P1", "P2"}) {
+        const double p = std::atof(v[name].value.c_str());
+        EXPECT_GT(p, 0.30 * 10.19) << name;
+        EXPECT_LT(p, 0.42 * 10.20) << name;
+    }
+}
+
+// The cycle ends with the M4 session close; the meter's short answer is taken off the line.
+TEST(SpgM4, SessionCloseIsAnswered) {
+    Rig rig;
+    ASSERT_TRUE(rig.driver.init());
+    rig.driver.session_close();
+    const uint8_t* a = rig.driver.protocol()->reply();
+    ASSERT_EQ(5u, rig.driver.protocol()->replyLength());
+    EXPECT_EQ((Bytes{0x10, 0x03, 0x71, static_cast<uint8_t>(~(0x03 + 0x71)), 0x16}), Bytes(a, a + 5));
 }
 
 TEST(SpgM4, WrongSerialEndsTheCycle) {
@@ -173,24 +203,43 @@ TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
         EXPECT_EQ(line(out[i]), all[i]);
 }
 
-// A record missing inside a transfer ends it before the hole; the next read,
-// starting at the missing hour, takes the meter's word that it has none.
-TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
+// The meter's own hole (a power cut) is read past by its next-record pointer;
+// the next read starts at the pointer the last one ended with, even when the
+// window it is given starts a second after the last record.
+TEST(SpgM4, HoleIsReadPastAndTheNextReadStartsAtThePointer) {
     Rig rig(0, "74212", 0, 10);
     ASSERT_TRUE(rig.driver.init());
     const time_t hole = (kStart / 3600 - 10) * 3600;
     std::vector<ArchiveRecord> first, second;
-    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
+    // The first read ends inside the missing hour: the meter points past it.
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, hole + 1800, first);
     ASSERT_FALSE(first.empty());
     EXPECT_EQ(first.back().timestamp, hole - 3600);
     test_support::readArchive(rig.driver, ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
     ASSERT_FALSE(second.empty());
     EXPECT_EQ(second.front().timestamp, hole + 3600);
+    // The request's start (49 06 YY MM DD hh mm ss at body offset 8) is the
+    // pointer, not a time nudged past the last record.
+    const uint8_t* req = rig.driver.protocol()->sendBuffer() + 7;
+    ASSERT_EQ(0x61, req[0]);
+    const time_t pointer = hole + 3600;
+    struct tm tm {};
+    gmtime_r(&pointer, &tm);
+    EXPECT_EQ(Bytes({0x49, 0x06, static_cast<uint8_t>(tm.tm_year - 100), static_cast<uint8_t>(tm.tm_mon + 1),
+                     static_cast<uint8_t>(tm.tm_mday), static_cast<uint8_t>(tm.tm_hour), 0, 0}),
+              Bytes(req + 8, req + 16));
     std::vector<std::string> got;
     for (const auto* part : {&first, &second})
         for (const auto& r : *part)
             got.push_back(line(r));
     EXPECT_EQ(got, rig.dump(CM4SimModel::Hourly, kStart));
+
+    // A window that starts inside what was read (a read again) is not cut
+    // short by the pointer.
+    std::vector<ArchiveRecord> again;
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 2 * 3600, kStart, again);
+    ASSERT_EQ(2u, again.size());
+    EXPECT_EQ(kStart / 3600 * 3600 - 3600, again.front().timestamp);
 }
 
 }  // namespace

@@ -94,6 +94,27 @@ sys.exit(0 if newer else 1)
 PY
 }
 
+# spg_pointer_start CASE: the second cycle's hourly read starts at the
+# meter's next-record pointer, the hour after the newest record of the first.
+spg_pointer_start() {
+    python3 - "$WORK/$1.log" <<'PY'
+import re, sys
+cycle, kind, newest, starts = 0, None, {}, {}
+for line in open(sys.argv[1], errors="replace"):
+    m = re.search(r"get_arch_values\((\w+)\) ---", line)
+    if m:
+        kind = m.group(1)
+    if "CmtdSpgM4::cycle_end() - session left" in line:
+        cycle += 1
+    m = re.search(r"Hourly channel 0 from the meter's next-record pointer (\d+)", line)
+    if m and kind == "Hourly_JSONRPC":
+        starts.setdefault(cycle, int(m.group(1)))
+if 1 not in starts:
+    sys.exit("  the second cycle's hourly read did not start at a pointer")
+print("  second cycle's hourly read from %d" % starts[1])
+PY
+}
+
 # spg_check_current: the host service got every value of both pipes, with its
 # unit, the meter's time and quality 192 (the records do not name the meter,
 # so the last complete list of any of them is looked at).
@@ -129,6 +150,8 @@ for c in "${cases[@]}"; do
         check "clean: archives of the first cycle" spg_check_archives clean exact 1
         check "clean: second cycle ends" wait_count "$WORK/clean.log" "$left" 2 30
         check "clean: second cycle stored new hourly records" spg_check_archives clean newer 2
+        check "clean: second cycle starts at the meter's pointer" spg_pointer_start clean
+        check "clean: the session close is answered" grep -q "M4::SendRequest('Close Session'): Recv" "$WORK/clean.log"
         check "clean: archives after the second cycle" spg_check_archives clean exact 2
         check "clean: no error from the driver" sh -c "! grep -E 'Err: ' '$WORK/clean.log'" ;;
     faults)

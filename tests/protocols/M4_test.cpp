@@ -99,6 +99,10 @@ TEST(M4Packet, SessionStartCarriesTheOldChecksum) {
     ASSERT_TRUE(m4.makePacket(r));
     EXPECT_EQ((Bytes{0x10, 0x00, 0x3F, 0x00, 0x00, 0x00, 0x00, 0xC0, 0x16}), frameOf(m4));
     EXPECT_EQ(0xFF, m4.packetId());
+    // Session close: the same short frame with 0x71; the identifier stays.
+    ASSERT_TRUE(m4.makePacket(LogikaRequest{"close", M4::kFnSessionClose, 0, 0, {}}));
+    EXPECT_EQ((Bytes{0x10, 0x00, 0x71, 0x00, 0x00, 0x00, 0x00, 0x8E, 0x16}), frameOf(m4));
+    EXPECT_EQ(0xFF, m4.packetId());
 
     // the identifier advances by one per frame and wraps to 0x00
     ASSERT_TRUE(m4.makePacket(readParam(0x8123)));
@@ -197,7 +201,15 @@ TEST(M4Elements, EveryTag) {
         {"datetime", {0x49, 0x06, 24, 2, 29, 1, 2, 3}, true, "29.02.2024 01:02:03", M4::ParamValue::DateTime, 0},
         {"bits", {0x4B, 0x04, 0x01, 0x80, 0x00, 0xA0}, true, "0xA0008001", M4::ParamValue::Integer, 0xA0008001},
         {"unknown", {0x99, 0x01, 0x00}, false, "! error", M4::ParamValue::None, 0},
-        {"short integer", {0x41, 0x02, 0x01, 0x00}, false, "! error", M4::ParamValue::None, 0},
+        // A contract hour or a unit code comes as one or two bytes; three are no integer width.
+        {"1-byte integer", {0x41, 0x01, 0x09}, true, "9", M4::ParamValue::Integer, 9},
+        {"2-byte integer", {0x41, 0x02, 0x01, 0x02}, true, "513", M4::ParamValue::Integer, 513},
+        {"3-byte integer", {0x41, 0x03, 0x01, 0x02, 0x03}, false, "! error", M4::ParamValue::None, 0},
+        // The archive's date-time: with milliseconds, cut to a month, or empty (no next record).
+        {"datetime+ms", {0x49, 0x08, 24, 2, 29, 1, 2, 3, 0xE7, 0x03}, true, "29.02.2024 01:02:03",
+         M4::ParamValue::DateTime, 0},
+        {"year+month", {0x49, 0x02, 24, 3}, true, "01.03.2024 00:00:00", M4::ParamValue::DateTime, 0},
+        {"no datetime", {0x49, 0x00}, true, "", M4::ParamValue::None, 0},
         {"value cut", {0x43, 0x04, 0x00, 0x00}, false, "! error", M4::ParamValue::None, 0},
         {"tag only", {0x43}, false, "! error", M4::ParamValue::None, 0},
     };

@@ -49,6 +49,14 @@ public:
     // Writes the records of `archive` held at device time `until`, oldest first,
     // one a line: "<unix seconds> name=value ...". False for an unknown archive.
     virtual bool dumpArchive(int archive, time_t until, std::ostream& out) const = 0;
+    // Writes the clock and the totals whose numbers are public, as the meter
+    // answers them at device time `at`, one a line: "clock=dd.mm.yyyy hh:mm:ss",
+    // "<channel>.<number>=<value>". False when the model has none.
+    virtual bool dumpValues(time_t at, std::ostream& out) const {
+        (void)at;
+        (void)out;
+        return false;
+    }
 };
 
 using M4SimModelMaker = std::unique_ptr<CM4SimModel> (*)(const M4SimOptions&);

@@ -2,6 +2,7 @@
 #include "tools/m4sim/M4SimWire.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 namespace m4sim {
@@ -89,6 +90,13 @@ void putU32(std::vector<uint8_t>& out, uint32_t v) {
     le32(out, v);
 }
 
+void putUInt(std::vector<uint8_t>& out, uint32_t v, int bytes) {
+    out.push_back(0x41);
+    out.push_back(static_cast<uint8_t>(bytes));
+    for (int i = 0; i < bytes; ++i)
+        out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
 void putFloat(std::vector<uint8_t>& out, float v) {
     out.push_back(0x43);
     out.push_back(4);
@@ -129,6 +137,38 @@ void putStamp(std::vector<uint8_t>& out, const struct tm& t) {
     out.insert(out.end(), {0x49, 6, static_cast<uint8_t>(t.tm_year - 100), static_cast<uint8_t>(t.tm_mon + 1),
                            static_cast<uint8_t>(t.tm_mday), static_cast<uint8_t>(t.tm_hour),
                            static_cast<uint8_t>(t.tm_min), static_cast<uint8_t>(t.tm_sec)});
+}
+
+void putMark(std::vector<uint8_t>& out, const struct tm& t) {
+    putStamp(out, t);
+    out[out.size() - 7] = 8;
+    out.insert(out.end(), {0, 0});  // milliseconds
+}
+
+void putNoTime(std::vector<uint8_t>& out) {
+    out.insert(out.end(), {0x49, 0});
+}
+
+bool takeElement(const std::vector<uint8_t>& data, size_t& pos, Element& out) {
+    if (pos + 2 > data.size())
+        return false;
+    out.tag = data[pos];
+    size_t length = data[pos + 1], head = 2;
+    if (length > 0x80) {
+        const size_t n = length & 0x7F;
+        if (n > 2 || pos + 2 + n > data.size())
+            return false;
+        length = 0;
+        for (size_t i = 0; i < n; ++i)
+            length = length << 8 | data[pos + 2 + i];
+        head += n;
+    }
+    if (pos + head + length > data.size())
+        return false;
+    out.value.assign(data.begin() + static_cast<std::ptrdiff_t>(pos + head),
+                     data.begin() + static_cast<std::ptrdiff_t>(pos + head + length));
+    pos += head + length;
+    return true;
 }
 
 void putNull(std::vector<uint8_t>& out) {

@@ -40,16 +40,27 @@ time_t fromCivil(int year, int month, int day, int hour, int minute, int second)
 
 // Element writers, appending to `out`.
 void putLength(std::vector<uint8_t>& out, size_t length);
-void putU32(std::vector<uint8_t>& out, uint32_t v);               // 0x41
+void putU32(std::vector<uint8_t>& out, uint32_t v);               // 0x41, 4 bytes
+void putUInt(std::vector<uint8_t>& out, uint32_t v, int bytes);   // 0x41 of 1, 2 or 4 bytes
 void putFloat(std::vector<uint8_t>& out, float v);                // 0x43
 void putIntFloat(std::vector<uint8_t>& out, double v);            // 0x44: whole part + fraction
 void putFlags(std::vector<uint8_t>& out, uint32_t v);             // 0x4B
 void putText(std::vector<uint8_t>& out, const std::string& s);    // 0x16
 void putTime(std::vector<uint8_t>& out, const struct tm& t);      // 0x47
 void putDate(std::vector<uint8_t>& out, const struct tm& t);      // 0x48
-void putStamp(std::vector<uint8_t>& out, const struct tm& t);     // 0x49
+void putStamp(std::vector<uint8_t>& out, const struct tm& t);     // 0x49, 6 bytes
+void putMark(std::vector<uint8_t>& out, const struct tm& t);      // 0x49, 8 bytes (milliseconds 0)
+void putNoTime(std::vector<uint8_t>& out);                        // 0x49 of no bytes
 void putNull(std::vector<uint8_t>& out);                          // 0x05
 void putContainer(std::vector<uint8_t>& out, const std::vector<uint8_t>& inner);  // 0x30
+
+// One element of a request body: the tag and its value bytes.
+struct Element {
+    uint8_t tag = 0;
+    std::vector<uint8_t> value;
+};
+// Takes the element at data[pos] and moves pos past it; false when it does not fit.
+bool takeElement(const std::vector<uint8_t>& data, size_t& pos, Element& out);
 
 // A long answer frame around `body`, echoing the request's address and identifier.
 std::vector<uint8_t> longFrame(uint8_t nt, uint8_t id, const std::vector<uint8_t>& body);
