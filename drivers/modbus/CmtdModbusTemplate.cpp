@@ -359,9 +359,10 @@ bool CmtdModbusTemplate::readDeviceTime(time_t& t) {
 }
 
 bool CmtdModbusTemplate::init() {
-    MTD_DLOG(Info, "Modbus template driver version %02X.%02X, compiled: %s %s", 1, 0, __DATE__, __TIME__);
+    // Quiet: the Error line of the template was written once, at start.
     if (!m_loaded || !m_line)
         throw CWrongPacketException("no usable template, the meter is not polled");
+    MTD_DLOG(Info, "Modbus template driver version %02X.%02X, compiled: %s %s", 1, 0, __DATE__, __TIME__);
     const std::string systems = m_config.get("systems");
     m_sys = systems.empty() ? "1" : systems.substr(0, systems.find_first_of(", "));
     time_t t = 0;
@@ -567,26 +568,35 @@ void CmtdModbusTemplate::readArchive(const ModbusArchive& a, int archType, time_
     if (readBlock(a.newest.kind, a.newest.address, a.newest.count(), regs, "Read Newest Record").status != Reply::Ok)
         throw CDisconnectException("no newest record number");
     const uint32_t newest = static_cast<uint32_t>(decodeModbusInteger(a.newest, regs));
-    // Newest first, back to the window's start; stored oldest first.
-    std::vector<ArchiveRecord> found;
-    time_t later = 0;
-    for (uint32_t n = newest, k = 0; n >= 1 && k < a.depth && k < kMaxRecordsPerRead; --n, ++k) {
-        if (!readRecord(a, n, rec, missing)) {
-            if (missing)
-                continue;
-            break;
-        }
-        if (rec.timestamp < from)
-            break;
-        if (later && rec.timestamp >= later) {
-            MTD_DLOG(Warning, "CmtdModbusTemplate: record %u is not older than the next one, reading stops", n);
-            break;
-        }
-        later = rec.timestamp;
-        if (rec.timestamp <= to)
-            found.push_back(rec);
+    if (newest == 0 || !readRecord(a, newest, rec, missing))
+        return;  // an empty archive, or its newest record is not there (yet)
+    // Records are one period apart, so the newest one's time tells where the
+    // window starts; from there the records are read oldest first and stored
+    // as they come, so a broken transfer keeps what it had read.
+    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
+    const uint32_t oldest = newest >= a.depth ? newest - a.depth + 1 : 1;
+    uint32_t n = newest;
+    if (rec.timestamp > from) {
+        const uint64_t back = static_cast<uint64_t>(rec.timestamp - from + period - 1) / static_cast<uint64_t>(period);
+        n = back >= newest - oldest ? oldest : newest - static_cast<uint32_t>(back);
     }
-    out.insert(out.end(), found.rbegin(), found.rend());
+    n = std::max(n, newest > kMaxRecordsPerRead ? newest - kMaxRecordsPerRead + 1 : 1u);
+    long long last = 0;
+    for (; n <= newest; ++n) {
+        if (!readRecord(a, n, rec, missing))
+            continue;
+        if (rec.timestamp < from)
+            continue;
+        if (rec.timestamp > to)
+            break;
+        if (rec.timestamp <= last) {
+            MTD_DLOG(Warning, "CmtdModbusTemplate: record %u is not newer than the one before, reading stops", n);
+            break;
+        }
+        last = rec.timestamp;
+        out.push_back(rec);
+        flushArchive(out);
+    }
 }
 
 void CmtdModbusTemplate::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {

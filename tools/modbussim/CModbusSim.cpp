@@ -439,8 +439,17 @@ void CModbusSim::serve() {
         const ssize_t n = m_line.read(chunk, sizeof chunk, buf.empty() ? -1 : gapMs);
         if (n > 0) {
             buf.insert(buf.end(), chunk, chunk + n);
-            if (buf.size() < 512)
+            // A request whose length its function tells is served as soon as
+            // it is whole; anything else when the line falls silent.
+            size_t whole = 0;
+            if (buf.size() >= 2 && buf[1] >= 1 && buf[1] <= 6)
+                whole = 8;
+            else if (buf.size() >= 7 && buf[1] == 0x10)
+                whole = 9u + buf[6];
+            if (buf.size() < 512 && (whole == 0 || buf.size() < whole))
                 continue;
+            if (whole && buf.size() > whole)
+                buf.resize(whole);  // the rest is noise or a master that did not wait
         } else if (n < 0) {
             if (!m_line.pause(std::chrono::milliseconds(20)))
                 return;
