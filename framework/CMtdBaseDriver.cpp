@@ -165,7 +165,6 @@ void CMtdBaseDriver::functionThread() {
     MTD_LOG(Info,
             "CMtdBaseDriver::functionThread v. 01.04 - use GetMaxTimestampIn() to calculate daily/hourly time of "
             "next request");
-    m_isEk270 = m_config.get("manufacturer") == "ek270";
 
     m_store = std::make_unique<GasFileConnector>(m_config.meter_id, m_paths.storageRoot, m_paths.controlDir);
     // A folder held by the reporter is looked at again after a pause; a stop

@@ -230,6 +230,5 @@ private:
     std::atomic<bool> m_cancel{false};
     std::mutex m_turnMutex;
     std::condition_variable m_turnCv;
-    bool m_isEk270 = false;
     bool m_sessionOpened = false;  // polling thread only
 };

@@ -89,13 +89,13 @@ void CGost61107::keepQuietGap() {
 }
 
 uint32_t CGost61107::bccWaitMs() const {
-    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    const long baud = m_connector.settings().speed;
     uint32_t ms = baud > 0 ? static_cast<uint32_t>(kBccWaitChars * 10 * 1000 / baud + 1) : kBccWaitMinMs;
     return ms < kBccWaitMinMs ? kBccWaitMinMs : ms;
 }
 
 uint32_t CGost61107::sliceMs() const {
-    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    const long baud = m_connector.settings().speed;
     if (baud <= 0)
         return 0;
     uint32_t ms = static_cast<uint32_t>(kSliceChars * 10 * 1000 / baud);
@@ -290,7 +290,7 @@ bool CGost61107::ChangeBaudRate(char symbol) {
 }
 
 bool CGost61107::ChangeBaudRate(int baudRate) {
-    int current = static_cast<int>(std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10));
+    const int current = static_cast<int>(m_connector.settings().speed);
     if (current == 0) {
         MTD_CLOG(m_log, Warning, "CGost61107::ChangeBaudRate() - ZERO DEVICE BAUD RATE. CHANGING IS IMPOSSIBLE");
         return true;
@@ -299,7 +299,7 @@ bool CGost61107::ChangeBaudRate(int baudRate) {
         MTD_CLOG(m_log, Info, "CGost61107::ChangeBaudRate() - CURRENT BAUD RATE %d == DESIRED BAUD RATE %d. NO ACTION.", current, baudRate);
         return true;
     }
-    m_connector.SetParam("speed", std::to_string(baudRate));
+    m_connector.setSpeed(baudRate);
     m_connector.close_device();
     dropReadAhead();
     bool ok = m_connector.open_device();

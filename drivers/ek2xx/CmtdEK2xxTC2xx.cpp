@@ -310,7 +310,7 @@ bool CmtdEK2xxTC2xx::init() {
             m_config.serial_text.c_str(), m_address.c_str(), systems.c_str());
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, m_puTZ,
             m_puTZ - m_srvTZ);
-    const int configured = m_config.speed > 0 ? m_config.speed : std::atoi(m_config.get("speed").c_str());
+    const int configured = m_config.speed;
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", configured, data_rate);
     if (m_model < EK260 || m_model > TC215) {
         MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - UNKNOWN MODEL");
@@ -320,7 +320,7 @@ bool CmtdEK2xxTC2xx::init() {
         MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - NO CONNECTOR");
         return false;
     }
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
+    const int current = static_cast<int>(m_connector->settings().speed);
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d",
             current, configured);
     if (configured > 0 && !m_proto->ChangeBaudRate(configured)) {
@@ -400,7 +400,7 @@ bool CmtdEK2xxTC2xx::parseIdent(const std::vector<std::string>&) {
 }
 
 bool CmtdEK2xxTC2xx::parseOptAck(const std::vector<std::string>&) {
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
+    const int current = static_cast<int>(m_connector->settings().speed);
     const int desired = m_proto->SpeedSymbolToBaudRate(m_deviceSpeed);
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseOptAck() - current baud rate = %d, desired baud rate = %d ('%c')", current, desired, m_deviceSpeed);
     if (!m_proto->ChangeBaudRate(m_deviceSpeed)) {

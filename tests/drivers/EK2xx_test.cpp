@@ -161,7 +161,7 @@ TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
     cfg.errorRegisters = {"12:314.0"};
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
     ASSERT_TRUE(rig.driver.init());
-    EXPECT_EQ(rig.conn->GetParam("speed"), "19200");
+    EXPECT_EQ(rig.conn->settings().speed, 19200);
     EXPECT_EQ(rig.sim.currentBaud(), 19200);
     EXPECT_EQ(rig.sim.registerValue("4:170.0"), "1");
 

@@ -5,10 +5,7 @@
 # holds the values it read meanwhile, retries, and publishes them once the
 # service answers; the cycles then go on.
 #   fault_host.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_host.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 ID=2401

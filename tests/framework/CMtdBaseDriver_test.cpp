@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/TempDir.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -23,15 +25,7 @@ namespace {
 
 using std::chrono::seconds;
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mtd_framework_XXXXXX";
-        path = mkdtemp(tmpl);
-        path += "/";
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
+using test_support::TempDir;
 
 // A clock the test moves; it tells the test when the driver thread starts
 // waiting for a wall-clock time.
