@@ -242,15 +242,18 @@ void CmtdModbusTemplate::SaveConnector(CConnector* connector) {
     if (!connector || !m_loaded)
         return;
     // The template's line settings stand in for those the configuration leaves out.
-    const std::pair<const char*, const std::string*> line[] = {
-        {"speed", &m_tpl.speed}, {"data", &m_tpl.data}, {"parity", &m_tpl.parity}, {"stop", &m_tpl.stop}};
-    bool changed = false;
-    for (const auto& l : line) {
-        if (!l.second->empty() && !m_config.has(l.first) && connector->GetParam(l.first) != *l.second) {
-            connector->SetParam(l.first, *l.second);
-            changed = true;
-        }
-    }
+    PortSettings& port = connector->transport().settings();
+    const PortSettings before = port;
+    if (!m_tpl.speed.empty() && !m_config.has("speed"))
+        port.speed = std::atol(m_tpl.speed.c_str());
+    if (!m_tpl.data.empty() && !m_config.has("data"))
+        port.dataBits = std::atol(m_tpl.data.c_str());
+    if (!m_tpl.parity.empty() && !m_config.has("parity"))
+        port.parity = m_tpl.parity;
+    if (!m_tpl.stop.empty() && !m_config.has("stop"))
+        port.stopBits = std::atoi(m_tpl.stop.c_str());
+    const bool changed = port.speed != before.speed || port.dataBits != before.dataBits ||
+                         port.parity != before.parity || port.stopBits != before.stopBits;
     if (changed && connector->is_open())
         connector->close_device();
     if (CModbusConnectorItself* mb = connector->modbus())

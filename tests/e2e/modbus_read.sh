@@ -12,10 +12,7 @@
 #            each, also across a restart, with a visible gap while it was down
 #   noisy    the example template on a line with seeded faults
 #   modbus_read.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: modbus_read.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 SIM="$BUILD_DIR/mtd_modbussim"
 SRC="$E2E_SOURCE_DIR"
