@@ -248,7 +248,9 @@ void CmtdModbusTemplate::SaveConnector(CConnector* connector) {
         port.speed = std::atol(m_tpl.speed.c_str());
     if (!m_tpl.data.empty() && !m_config.has("data"))
         port.dataBits = std::atol(m_tpl.data.c_str());
-    if (!m_tpl.parity.empty() && !m_config.has("parity"))
+    // Any letter but E and O is no parity, as the serial connectors read it.
+    const auto parityOf = [](const std::string& p) { return p == "E" || p == "O" ? p : std::string("N"); };
+    if (!m_tpl.parity.empty() && !m_config.has("parity") && parityOf(port.parity) != m_tpl.parity)
         port.parity = m_tpl.parity;
     if (!m_tpl.stop.empty() && !m_config.has("stop"))
         port.stopBits = std::atoi(m_tpl.stop.c_str());

@@ -48,6 +48,7 @@ start_bg "$WORK/swapped.sim" "$SIM" --template "$WORK/tpl/swapped-meter.json" --
     --serial SW2603 --refuse 1010 --busy-every 9 "${common[@]}"
 start_bg "$WORK/noisy.sim" "$SIM" --template "$WORK/tpl/example-flow.json" --link "$WORK/noisy.tty" \
     --serial 2604 --fault-share 0.08 --fault-seed 26 "${common[@]}"
+noisy_sim=$BG_PID
 for s in flow swapped noisy; do
     wait_for "$WORK/$s.sim" '^ready' 5 || { echo "modbussim did not start"; cat "$WORK/$s.sim"; exit 1; }
 done
@@ -70,6 +71,7 @@ wait_count "$WORK/swapped2.log" 'hourly record [0-9]+ made' 2 60
 wait_for "$WORK/flow.log" 'daily record [0-9]+ made' 120
 wait_count "$WORK/noisy.log" 'CMtdBaseDriver::functionThread end all current values' 4 90
 sleep 6
+stop_pid "$noisy_sim"  # it prints its fault summary when it ends
 stop_started
 
 check "bad template: one Error line naming file and member" \
