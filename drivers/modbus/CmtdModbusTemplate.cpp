@@ -587,15 +587,16 @@ void CmtdModbusTemplate::readArchive(const ModbusArchive& a, int archType, time_
     }
     n = std::max(n, newest > kMaxRecordsPerRead ? newest - kMaxRecordsPerRead + 1 : 1u);
     long long last = 0;
-    for (; n <= newest; ++n) {
-        if (!readRecord(a, n, rec, missing))
+    for (uint64_t k = n; k <= newest; ++k) {  // 64 bits: newest may be the largest u32
+        if (!readRecord(a, static_cast<uint32_t>(k), rec, missing))
             continue;
         if (rec.timestamp < from)
             continue;
         if (rec.timestamp > to)
             break;
         if (rec.timestamp <= last) {
-            MTD_DLOG(Warning, "CmtdModbusTemplate: record %u is not newer than the one before, reading stops", n);
+            MTD_DLOG(Warning, "CmtdModbusTemplate: record %llu is not newer than the one before, reading stops",
+                     static_cast<unsigned long long>(k));
             break;
         }
         last = rec.timestamp;

@@ -180,6 +180,21 @@ bool CModbusSim::load(std::string& error) {
         error = "cannot read template " + m_cfg.templateFile + ": " + err;
         return false;
     }
+    // The daemon checks templates; here a member of the wrong type is only
+    // refused, not explained.
+    try {
+        return loadTemplate(root, error);
+    } catch (const Json::Exception& e) {
+        error = "template " + m_cfg.templateFile + " has a member of the wrong type: " + e.what();
+        return false;
+    }
+}
+
+bool CModbusSim::loadTemplate(const Json::Value& root, std::string& error) {
+    if (!root["values"].isArray() || root["values"].empty()) {
+        error = "template " + m_cfg.templateFile + " has no values";
+        return false;
+    }
     m_slave = m_cfg.slave ? m_cfg.slave : root.get("slave", 1).asInt();
     const Json::Value& values = root["values"];
     for (Json::ArrayIndex i = 0; i < values.size(); ++i) {

@@ -41,6 +41,10 @@ struct SModbusSimConfig {
     uint32_t faultSeed = 1;
 };
 
+namespace Json {
+class Value;
+}
+
 class CModbusSim {
 public:
     explicit CModbusSim(SModbusSimConfig config, std::string link = std::string());
@@ -71,6 +75,7 @@ public:
     struct Archive;
 
 private:
+    bool loadTemplate(const Json::Value& root, std::string& error);
     void serve();
     void handle(const std::vector<uint8_t>& frame);
     bool readRegisters(int kind, int address, int count, std::vector<uint16_t>& out);
