@@ -245,6 +245,8 @@ bool CModbusSim::loadTemplate(const Json::Value& root, std::string& error) {
     return true;
 }
 
+uint16_t CModbusSim::crc(const uint8_t* p, size_t n) { return crc16(p, n); }
+
 bool CModbusSim::open() { return m_line.open(); }
 
 bool CModbusSim::start() {

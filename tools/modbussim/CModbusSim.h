@@ -66,6 +66,9 @@ public:
     std::string faultSummary() const { return m_faults.summary(); }
     int requestsSeen() const { return m_requests.load(); }
 
+    // CRC-16/MODBUS of a frame, sent low byte first.
+    static uint16_t crc(const uint8_t* p, size_t n);
+
     // The answer (without CRC) to one request PDU, e.g. {0x03, 0, 100, 0, 2};
     // exposed so that tests can check the register encodings directly.
     std::vector<uint8_t> answer(const std::vector<uint8_t>& pdu);
