@@ -5,17 +5,14 @@
 // Options: docs/mtd_modbussim.1.
 
 #include <getopt.h>
-#include <signal.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
-#include <thread>
 
 #include "tools/modbussim/CModbusSim.h"
+#include "tools/simline/SimMain.h"
 #include "tools/simline/SimTime.h"
 
 namespace {
@@ -25,22 +22,6 @@ const char* const kUsage =
     "  [--now UNIX|YYYY-MM-DD,hh:mm:ss] [--clock-scale X] [--baud B] [--no-timing]\n"
     "  [--refuse REG]... [--busy-every N] [--fault-share P] [--fault-seed N]\n"
     "  [--value NAME --at T]\n";
-
-std::atomic<int> g_signal{0};
-std::atomic<bool> g_usr1{false};
-
-void onSignal(int sig) {
-    if (sig == SIGUSR1)
-        g_usr1 = true;
-    else
-        g_signal = sig;
-}
-
-bool toLong(const char* text, long long& out) {
-    char* end = nullptr;
-    out = std::strtoll(text, &end, 10);
-    return *text != '\0' && *end == '\0';
-}
 
 }  // namespace
 
@@ -64,17 +45,17 @@ int main(int argc, char** argv) {
         switch (c) {
         case 't': cfg.templateFile = optarg; break;
         case 'l': link = optarg; break;
-        case 'a': ok = toLong(optarg, n) && n >= 1 && n <= 247; cfg.slave = static_cast<int>(n); break;
+        case 'a': ok = simToLong(optarg, n) && n >= 1 && n <= 247; cfg.slave = static_cast<int>(n); break;
         case 's': cfg.serial = optarg; break;
-        case 'r': ok = toLong(optarg, n) && n >= 0 && n < 24; cfg.rateHour = static_cast<int>(n); break;
+        case 'r': ok = simToLong(optarg, n) && n >= 0 && n < 24; cfg.rateHour = static_cast<int>(n); break;
         case 'n': ok = parseSimTime(optarg, cfg.now); break;
         case 'c': cfg.clockScale = std::strtod(optarg, nullptr); ok = cfg.clockScale > 0; break;
-        case 'b': ok = toLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
+        case 'b': ok = simToLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
         case 'T': cfg.timing = false; break;
-        case 'R': ok = toLong(optarg, n) && n >= 0 && n <= 65535; cfg.refuse.insert(static_cast<int>(n)); break;
-        case 'B': ok = toLong(optarg, n) && n >= 0; cfg.busyEvery = static_cast<int>(n); break;
+        case 'R': ok = simToLong(optarg, n) && n >= 0 && n <= 65535; cfg.refuse.insert(static_cast<int>(n)); break;
+        case 'B': ok = simToLong(optarg, n) && n >= 0; cfg.busyEvery = static_cast<int>(n); break;
         case 'f': cfg.faultShare = std::strtod(optarg, nullptr); ok = cfg.faultShare >= 0 && cfg.faultShare <= 1; break;
-        case 'F': ok = toLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
+        case 'F': ok = simToLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
         case 'v': value = optarg; break;
         case 'A': ok = parseSimTime(optarg, at); break;
         default: std::fputs(kUsage, c == 'h' ? stdout : stderr); return c == 'h' ? 0 : 2;
@@ -99,12 +80,7 @@ int main(int argc, char** argv) {
         std::printf("%.6f\n", sim.modelValue(value, at ? at : sim.deviceNow()));
         return 0;
     }
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGUSR1, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    simCatchSignals();
     if (!sim.open()) {
         std::fprintf(stderr, "mtd_modbussim: can't open a pseudo-terminal\n");
         return 1;
@@ -112,14 +88,7 @@ int main(int argc, char** argv) {
     std::printf("pty %s\nready\n", sim.slavePath().c_str());
     std::fflush(stdout);
     sim.start();
-    while (g_signal.load() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (g_usr1.exchange(false)) {
-            std::printf("%s requests=%d\n", sim.faultSummary().c_str(), sim.requestsSeen());
-            std::fflush(stdout);
-        }
-    }
+    simServeUntilSignal([&] { return sim.faultSummary() + " requests=" + std::to_string(sim.requestsSeen()); });
     sim.stop();
-    std::printf("%s requests=%d\n", sim.faultSummary().c_str(), sim.requestsSeen());
     return 0;
 }
