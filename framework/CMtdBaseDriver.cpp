@@ -458,11 +458,11 @@ time_t CMtdBaseDriver::GetMaxTimestampIn(int archType, time_t start) {
     return last;
 }
 
-int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>& records) {
+bool CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>& records) {
     if (records.empty() || !m_store)
-        return 0;
+        return true;
     if (!m_store->StoreRecords(archType, records))
-        return 0;  // nothing became visible; the same window is read again next time
+        return false;  // nothing became visible; the same window is read again next time
     const time_t last = m_store->GetLastTimestamp(archType);
     if (m_status) {
         m_status->recordsStored += records.size();
@@ -471,7 +471,7 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
             m_status->lastStored[archType] = last;
     }
     if (last <= 0)
-        return static_cast<int>(records.size());
+        return true;
     switch (archType) {
     case ARCH_HOURLY:
         when_next_arch_hourly = std::max(when_next_arch_hourly.load(), last - last % 60 + 3600);
@@ -492,51 +492,23 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
     default:
         break;
     }
-    return static_cast<int>(records.size());
+    return true;
+}
+
+time_t CMtdBaseDriver::StoreOfDriver::lastStored(int archType) const {
+    return m_driver.m_store ? m_driver.m_store->GetLastTimestamp(archType) : 0;
 }
 
 size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
-    std::vector<ArchiveRecord> records;
-    m_reading = ReadingArchive{archType, 0, false};
+    StoreOfDriver store(*this);
+    CArchiveSink sink(store, archType, from, to, &m_cancel);
     try {
-        get_arch_values(archType, from, to, records);
+        get_arch_values(sink);
     } catch (...) {
-        // Journal entries may share a second, and the transfer may have broken
-        // inside such a group: the next read starts a second after what is
-        // stored, so that second waits for it, as flushArchive does.
-        if (archType == ARCH_JOURNAL_EVENT || archType == ARCH_JOURNAL_INTERVENT) {
-            const long long newest = records.empty() ? 0 : records.back().timestamp;
-            while (!records.empty() && records.back().timestamp == newest)
-                records.pop_back();
-        }
-        storeArchive(archType, records);
-        m_reading.type = -1;
+        sink.finish(false);
         throw;
     }
-    storeArchive(archType, records);
-    m_reading.type = -1;
-    return m_reading.handedOver + records.size();
-}
-
-void CMtdBaseDriver::flushArchive(std::vector<ArchiveRecord>& out) {
-    constexpr size_t kFlushRecords = 24;
-    if (m_reading.type < 0 || m_reading.storeFailed || out.size() < kFlushRecords)
-        return;
-    const long long newest = out.back().timestamp;
-    size_t older = 0;
-    while (older < out.size() && out[older].timestamp < newest)
-        ++older;
-    if (older == 0)
-        return;
-    const std::vector<ArchiveRecord> head(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
-    if (storeArchive(m_reading.type, head) == 0) {
-        // Keep everything: storing a later part alone would leave a hole the
-        // schedule could never come back for.
-        m_reading.storeFailed = true;
-        return;
-    }
-    out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
-    m_reading.handedOver += older;
+    return sink.finish(true);
 }
 
 int CMtdBaseDriver::ReadHourlyArch() {
@@ -629,7 +601,7 @@ std::vector<CValueRecord> CMtdBaseDriver::get_all_curtime_cur_integ_values() { r
 
 std::vector<CValueRecord> CMtdBaseDriver::get_all_system_values() { return {}; }
 
-void CMtdBaseDriver::get_arch_values(int, time_t, time_t, std::vector<ArchiveRecord>&) {}
+void CMtdBaseDriver::get_arch_values(CArchiveSink&) {}
 
 bool CMtdBaseDriver::GetTimestamps(time_t&, int&) { return false; }
 

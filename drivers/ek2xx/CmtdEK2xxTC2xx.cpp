@@ -203,14 +203,6 @@ uint32_t pressureUnitCode(const std::string& unit) {
     return DU_UNKNOWN;
 }
 
-// Journal entries of the newest second may be only part of their group when a
-// transfer ends early: they wait for the next read, which starts at that second.
-void holdBackNewestSecond(std::vector<ArchiveRecord>& out) {
-    const time_t newest = out.empty() ? 0 : out.back().timestamp;
-    while (!out.empty() && out.back().timestamp == newest)
-        out.pop_back();
-}
-
 std::string fmtNumber(double v) {
     char buf[48];
     std::snprintf(buf, sizeof buf, "%.5f", v);
@@ -304,12 +296,11 @@ bool CmtdEK2xxTC2xx::init() {
     if (m_sys.empty())
         m_sys = "1";
     m_srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
-    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : m_srvTZ;
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s",
             m_config.serial_text.c_str(), m_address.c_str(), systems.c_str());
-    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, m_puTZ,
-            m_puTZ - m_srvTZ);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, deviceTzHours(),
+            deviceTzHours() - m_srvTZ);
     const int configured = m_config.speed;
     MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", configured, data_rate);
     if (m_model < EK260 || m_model > TC215) {
@@ -555,14 +546,7 @@ bool CmtdEK2xxTC2xx::parseDateTime(const std::string& text, time_t& t) const {
                 text.c_str());
         return false;
     }
-    struct tm tm {};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    t = timegm(&tm) - static_cast<time_t>(m_puTZ) * 3600;
+    t = fromDeviceTime(y, mo, d, h, mi, s);
     return true;
 }
 
@@ -644,18 +628,15 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
 }
 
 std::string CmtdEK2xxTC2xx::archArgument(const SRequest& row, time_t from, time_t to, bool) const {
-    struct tm a {}, b {};
-    time_t f = from + static_cast<time_t>(m_puTZ) * 3600;
-    time_t t = to + static_cast<time_t>(m_puTZ) * 3600;
-    gmtime_r(&f, &a);
-    gmtime_r(&t, &b);
+    const struct tm a = toDeviceTime(from), b = toDeviceTime(to);
     char buf[128];
     std::snprintf(buf, sizeof buf, row.argument, a.tm_year + 1900, a.tm_mon + 1, a.tm_mday, a.tm_hour,
                   b.tm_year + 1900, b.tm_mon + 1, b.tm_mday, b.tm_hour);
     return buf;
 }
 
-void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdEK2xxTC2xx::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily"
                        : archType == ARCH_JOURNAL_EVENT                            ? "Events"
                                                                                    : nullptr;
@@ -673,14 +654,16 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     time_t curr = 0;
     int rateHour = 0;
     GetTimestamps(curr, rateHour);
-    if (to > curr) {
+    if (sink.to() > curr) {
         char text[32];
         struct tm tm {};
         gmtime_r(&curr, &tm);
         std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
         MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), text);
-        to = curr;
+        sink.clipTo(curr);
     }
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     if (from > to)
         return;
 
@@ -704,11 +687,14 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     m_from = from;
     m_to = to;
     m_lastRecord = 0;
-    m_lastNumber = -1;
-    m_out = &out;
+    m_taken = 0;
+    m_sink = &sink;
     m_archType = archType;
     m_damaged = false;
     m_period = m_events ? 0 : archType == ARCH_DAILY && !isTc() ? 86400 : (m_archPeriodMin > 0 ? m_archPeriodMin : 60) * 60;
+    m_hasIdx = (*m_fields)[1] == std::string("ArchIdx");
+    // Without record numbers (TC2xx) the sink finds a hole by the period.
+    sink.setInterval(m_hasIdx ? 0 : m_period);
     // A meter that keeps ending blocks with EOT would be acknowledged for ever:
     // no transfer takes more blocks than its window holds records, and a margin.
     const long blockLimit = (m_events ? kJournalBlocks : static_cast<long>((to - from) / m_period) + 1) + kBlockMargin;
@@ -723,7 +709,8 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
                 bounded = true;
                 break;
             }
-            flushArchive(out);
+            if (!sink.endBlock())
+                break;
             ok = sendRequest(prefix + " Data Next");
         }
         if (bounded || isStopping() || (ok && !m_damaged) || ++again > kReadsAgain)
@@ -739,19 +726,18 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
                 static_cast<int>(m_from));
         ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
     }
-    m_out = nullptr;
+    m_sink = nullptr;
     if ((ok && !m_damaged && !bounded) || (isStopping() && !bounded)) {
         // A stop between blocks, or one that refused the next block's request,
         // ends the transfer where it is: what came whole is kept.
-        if (isStopping() && m_events)
-            holdBackNewestSecond(out);
+        if (isStopping())
+            sink.interrupted();
         return;
     }
     // Keep what came whole, up to the last good record, and let the cycle go
     // on; the next read starts after it.
-    MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!", static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
-    if (m_events)
-        holdBackNewestSecond(out);
+    MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!", static_cast<int>(m_taken), static_cast<int>(m_lastRecord));
+    sink.interrupted();
 }
 
 bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
@@ -852,7 +838,7 @@ bool CmtdEK2xxTC2xx::endTransferAtDamage() {
     if (m_damagedTimes >= kDamagedTransfers) {
         MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!", static_cast<int>(after), m_damagedTimes);
         m_damagedAfter = -1;
-        m_lastNumber = -1;  // the next record may follow the skipped one
+        m_sink->resync();  // the next record may follow the skipped one
         return false;
     }
     MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE", static_cast<int>(after));
@@ -872,35 +858,12 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
             return false;
         rec.fields.emplace_back(field, values[i]);
     }
-    // Records carry consecutive numbers (the archive's own one where the model
-    // has it) and interval archives a fixed period: a jump means records were
-    // lost on the way, a number seen already a block the meter sent again.
-    const bool hasIdx = (*m_fields)[1] == std::string("ArchIdx");
+    const char* numberText = values[m_hasIdx ? 1 : 0].c_str();
     char* numEnd = nullptr;
-    const long long number = std::strtoll(values[hasIdx ? 1 : 0].c_str(), &numEnd, 10);
-    if (values[hasIdx ? 1 : 0].empty() || *numEnd != '\0') {
-        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!",
-                values[hasIdx ? 1 : 0].c_str());
+    const long long number = std::strtoll(numberText, &numEnd, 10);
+    if (*numberText == '\0' || *numEnd != '\0') {
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!", numberText);
         return !endTransferAtDamage();
-    }
-    if (m_lastNumber >= 0 && number <= m_lastNumber) {
-        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.",
-                number);
-        return true;
-    }
-    const bool numberJump = hasIdx && m_lastNumber >= 0 && number != m_lastNumber + 1;
-    const bool timeJump = !hasIdx && m_period > 0 && m_lastNumber >= 0 && ts - m_lastRecord > m_period;
-    if (numberJump || timeJump) {
-        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", number, static_cast<int>(ts));
-        if (endTransferAtDamage())
-            return false;
-    }
-    m_lastNumber = number;
-    m_lastRecord = ts;
-    if (ts < m_from || ts > m_to) {
-        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.",
-                static_cast<int>(ts), static_cast<int>(m_from), static_cast<int>(m_to));
-        return true;
     }
     rec.timestamp = ts;
     if (m_events) {
@@ -914,9 +877,7 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
             rec.fields.emplace_back("event", "unknown");
             rec.fields.emplace_back("state", "unknown");
             rec.fields.emplace_back("intervention", "0");
-            if (m_out)
-                m_out->push_back(std::move(rec));
-            return true;
+            return take(std::move(rec), number);
         }
         const EventClass* found = nullptr;
         for (const auto& e : kEventTable)
@@ -929,8 +890,33 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
         rec.fields.emplace_back("state", (n & 0x8000) ? "on" : "off");
         rec.fields.emplace_back("intervention", found && found->intervention ? "1" : "0");
     }
-    if (m_out)
-        m_out->push_back(std::move(rec));
+    return take(std::move(rec), number);
+}
+
+// Records carry consecutive numbers where the model has an archive index
+// (ArchIdx), interval archives a fixed period: a jump means records were lost
+// on the way (the sink tells), a number seen already a block the meter sent
+// again.
+bool CmtdEK2xxTC2xx::take(ArchiveRecord rec, long long number) {
+    if (!m_sink)
+        return true;
+    const time_t ts = static_cast<time_t>(rec.timestamp);
+    CArchiveSink::Verdict verdict = m_sink->add(rec, m_hasIdx ? number : -1);
+    if (verdict == CArchiveSink::Gap) {
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", number, static_cast<int>(ts));
+        if (endTransferAtDamage())
+            return false;
+        verdict = m_sink->add(std::move(rec), m_hasIdx ? number : -1);
+    }
+    m_lastRecord = m_sink->lastTime();
+    const bool outside = ts < m_sink->from() || ts > m_sink->to();
+    if (verdict == CArchiveSink::Taken)
+        ++m_taken;
+    else if (verdict == CArchiveSink::Skipped && !outside)
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.", number);
+    else if (outside)
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.",
+                 static_cast<int>(ts), static_cast<int>(m_sink->from()), static_cast<int>(m_sink->to()));
     return true;
 }
 

@@ -314,7 +314,7 @@ bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* p
 }
 
 time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                            std::vector<ArchiveRecord>& out) {
+                            CArchiveSink& sink) {
     const unsigned perPage = static_cast<unsigned>(CM4MemoryConnector::kPageSize / ring.recordSize);
     double factor = 0;
     const double* pf = ring.period != 0 && pressureFactorOfDevice(factor) ? &factor : nullptr;
@@ -340,14 +340,18 @@ time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, ti
                 continue;
             last = ts;
             if (ts >= from && ts <= to)
-                out.push_back(std::move(rec));
+                sink.add(std::move(rec));
         }
-        flushArchive(out);
+        if (!sink.endBlock())
+            break;
     }
     return last;
 }
 
-void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     const Ring* ring = findRing(archType);
     if (!ring) {
         MTD_DLOG(Warning, "CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
@@ -386,7 +390,7 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         back = static_cast<unsigned>(std::min<time_t>(periods, ring->slots - 1));
     }
     const unsigned first = (newest + ring->slots - back) % ring->slots;
-    const time_t last = readRing(*ring, first, back + 1, from, to, out);
+    const time_t last = readRing(*ring, first, back + 1, from, to, sink);
     MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %d", ring->name,
             static_cast<int>(last));
 }

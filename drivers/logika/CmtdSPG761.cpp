@@ -350,7 +350,8 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     return out;
 }
 
-void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdSPG761::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     if (archType != ARCH_HOURLY && archType != ARCH_DAILY && archType != ARCH_JOURNAL_EVENT) {
         MTD_DLOG(Warning, "CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
                 archType, archTypeName(archType));
@@ -361,13 +362,13 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
     time_t curr = 0;
     int rateHour = 0;
     GetTimestamps(curr, rateHour);
-    if (to > curr) {
+    if (sink.to() > curr) {
         MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), deviceTimeText(curr).c_str());
-        to = curr;
+        sink.clipTo(curr);
     }
-    if (from > to)
+    if (sink.from() > sink.to())
         return;
-    if (!readArchiveWindow(archType, from, to, out))
+    if (!readArchiveWindow(sink))
         throw CDisconnectException("archive transfer broken");
 }
 
@@ -377,11 +378,12 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
 // that no record is stored past a hole the line made. Journal entries only
 // must not go back in time; several may share a second, so the next request
 // starts at the second of the last entry and what was had is not taken twice.
-// The entries of the newest second are handed on only once a later second or
-// the end of the journal shows they are all there: a transfer broken between
-// two entries of one second leaves the whole second to the next cycle, which
-// reads on from the second after the newest stored entry.
-bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+// A transfer broken between two entries of one second leaves the whole second
+// to the next cycle (the sink holds it back).
+bool CmtdSPG761::readArchiveWindow(CArchiveSink& sink) {
+    const int archType = sink.type();
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     const bool journal = archType == ARCH_JOURNAL_EVENT;
     const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
     const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
@@ -391,12 +393,6 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
     const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
     time_t last = from - 1;
     std::vector<std::vector<std::string>> atLast;  // journal entries of the second `last`
-    std::vector<ArchiveRecord> held;                // journal entries of `last`, not handed on yet
-    auto handOn = [&] {
-        for (auto& rec : held)
-            out.push_back(std::move(rec));
-        held.clear();
-    };
     for (time_t start = from; start <= to;) {
         if (!sendRequest(request, protocolTimeArg(start), protocolTimeArg(to)))
             return false;
@@ -427,7 +423,6 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             }
             if (ts > to) {
                 MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - STOP BY TIME !!!");
-                handOn();
                 return true;
             }
             if (ts == last) {
@@ -438,7 +433,6 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
                     continue;
             } else {
                 atLast.clear();
-                handOn();
             }
             atLast.push_back(values);
             ArchiveRecord rec;
@@ -447,21 +441,20 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             rec.fields.emplace_back("DateTime", deviceTimeText(ts));
             for (size_t i = 0; i < values.size(); ++i)
                 rec.fields.emplace_back(fields[i], values[i]);
-            (journal ? held : out).push_back(std::move(rec));
+            sink.add(std::move(rec));
             advanced = advanced || ts > start || !journal;
             last = ts;
         }
         if (records == 0) {
             MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - stop by device !!!");
-            handOn();
             return true;
         }
-        flushArchive(out);
+        if (!sink.endBlock())
+            return true;
         // A journal reply that brought nothing past its start second had the
         // whole reply at one second: go on after it rather than ask again.
         start = journal ? (advanced ? last : last + 1) : last + period;
     }
-    handOn();
     return true;
 }
 

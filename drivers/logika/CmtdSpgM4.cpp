@@ -333,7 +333,7 @@ bool CmtdSpgM4::parseRecord(const SArchive& arch, const uint8_t* data, size_t si
     return pos == size;  // a record with more fields than the layout is not ours
 }
 
-bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::vector<ArchiveRecord>& out,
+bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, CArchiveSink& sink,
                              size_t& records, time_t& last) {
     const uint8_t* body = m_proto->body();
     const size_t size = m_proto->bodyLength();
@@ -377,12 +377,14 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::
                     static_cast<long long>(to));
             continue;
         }
-        out.push_back(std::move(rec));
+        if (sink.add(std::move(rec)) == CArchiveSink::Stop)
+            return false;
     }
     return true;
 }
 
-void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     const SArchive* arch = nullptr;
     for (const auto& a : kArchives)
         if (a.archType == archType)
@@ -397,10 +399,12 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
     time_t now = 0;
     int rateHour = 0;
     GetTimestamps(now, rateHour);
-    if (to > now) {
+    if (sink.to() > now) {
         MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", static_cast<long long>(now));
-        to = now;
+        sink.clipTo(now);
     }
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s from %lld to %lld", arch->kind,
             static_cast<long long>(from), static_cast<long long>(to));
     time_t start = from;
@@ -421,9 +425,8 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
             return;
         }
         size_t records = 0;
-        const bool whole = parseArchive(*arch, from, to, out, records, last);
-        flushArchive(out);
-        if (!whole || records < arch->perRequest)
+        const bool whole = parseArchive(*arch, from, to, sink, records, last);
+        if (!sink.endBlock() || !whole || records < arch->perRequest)
             return;
         start = last + 1;
     }

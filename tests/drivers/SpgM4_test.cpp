@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
 #include "support/DriverRig.h"
 #include "tools/m4sim/CM4Sim.h"
 #include "transport/CConnector.h"
@@ -144,7 +145,7 @@ TEST(SpgM4, ArchivesEqualTheMetersRecords) {
                      {ARCH_JOURNAL_EVENT, CM4SimModel::Events, 4}};
         for (const auto& k : kinds) {
             std::vector<ArchiveRecord> out;
-            rig.driver.get_arch_values(k.arch, kStart - 10 * 86400, kStart + 86400, out);
+            test_support::readArchive(rig.driver, k.arch, kStart - 10 * 86400, kStart + 86400, out);
             std::vector<std::string> got;
             for (const auto& r : out)
                 got.push_back(line(r));
@@ -165,7 +166,7 @@ TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
     Rig rig(0, "74212", 1);
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
-    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out), CDisconnectException);
+    EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, out), CDisconnectException);
     const auto all = rig.dump(CM4SimModel::Hourly, kStart);
     ASSERT_EQ(out.size(), 32u);
     for (size_t i = 0; i < out.size(); ++i)
@@ -179,10 +180,10 @@ TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
     ASSERT_TRUE(rig.driver.init());
     const time_t hole = (kStart / 3600 - 10) * 3600;
     std::vector<ArchiveRecord> first, second;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
     ASSERT_FALSE(first.empty());
     EXPECT_EQ(first.back().timestamp, hole - 3600);
-    rig.driver.get_arch_values(ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
     ASSERT_FALSE(second.empty());
     EXPECT_EQ(second.front().timestamp, hole + 3600);
     std::vector<std::string> got;
@@ -206,7 +207,7 @@ TEST(SpgM4, StopOnASilentLineIsNotHeldByThePausesBetweenAttempts) {
     const auto began = std::chrono::steady_clock::now();
     std::vector<ArchiveRecord> out;
     try {
-        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out);
+        test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, out);
     } catch (const std::exception&) {
         // how the cycle ends does not matter here, only how soon
     }

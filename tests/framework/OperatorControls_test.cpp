@@ -54,14 +54,14 @@ public:
         v.dim = "m3";
         return {v};
     }
-    void get_arch_values(int type, time_t from, time_t, std::vector<ArchiveRecord>& out) override {
-        if (type != ARCH_HOURLY)
+    void get_arch_values(CArchiveSink& sink) override {
+        if (sink.type() != ARCH_HOURLY)
             return;
-        hourlyFrom.push_back(from);
+        hourlyFrom.push_back(sink.from());
         ArchiveRecord r;
         r.timestamp = kNow - kNow % 3600 - 3600;
         r.fields = {{"V", "1.0"}};
-        out.push_back(r);
+        sink.add(r);
     }
     std::atomic<int> lineUses{0};
     std::atomic<bool> throwInInit{false};
