@@ -502,16 +502,38 @@ void CmtdModbusTemplate::keepRecords(time_t readAt, const std::vector<std::pair<
     }
 }
 
-void CmtdModbusTemplate::pendingRecords(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    Kept& k = m_kept[archType];
-    const time_t stored = archiveStore() ? archiveStore()->GetLastTimestamp(archType) : 0;
+void CmtdModbusTemplate::pendingRecords(CArchiveSink& sink) {
+    Kept& k = m_kept[sink.type()];
+    const time_t stored = archiveStore() ? archiveStore()->GetLastTimestamp(sink.type()) : 0;
     // What the store holds is done with; what it refused waits for the next reader.
     while (!k.pending.empty() && k.pending.front().timestamp <= stored)
         k.pending.pop_front();
     for (const ArchiveRecord& r : k.pending) {
-        if (r.timestamp >= from && r.timestamp <= to)
-            out.push_back(r);
+        if (!offer(sink, r, -1))
+            break;
     }
+    sink.endBlock();
+}
+
+bool CmtdModbusTemplate::offer(CArchiveSink& sink, const ArchiveRecord& rec, long long number) {
+    CArchiveSink::Verdict v = sink.add(rec, number);
+    if (v == CArchiveSink::Gap) {
+        sink.resync();
+        v = sink.add(rec, number);
+        if (v == CArchiveSink::Gap)
+            MTD_DLOG(Warning, "CmtdModbusTemplate: record time %lld is off the %s grid, not stored",
+                     static_cast<long long>(rec.timestamp), archTypeName(sink.type()));
+    }
+    return v != CArchiveSink::Stop;
+}
+
+time_t CmtdModbusTemplate::periodOf(int archType) const { return archType == ARCH_DAILY ? 86400 : 3600; }
+
+time_t CmtdModbusTemplate::gridOffsetOf(int archType) const {
+    if (archType != ARCH_DAILY)
+        return 0;
+    const time_t offset = (static_cast<time_t>(contractHour()) - deviceTzHours()) * 3600;
+    return ((offset % 86400) + 86400) % 86400;
 }
 
 // ---- a readable archive ----
@@ -548,24 +570,27 @@ bool CmtdModbusTemplate::readRecord(const ModbusArchive& a, uint32_t select, Arc
     throw CDisconnectException("archive read broken off");
 }
 
-void CmtdModbusTemplate::readArchive(const ModbusArchive& a, int archType, time_t from, time_t to,
-                                     std::vector<ArchiveRecord>& out) {
-    to = std::min(to, m_deviceTime ? m_deviceTime : to);
+void CmtdModbusTemplate::readArchive(const ModbusArchive& a, CArchiveSink& sink) {
+    if (m_deviceTime && sink.to() > m_deviceTime)
+        sink.clipTo(m_deviceTime);
+    const time_t period = periodOf(sink.type());
+    const time_t from = sink.from(), to = sink.to();
     ArchiveRecord rec;
     bool missing = false;
     if (a.byTime) {
-        const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
-        time_t t = from + (3600 - from % 3600) % 3600;
-        if (archType == ARCH_DAILY)
-            while (t <= to && toDeviceTime(t).tm_hour != contractHour())
-                t += 3600;
+        // Each time of the grid in the window, asked for in turn.
+        const time_t offset = gridOffsetOf(sink.type());
+        time_t t = from + ((offset - from) % period + period) % period;
         for (uint32_t n = 0; t <= to && n < kMaxRecordsPerRead; t += period, ++n) {
-            if (readRecord(a, static_cast<uint32_t>(t), rec, missing) && rec.timestamp == t)
-                out.push_back(rec);
-            else if (!missing)
+            if (!readRecord(a, static_cast<uint32_t>(t), rec, missing))
+                continue;  // the meter has no record at that time
+            if (rec.timestamp != t) {
                 MTD_DLOG(Warning, "CmtdModbusTemplate: record asked for %lld came as %lld, not stored",
                          static_cast<long long>(t), static_cast<long long>(rec.timestamp));
-            flushArchive(out);
+                continue;
+            }
+            if (!offer(sink, rec, -1) || !sink.endBlock())
+                return;
         }
         return;
     }
@@ -576,9 +601,8 @@ void CmtdModbusTemplate::readArchive(const ModbusArchive& a, int archType, time_
     if (newest == 0 || !readRecord(a, newest, rec, missing))
         return;  // an empty archive, or its newest record is not there (yet)
     // Records are one period apart, so the newest one's time tells where the
-    // window starts; from there the records are read oldest first and stored
-    // as they come, so a broken transfer keeps what it had read.
-    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
+    // window starts; from there the records are read oldest first, and the
+    // sink stores them block by block, so a broken transfer keeps what it had.
     const uint32_t oldest = newest >= a.depth ? newest - a.depth + 1 : 1;
     uint32_t n = newest;
     if (rec.timestamp > from) {
@@ -586,35 +610,25 @@ void CmtdModbusTemplate::readArchive(const ModbusArchive& a, int archType, time_
         n = back >= newest - oldest ? oldest : newest - static_cast<uint32_t>(back);
     }
     n = std::max(n, newest > kMaxRecordsPerRead ? newest - kMaxRecordsPerRead + 1 : 1u);
-    long long last = 0;
     for (uint64_t k = n; k <= newest; ++k) {  // 64 bits: newest may be the largest u32
         if (!readRecord(a, static_cast<uint32_t>(k), rec, missing))
-            continue;
-        if (rec.timestamp < from)
-            continue;
-        if (rec.timestamp > to)
-            break;
-        if (rec.timestamp <= last) {
-            MTD_DLOG(Warning, "CmtdModbusTemplate: record %llu is not newer than the one before, reading stops",
-                     static_cast<unsigned long long>(k));
-            break;
-        }
-        last = rec.timestamp;
-        out.push_back(rec);
-        flushArchive(out);
+            continue;  // a number the meter no longer (or never) had
+        if (!offer(sink, rec, static_cast<long long>(k)) || !sink.endBlock())
+            return;
     }
 }
 
-void CmtdModbusTemplate::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
+void CmtdModbusTemplate::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
     if (!m_loaded || (archType != ARCH_HOURLY && archType != ARCH_DAILY))
         return;
+    sink.setInterval(periodOf(archType), true, gridOffsetOf(archType));
     const ModbusArchive& a = archType == ARCH_HOURLY ? m_tpl.hourly : m_tpl.daily;
     if (a.present)
-        readArchive(a, archType, from, to, out);
+        readArchive(a, sink);
     else
-        pendingRecords(archType, from, to, out);
+        pendingRecords(sink);
 }
-
 void CmtdModbusTemplate::writeGasPasport() {
     std::map<std::string, std::string> values;
     if (GetGasPassportParams(values))

@@ -29,7 +29,7 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void writeGasPasport() override;
 
@@ -60,8 +60,15 @@ private:
 
     // The records the daemon keeps for an archive the meter does not show.
     void keepRecords(time_t readAt, const std::vector<std::pair<std::string, std::string>>& totals);
-    void pendingRecords(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
-    void readArchive(const ModbusArchive& a, int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
+    void pendingRecords(CArchiveSink& sink);
+    void readArchive(const ModbusArchive& a, CArchiveSink& sink);
+    // Hands one record to the sink; a hole before it is the meter's own (the
+    // record was not there to read). False when the transfer should end.
+    bool offer(CArchiveSink& sink, const ArchiveRecord& rec, long long number);
+    // Seconds between the records of a kind, and where its grid lies (the
+    // contract hour of the meter's day for daily records).
+    time_t periodOf(int archType) const;
+    time_t gridOffsetOf(int archType) const;
     bool readRecord(const ModbusArchive& a, uint32_t select, ArchiveRecord& rec, bool& missing);
 
     CModbusTemplate m_tpl;

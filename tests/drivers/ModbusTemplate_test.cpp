@@ -16,6 +16,7 @@
 
 #include "core/Exceptions.h"
 #include "drivers/modbus/CmtdModbusTemplate.h"
+#include "support/ArchiveCollector.h"
 #include "support/DriverRig.h"
 #include "tools/modbussim/CModbusSim.h"
 
@@ -214,7 +215,7 @@ TEST(ModbusTemplateDriver, ValuesInTheDaemonsUnitsAndOneRecordAnHour) {
     rig.driver.get_all_curtime_cur_integ_values();
     for (int kind : {ARCH_HOURLY, ARCH_DAILY}) {
         std::vector<ArchiveRecord> out;
-        rig.driver.get_arch_values(kind, 0, kMeterTime + 86400, out);
+        test_support::readArchive(rig.driver, kind, 1, kMeterTime + 86400, out);
         ASSERT_EQ(out.size(), 1u) << kind;
         EXPECT_EQ(out[0].timestamp, kMeterTime - kMeterTime % 3600);
         std::map<std::string, std::string> f(out[0].fields.begin(), out[0].fields.end());
@@ -229,7 +230,7 @@ TEST(ModbusTemplateDriver, ReadableArchiveOldestFirstWithTheMetersValues) {
     Rig rig("example-flow", sourceDir() + "/drivers/modbus/templates");
     rig.driver.init();
     std::vector<ArchiveRecord> out;
-    rig.driver.get_arch_values(ARCH_HOURLY, kMeterTime - 5 * 3600, kMeterTime, out);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kMeterTime - 5 * 3600, kMeterTime, out);
     ASSERT_EQ(out.size(), 5u);
     for (size_t i = 0; i < out.size(); ++i) {
         const time_t t = kMeterTime - kMeterTime % 3600 - static_cast<time_t>(4 - i) * 3600;
@@ -239,7 +240,7 @@ TEST(ModbusTemplateDriver, ReadableArchiveOldestFirstWithTheMetersValues) {
     }
     // No daily archive in the map: the daemon keeps its own, none made yet.
     out.clear();
-    rig.driver.get_arch_values(ARCH_DAILY, 0, kMeterTime, out);
+    test_support::readArchive(rig.driver, ARCH_DAILY, 1, kMeterTime, out);
     EXPECT_TRUE(out.empty());
 }
 
