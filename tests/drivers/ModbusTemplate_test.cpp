@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <ctime>
 #include <map>
 #include <set>
@@ -22,10 +21,7 @@
 
 namespace {
 
-std::string sourceDir() {
-    const char* dir = std::getenv("MTD_SOURCE_DIR");
-    return dir ? dir : ".";
-}
+std::string sourceDir() { return MTD_TEST_SOURCE_DIR; }
 
 // A minimal good template with `extra` spliced into its top level.
 std::string tpl(const std::string& extra, const std::string& values = "") {

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -23,9 +22,8 @@ TEST(ModbusSim, CrcCheckValue) {
 }
 
 TEST(ModbusSim, AnswersAsASlaveWould) {
-    const char* dir = std::getenv("MTD_SOURCE_DIR");
     SModbusSimConfig c;
-    c.templateFile = std::string(dir ? dir : ".") + "/tests/data/modbus/swapped-meter.json";
+    c.templateFile = std::string(MTD_TEST_SOURCE_DIR) + "/tests/data/modbus/swapped-meter.json";
     c.now = 1714558500;  // 2024-05-01,10:15:00
     c.clockScale = 1e-9;
     c.serial = "SW26";
