@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <json/json.h>
+
 #include <cmath>
+#include <fstream>
 #include <ctime>
 #include <map>
 #include <set>
@@ -84,6 +87,33 @@ TEST(ModbusTemplate, ShippedTemplatesLoad) {
     EXPECT_EQ(findModbusTemplate("../etc/passwd", {"/"}), "");
     EXPECT_EQ(findModbusTemplate("example-flow", {"/nonexistent/", sourceDir() + "/drivers/modbus/templates"}),
               sourceDir() + "/drivers/modbus/templates/example-flow.json");
+}
+
+// The schema shipped for editors and the checks the daemon makes must know the
+// same members: each member the schema names is not refused as unknown.
+TEST(ModbusTemplate, SchemaAndChecksKnowTheSameMembers) {
+    std::ifstream in(sourceDir() + "/drivers/modbus/templates/modbus-template.schema.json");
+    Json::Value schema;
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &schema, nullptr));
+    const auto notUnknown = [](const std::string& text, const std::string& member) {
+        CModbusTemplate t;
+        std::string error;
+        parseModbusTemplate(text, "f.json", t, error);
+        return error.find(member + ": unknown member") == std::string::npos;
+    };
+    for (const std::string& m : schema["properties"].getMemberNames())
+        EXPECT_TRUE(notUnknown(tpl(", \"" + m + "\": null"), m)) << m;
+    for (const std::string& m : schema["$defs"]["value"]["properties"].getMemberNames())
+        EXPECT_TRUE(notUnknown(tpl("", ", {\"" + m + "\": null}"), "values[1]." + m)) << m;
+    for (const Json::Value& f : schema["$defs"]["format"]["enum"]) {
+        const std::string kind = f.asString() == "bit" ? "coil" : "input";
+        CModbusTemplate t;
+        std::string error;
+        EXPECT_TRUE(parseModbusTemplate(tpl("", R"(, {"name": "W", "kind": ")" + kind + R"(", "address": 4, "format": ")" +
+                                                    f.asString() + "\"}"),
+                                        "f.json", t, error))
+            << error;
+    }
 }
 
 ModbusField field(ModbusField::Format f, bool wordLow, bool byteLow) {
