@@ -90,8 +90,18 @@ public:
     // Reads the archive kind sink.type() over the sink's window from the meter
     // and adds each record to the sink as it comes (see CArchiveSink), calling
     // sink.endBlock() after each block; stops when the sink says so. What the
-    // sink took before an exception is stored.
+    // sink took before an exception is stored. Called through readArchive,
+    // which has refused kinds the meter lacks and cut the window at the meter's clock.
     virtual void get_arch_values(CArchiveSink& sink);
+    // The meter keeps this archive kind.
+    virtual bool hasArchive(int archType) const;
+    // The window of an archive read ends at the meter's clock (GetTimestamps).
+    virtual bool archiveWindowEndsAtDeviceClock() const { return true; }
+    // A time as the log lines about the meter's clock show it.
+    virtual std::string clockText(time_t t) const;
+    // What every archive read does before the driver's get_arch_values: refuse
+    // a kind the meter lacks, read the meter's clock and end the window there.
+    void readArchive(CArchiveSink& sink);
     // True when an hourly or daily read is due; also called by the main thread
     // every 5 s. Each call also looks for the force-update file and lets a
     // paused driver look at its pause file again, so neither is polled faster
@@ -212,6 +222,9 @@ private:
     // sink took, also when it throws; returns the number of records taken.
     size_t readAndStore(int archType, time_t from, time_t to);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
+    // True (after the three schedule lines) when the hourly or daily read
+    // starting at `next` is due: its interval closed 119 s ago or more.
+    bool archiveDue(int archType, time_t next);
 
     // The archive files as the sink sees them.
     class StoreOfDriver : public ArchiveStore {

@@ -8,22 +8,13 @@
 # Runs in its own namespaces like the end-to-end cases, with the relay of
 # fuzz/line_relay.py keeping the meter's bytes. Regenerate with this one
 # command and review the diff.
-set -uo pipefail
-export BUILD_DIR=${1:?usage: record_spg761_session.sh BUILD_DIR}
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
-. "$ROOT/tests/e2e/lib.sh"
+. "$(dirname "$0")/record_lib.sh" "$@"
 OUT="$ROOT/fuzz/corpus/spnet_reply"
-e2e_enter_ns
-trap stop_started EXIT
 
 start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 \
     --now "$(ek_device_start 10)"
 wait_for "$WORK/sim.out" '^ready' 5 || { cat "$WORK/sim.out"; exit 1; }
-start_bg "$WORK/relay.out" python3 "$ROOT/fuzz/line_relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
-wait_for "$WORK/relay.out" '^ready' 5 || { cat "$WORK/relay.out"; exit 1; }
+start_relay "$WORK/meter" "$WORK/line" "$WORK/bytes" "$WORK/relay.out" || exit 1
 cat >"$WORK/host.json" <<JSON
 {"meters": {"7610": {"port_params": {"manufacturer": "spg761", "name": "$WORK/line", "speed": "9600",
   "timeout": "300", "serial": "76100042", "data_rate": "600"}, "systems": ["1"]}}}

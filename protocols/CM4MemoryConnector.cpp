@@ -7,6 +7,7 @@
 
 #include "core/logger.h"
 #include "transport/CConnector.h"
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 
 namespace {
@@ -76,16 +77,18 @@ bool CM4MemoryConnector::read(const char* name, uint8_t function, uint16_t where
     uint8_t frame[kFrameLength] = {M4::kFrameStart, m_netAddr, function, static_cast<uint8_t>(where & 0xFF),
                                    static_cast<uint8_t>(where >> 8), static_cast<uint8_t>(count), 0x00, 0, M4::kFrameEnd};
     frame[7] = M4::shortFrameChecksum(frame + 1, 6);
-    for (int i = 0; i < kAttempts; ++i) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    policy.pause = m_timing.betweenAttempts;
+    policy.gaveUp = "CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!";
+    return exchange::run(policy, m_log, name, [&](int) {
         switch (attempt(name, frame, replyData, out)) {
-        case Attempt::Ok: return true;
-        case Attempt::Refused: return false;
+        case Attempt::Ok: return exchange::Outcome::Ok;
+        case Attempt::Refused: return exchange::Outcome::Final;
         case Attempt::Failed: break;
         }
-        pause(m_timing.betweenAttempts);
-    }
-    MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!", name);
-    return false;
+        return exchange::Outcome::Failed;
+    }, [this](std::chrono::milliseconds d) { pause(d); });
 }
 
 CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const uint8_t* frame, size_t replyData,

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "core/logger.h"
@@ -227,18 +228,16 @@ bool CSpNet::attempt(const LogikaRequest& request) {
 }
 
 bool CSpNet::SendRequest(const LogikaRequest& request) {
-    for (int i = 0; i < kAttempts; ++i) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    policy.countRetries = true;
+    policy.failedAttempt = "SpNet::SendRequest('%s') - WRONG ATTEMPT N %d";
+    policy.gaveUp = "SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!";
+    return exchange::run(policy, m_log, request.name.c_str(), [&](int) {
         if (!makePacket(request))
-            return false;
-        if (attempt(request))
-            return true;
-        CLinkStats::noteRetry();
-        MTD_CLOG(m_log, Warning, "SpNet::SendRequest('%s') - WRONG ATTEMPT N %d",
-                request.name.c_str(), i);
-    }
-    MTD_CLOG(m_log, Err, "SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!",
-            request.name.c_str());
-    return false;
+            return exchange::Outcome::Final;
+        return attempt(request) ? exchange::Outcome::Ok : exchange::Outcome::Failed;
+    }, {});
 }
 
 }  // namespace SpNet

@@ -635,37 +635,19 @@ std::string CmtdEK2xxTC2xx::archArgument(const SRequest& row, time_t from, time_
     return buf;
 }
 
+bool CmtdEK2xxTC2xx::hasArchive(int archType) const {
+    return archType == ARCH_HOURLY || archType == ARCH_DAILY || archType == ARCH_JOURNAL_EVENT;
+}
+
 void CmtdEK2xxTC2xx::get_arch_values(CArchiveSink& sink) {
     const int archType = sink.type();
-    const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily"
-                       : archType == ARCH_JOURNAL_EVENT                            ? "Events"
-                                                                                   : nullptr;
-    if (!kind) {
-        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_arch_values(%s) ---------------------------------",
-            archTypeName(archType));
+    const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily" : "Events";
     if (isTc() && archType != ARCH_JOURNAL_EVENT && m_archPeriodMin != (archType == ARCH_HOURLY ? 60 : 1440)) {
         MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_arch_values() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%d'", m_archPeriodMin);
         return;
     }
-    time_t curr = 0;
-    int rateHour = 0;
-    GetTimestamps(curr, rateHour);
-    if (sink.to() > curr) {
-        char text[32];
-        struct tm tm {};
-        gmtime_r(&curr, &tm);
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
-        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), text);
-        sink.clipTo(curr);
-    }
     const time_t from = sink.from();
     const time_t to = sink.to();
-    if (from > to)
-        return;
 
     m_events = archType == ARCH_JOURNAL_EVENT;
     m_fields = m_events ? &kEkEventFields : isTc() ? &kTcIntervalFields : &kEkIntervalFields;

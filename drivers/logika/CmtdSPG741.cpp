@@ -348,19 +348,13 @@ time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, ti
     return last;
 }
 
+bool CmtdSPG741::hasArchive(int archType) const { return findRing(archType) != nullptr; }
+
 void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
-    const int archType = sink.type();
+    const Ring* ring = findRing(sink.type());
     const time_t from = sink.from();
     const time_t to = sink.to();
-    const Ring* ring = findRing(archType);
-    if (!ring) {
-        MTD_DLOG(Warning, "CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSPG741::get_arch_values(%s) ---------------------------------",
-            archTypeName(archType));
-    if (!m_proto || from > to)
+    if (!m_proto)
         return;
     unsigned newest = 0;
     if (!readNewestSlot(*ring, newest))

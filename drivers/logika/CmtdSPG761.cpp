@@ -350,24 +350,11 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     return out;
 }
 
+bool CmtdSPG761::hasArchive(int archType) const {
+    return archType == ARCH_HOURLY || archType == ARCH_DAILY || archType == ARCH_JOURNAL_EVENT;
+}
+
 void CmtdSPG761::get_arch_values(CArchiveSink& sink) {
-    const int archType = sink.type();
-    if (archType != ARCH_HOURLY && archType != ARCH_DAILY && archType != ARCH_JOURNAL_EVENT) {
-        MTD_DLOG(Warning, "CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSPG761::get_arch_values(%s) ---------------------------------",
-            archTypeName(archType));
-    time_t curr = 0;
-    int rateHour = 0;
-    GetTimestamps(curr, rateHour);
-    if (sink.to() > curr) {
-        MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", static_cast<int>(curr), deviceTimeText(curr).c_str());
-        sink.clipTo(curr);
-    }
-    if (sink.from() > sink.to())
-        return;
     if (!readArchiveWindow(sink))
         throw CDisconnectException("archive transfer broken");
 }

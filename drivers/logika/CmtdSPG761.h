@@ -65,6 +65,7 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
+    bool hasArchive(int archType) const override;
     void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;

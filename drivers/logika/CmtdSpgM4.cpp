@@ -383,26 +383,17 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, CArch
     return true;
 }
 
-void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
-    const int archType = sink.type();
-    const SArchive* arch = nullptr;
+const CmtdSpgM4::SArchive* CmtdSpgM4::findArchive(int archType) {
     for (const auto& a : kArchives)
         if (a.archType == archType)
-            arch = &a;
-    if (!arch) {
-        MTD_DLOG(Warning, "CmtdSpgM4::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!",
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_DLOG(Info, "--- CmtdSpgM4::get_arch_values(%s) ------------------------------------",
-            archTypeName(archType));
-    time_t now = 0;
-    int rateHour = 0;
-    GetTimestamps(now, rateHour);
-    if (sink.to() > now) {
-        MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", static_cast<long long>(now));
-        sink.clipTo(now);
-    }
+            return &a;
+    return nullptr;
+}
+
+bool CmtdSpgM4::hasArchive(int archType) const { return findArchive(archType) != nullptr; }
+
+void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
+    const SArchive* arch = findArchive(sink.type());
     const time_t from = sink.from();
     const time_t to = sink.to();
     MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s from %lld to %lld", arch->kind,

@@ -27,6 +27,7 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
+    bool hasArchive(int archType) const override;
     void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
@@ -39,6 +40,7 @@ public:
     struct SParam;
     // One archive: M4 archive code, channel, record period and the record's fields.
     struct SArchive;
+    static const SArchive* findArchive(int archType);
 
 private:
     // Reads one parameter; false when it did not come or the meter refused it.

@@ -428,6 +428,14 @@ std::string CmtdModbusTemplate::formatValue(const ModbusValue& v, double scaled)
     return buf;
 }
 
+std::string CmtdModbusTemplate::clockText(time_t t) const {
+    const struct tm tm = toDeviceTime(t);
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return text;
+}
+
 std::vector<CValueRecord> CmtdModbusTemplate::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
     if (!m_loaded)
@@ -440,11 +448,7 @@ std::vector<CValueRecord> CmtdModbusTemplate::get_all_curtime_cur_integ_values()
     std::vector<bool> ok;
     readFields(m_valueFields, m_valuePlan, regs, ok);
 
-    const struct tm tm = toDeviceTime(t);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                  tm.tm_hour, tm.tm_min, tm.tm_sec);
-    out.push_back(makeValue("DateTime", text, DU_UNKNOWN, t, m_sys));
+    out.push_back(makeValue("DateTime", clockText(t), DU_UNKNOWN, t, m_sys));
 
     std::vector<std::pair<std::string, std::string>> totals;
     bool allTotals = true;
@@ -571,8 +575,6 @@ bool CmtdModbusTemplate::readRecord(const ModbusArchive& a, uint32_t select, Arc
 }
 
 void CmtdModbusTemplate::readArchive(const ModbusArchive& a, CArchiveSink& sink) {
-    if (m_deviceTime && sink.to() > m_deviceTime)
-        sink.clipTo(m_deviceTime);
     const time_t period = periodOf(sink.type());
     const time_t from = sink.from(), to = sink.to();
     ArchiveRecord rec;
@@ -618,10 +620,13 @@ void CmtdModbusTemplate::readArchive(const ModbusArchive& a, CArchiveSink& sink)
     }
 }
 
+bool CmtdModbusTemplate::hasArchive(int archType) const {
+    return m_loaded && (archType == ARCH_HOURLY || archType == ARCH_DAILY);
+}
+
 void CmtdModbusTemplate::get_arch_values(CArchiveSink& sink) {
+    // The base has refused other kinds and ended the window at the meter's clock.
     const int archType = sink.type();
-    if (!m_loaded || (archType != ARCH_HOURLY && archType != ARCH_DAILY))
-        return;
     sink.setInterval(periodOf(archType), true, gridOffsetOf(archType));
     const ModbusArchive& a = archType == ARCH_HOURLY ? m_tpl.hourly : m_tpl.daily;
     if (a.present)

@@ -30,6 +30,10 @@ public:
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
     void get_arch_values(CArchiveSink& sink) override;
+    // Hourly and daily: read from the meter where the template shows them, else kept by the daemon.
+    bool hasArchive(int archType) const override;
+    // The meter's own reading of a time: "YYYY-MM-DD,hh:mm:ss" in its zone.
+    std::string clockText(time_t t) const override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void writeGasPasport() override;
 

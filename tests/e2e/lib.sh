@@ -477,28 +477,39 @@ sys.exit(1 if bad else 0)
 PY
 }
 
+# Python for the checks of published values: last_put(RECORD, length) gives the
+# last put_all_current_values the host service got (of `length` values when
+# given), or ends the check with "no put_all_current_values"; TO_KGF_CM2 turns
+# a pressure unit of the meter into the published kgf/cm2.
+CURRENT_PY='
+import json, sys
+TO_KGF_CM2 = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}
+def last_put(record, length=None):
+    last = None
+    for line in open(record):
+        req = json.loads(line)
+        if req.get("method") == "put_all_current_values" and (length is None or len(req["params"]) == length):
+            last = req["params"]
+    if last is None:
+        sys.exit("  no put_all_current_values")
+    return last
+'
+
 # ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last
 # put_all_current_values the host service got holds the model's current values
 # in table order, each with its unit name, quality 192 and the meter's time;
 # NAME=VALUE gives the meter's text (P and PassP in PRESSURE_UNIT, published in
 # kgf/cm2). A name given as NAME=- must be absent.
 ek_check_current() {
-    python3 - "$@" <<'PY'
-import json, sys
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$@"
 record, model, unit = sys.argv[1:4]
 given = dict(a.split("=", 1) for a in sys.argv[4:])
-to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+to_at = TO_KGF_CM2[unit]
 dims = {"DateTime": "", "Vstd": "m3", "Vw": "m3", "Vstd.crash": "m3", "Vw.crash": "m3", "Vstd.sum": "m3",
         "Vw.sum": "m3", "T": "grad", "P": "kgs/sm2 (atm)", "Kcorr": "", "Kcomp": "", "PassT": "grad",
         "PassP": "kgs/sm2 (atm)", "PassCO2": "procent", "PassH2": "procent", "PassN2": "procent", "PassS": "kg/m3"}
 order = [n for n in dims if given.get(n) != "-"]
-last = None
-for line in open(record):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values":
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
+last = last_put(record)
 bad = []
 names = [v["name"] for v in last]
 if names != order:
@@ -576,11 +587,10 @@ PY
 # put_all_current_values the host service got carries, for each NAME it holds,
 # the meter's VALUE (P and PassP given in PRESSURE_UNIT, published in kgf/cm2).
 ek_check_current_every() {
-    python3 - "$@" <<'PY'
-import json, sys
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$@"
 record, unit = sys.argv[1:3]
 given = dict(a.split("=", 1) for a in sys.argv[3:])
-to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+to_at = TO_KGF_CM2[unit]
 puts, bad = 0, []
 for line in open(record):
     req = json.loads(line)

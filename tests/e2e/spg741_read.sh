@@ -34,15 +34,8 @@ spg741_check_archives() {
 # spg741_check_current RECORD : the last put_all_current_values holds the
 # meter's values in order, with units, in kgf/cm2 for pressures.
 spg741_check_current() {
-    python3 - "$1" <<'PY'
-import json, sys
-last = None
-for line in open(sys.argv[1]):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values":
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$1"
+last = last_put(sys.argv[1])
 v = {x["name"]: x for x in last}
 names = [x["name"] for x in last]
 want = ["DateTime", "Vstd1", "Vw1", "Vstd2", "Vw2", "P1", "T1", "Qw1", "Qstd1", "P2", "T2", "Qw2", "Qstd2", "NS"]

@@ -50,15 +50,8 @@ spg_check_archives() {
 
 # spg_check_current RECORD : the last put_all_current_values holds the values in order with their units.
 spg_check_current() {
-    python3 - "$1" <<'PY'
-import json, sys
-last = None
-for line in open(sys.argv[1]):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values":
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$1"
+last = last_put(sys.argv[1])
 want = [("DateTime", ""), ("Vstd", "m3"), ("Vw", "m3"), ("P", "kgs/sm2 (atm)"), ("T", "grad"),
         ("Qstd", "m3/h"), ("Qw", "m3/h"), ("Kcorr", "")]
 got = [(v["name"], v["dim"]) for v in last]

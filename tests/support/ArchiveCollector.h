@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
-// Runs a driver's archive read the way the polling thread does, through a
-// sink, into a plain vector instead of the archive files.
+// Runs a driver's archive read the way the polling thread does (readArchive,
+// through a sink), into a plain vector instead of the archive files.
 
 #include <algorithm>
 #include <ctime>
@@ -40,7 +40,7 @@ inline void readArchive(CMtdBaseDriver& driver, int archType, time_t from, time_
     VectorStore store(out);
     CArchiveSink sink(store, archType, from, to);
     try {
-        driver.get_arch_values(sink);
+        driver.readArchive(sink);
     } catch (...) {
         sink.finish(false);
         throw;
