@@ -215,8 +215,13 @@ void CmtdModbusTemplate::SaveConnector(CConnector* connector) {
             dirs.insert(dirs.begin(), m_config.get("template_dir"));
         const std::string file = findModbusTemplate(name, dirs);
         std::string error;
-        if (file.empty())
-            error = (dirs.empty() ? std::string("?") : dirs.front()) + name + ".json: (file): not found";
+        if (file.empty()) {
+            // Named by where a site's own template would go.
+            std::string dir = dirs.empty() ? std::string() : dirs.front();
+            if (!dir.empty() && dir.back() != '/')
+                dir += '/';
+            error = dir + name + ".json: (file): not found";
+        }
         else if (loadModbusTemplate(file, m_tpl, error))
             m_loaded = true;
         if (!m_loaded) {
@@ -321,7 +326,7 @@ void CmtdModbusTemplate::readFields(const std::vector<ModbusField>& fields, cons
         for (size_t i : b.items) {
             const ModbusField& f = fields[i];
             regs[i].resize(f.count());
-            ok[i] = readBlock(f.kind, f.address, f.count(), regs[i].data(), "Read Value") .status == Reply::Ok;
+            ok[i] = readBlock(f.kind, f.address, f.count(), regs[i].data(), "Read Value").status == Reply::Ok;
         }
     }
     if (!plan.empty() && answered == 0) {
