@@ -5,6 +5,7 @@
 #
 #   e2e_case "$@"                first line of a case: re-runs the script inside
 #                                `unshare -rmn`, enters the namespace, cleans up on exit
+#   e2e_case_two_users "$@"      the same with a real second user at hand (as_other_user)
 #   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage (a checkout
 #                                or build folder below them stays in view)
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
@@ -14,7 +15,8 @@
 #   wait_exit PID [SECS]         sets EXIT_STATUS; false when still running
 #   check NAME COND...           runs COND, counts a failure with NAME
 #   stop_started                 ends every process started through these helpers
-#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set) for a look after the run
+#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set, or below
+#                                $BUILD_DIR/e2e-failed/ when the case failed) for a look after the run
 #
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
@@ -34,6 +36,23 @@ STARTED_PIDS=()
 e2e_case() {
     if [ -z "${MTD_E2E_IN_NS:-}" ]; then
         MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
+    fi
+    e2e_enter_ns
+    trap 'stop_started; keep_work' EXIT
+}
+
+# e2e_case_two_users "$@": like e2e_case, for a case that needs a second, real
+# unprivileged user (65534) next to the daemon's root. A user namespace maps
+# one id without newuidmap, so this runs as the machine's root (as the CI
+# does) in private mount and network namespaces only; otherwise it skips (77).
+E2E_OTHER_UID=65534
+e2e_case_two_users() {
+    if [ -z "${MTD_E2E_IN_NS:-}" ]; then
+        if [ "$(id -u)" != 0 ]; then
+            echo "skip: a second user needs the machine's root (unshare -mn, setpriv)"
+            exit 77
+        fi
+        MTD_E2E_IN_NS=1 exec unshare -mn "$0" "$@"
     fi
     e2e_enter_ns
     trap 'stop_started; keep_work' EXIT
@@ -69,6 +88,11 @@ e2e_private_mount() {
         mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
     done
     exec {fd}<&-
+}
+
+# as_other_user CMD ARGS... : CMD as the unprivileged second user (e2e_case_two_users).
+as_other_user() {
+    setpriv --reuid="$E2E_OTHER_UID" --regid="$E2E_OTHER_UID" --clear-groups "$@"
 }
 
 # start_bg OUTFILE CMD ARGS... : runs CMD in the background, sets BG_PID.
@@ -178,6 +202,12 @@ stop_started() {
 }
 
 keep_work() {
+    # A failed case keeps its files anyway, below the build folder (which
+    # outlives the namespace): a rare failure must not vanish with its logs.
+    if [ -z "${MTD_E2E_KEEP:-}" ] && [ "${FAILURES:-0}" -gt 0 ]; then
+        MTD_E2E_KEEP="$E2E_BUILD_DIR/e2e-failed/$(basename "$0" .sh).$(date +%Y%m%d-%H%M%S).$$"
+        echo "files of the failed case kept in $MTD_E2E_KEEP"
+    fi
     [ -n "${MTD_E2E_KEEP:-}" ] || return 0
     mkdir -p "$MTD_E2E_KEEP" && cp -r "$WORK" /mnt/storage "$MTD_E2E_KEEP/" 2>/dev/null
     return 0

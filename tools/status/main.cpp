@@ -6,9 +6,10 @@
 // has not been read for three data_rate periods (or no status can be read), so
 // a cron job or a monitoring agent can alert on it.
 #include <dirent.h>
+#include <fcntl.h>
 #include <getopt.h>
-
-#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,13 +17,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "core/Defaults.h"
+#include "CStatusReport.h"
 
 namespace {
 
@@ -34,56 +34,34 @@ const char* const kUsage =
     "Exit status: 0 all meters read recently, 1 a meter not read for three\n"
     "data_rate periods or no readable status, 2 bad options.\n";
 
-// A status file is a few KiB; anything much larger is not one of ours.
-constexpr std::streamoff kMaxStatusBytes = 1 << 20;
-// A meter polled continuously (data_rate 0) still gets this long per period.
-constexpr long long kMinPeriod = 60;
-const char* const kArchives[] = {"hourly", "daily", "events", "interventions"};
-
-struct Meter {
-    std::string file;
-    Json::Value doc;
-    long long age = -1;  // since the last good read (or the start), seconds
-    bool stale = false;
-};
-
-long long asTime(const Json::Value& v) { return v.isIntegral() ? v.asInt64() : 0; }
-
-std::string duration(long long s) {
-    if (s < 0)
-        return "-";
-    char buf[32];
-    if (s < 60)
-        std::snprintf(buf, sizeof buf, "%llds", s);
-    else if (s < 3600)
-        std::snprintf(buf, sizeof buf, "%lldm%02llds", s / 60, s % 60);
-    else if (s < 86400)
-        std::snprintf(buf, sizeof buf, "%lldh%02lldm", s / 3600, s % 3600 / 60);
-    else
-        std::snprintf(buf, sizeof buf, "%lldd%02lldh", s / 86400, s % 86400 / 3600);
-    return buf;
-}
-
-bool readStatus(const std::string& path, Json::Value& doc, std::string& error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+// The whole file, up to one byte past the limit (so a larger one is seen as
+// such). Non-blocking and without following links: a FIFO or a link planted
+// under a status file's name must neither hang the tool nor lead it elsewhere.
+bool readText(const std::string& path, std::string& text, std::string& error) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
         error = std::strerror(errno);
         return false;
     }
-    in.seekg(0, std::ios::end);
-    if (in.tellg() > kMaxStatusBytes) {
-        error = "too large";
-        return false;
+    struct stat st;
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    error = ok ? "" : "not a regular file";
+    text.clear();
+    char buf[65536];
+    while (ok && text.size() <= static_cast<size_t>(CStatusReport::kMaxStatusBytes)) {
+        const ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            error = std::strerror(errno);
+            ok = false;
+        }
+        if (n <= 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
     }
-    in.seekg(0);
-    Json::CharReaderBuilder builder;
-    if (!Json::parseFromStream(builder, in, &doc, &error))
-        return false;
-    if (!doc.isObject() || !doc["meter_id"].isString()) {
-        error = "not a status document";
-        return false;
-    }
-    return true;
+    ::close(fd);
+    return ok;
 }
 
 std::vector<std::string> statusFiles(const std::string& dir, bool& ok) {
@@ -102,11 +80,6 @@ std::vector<std::string> statusFiles(const std::string& dir, bool& ok) {
     closedir(d);
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string counter(const Json::Value& doc, const char* name) {
-    const Json::Value& v = doc["counters"][name];
-    return v.isIntegral() ? std::to_string(v.asUInt64()) : "-";
 }
 
 }  // namespace
@@ -156,74 +129,24 @@ int main(int argc, char** argv) {
         dir += '/';
 
     bool dirOk = false;
-    std::vector<Meter> meters;
+    CStatusReport report(now);
     int unreadable = 0;
     for (const std::string& name : statusFiles(dir, dirOk)) {
-        Meter m;
-        m.file = dir + name;
-        std::string error;
-        if (!readStatus(m.file, m.doc, error)) {
-            std::fprintf(stderr, "mtd_status: %s: %s\n", m.file.c_str(), error.c_str());
+        const std::string file = dir + name;
+        std::string text, error;
+        if (!readText(file, text, error) || !report.add(file, text, error)) {
+            std::fprintf(stderr, "mtd_status: %s: %s\n", file.c_str(), error.c_str());
             ++unreadable;
-            continue;
         }
-        const long long since = asTime(m.doc["last_good_read"]) > 0 ? asTime(m.doc["last_good_read"])
-                                                                     : asTime(m.doc["started"]);
-        const long long rate = m.doc["data_rate"].isIntegral() ? m.doc["data_rate"].asInt64() : 300;
-        m.age = since > 0 ? now - since : -1;
-        m.stale = since <= 0 || now - since > 3 * std::max(rate, kMinPeriod);
-        meters.push_back(std::move(m));
     }
     if (!dirOk)
         std::fprintf(stderr, "mtd_status: can't read directory '%s': %s\n", dir.c_str(), std::strerror(errno));
-    else if (meters.empty() && unreadable == 0)
+    else if (report.empty() && unreadable == 0)
         std::fprintf(stderr, "mtd_status: no status files in '%s'\n", dir.c_str());
 
-    int stale = 0;
-    for (const Meter& m : meters)
-        stale += m.stale;
-
-    if (json) {
-        Json::Value out(Json::objectValue);
-        out["now"] = static_cast<Json::Int64>(now);
-        out["stale"] = stale;
-        out["unreadable"] = unreadable;
-        Json::Value list(Json::arrayValue);
-        for (const Meter& m : meters) {
-            Json::Value item = m.doc;
-            item["last_read_age"] = m.age >= 0 ? Json::Value(static_cast<Json::Int64>(m.age)) : Json::Value();
-            item["stale"] = m.stale;
-            for (const char* kind : kArchives) {
-                Json::Value& a = item["archives"][kind];
-                const long long last = asTime(a["last"]);
-                a["lag"] = last > 0 ? Json::Value(static_cast<Json::Int64>(now - last)) : Json::Value();
-            }
-            list.append(item);
-        }
-        out["meters"] = list;
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = " ";
-        std::cout << Json::writeString(builder, out) << "\n";
-    } else if (!meters.empty()) {
-        std::printf("%-10s %-10s %-8s %-9s %-8s %-8s %-8s %-8s %8s %8s %7s %s\n", "ID", "MODEL", "STATE", "LAST-READ",
-                    "HOURLY", "DAILY", "EVENTS", "INTERV", "TIMEOUTS", "CHECKSUM", "RETRIES", "FAILED");
-        for (const Meter& m : meters) {
-            const Json::Value& d = m.doc;
-            std::string lags[4];
-            for (int i = 0; i < 4; ++i) {
-                // Against now, not the writer's time: the file may be minutes old.
-                const long long last = asTime(d["archives"][kArchives[i]]["last"]);
-                lags[i] = last > 0 ? duration(now - last) : "-";
-            }
-            const std::string failed = counter(d, "failed_cycles") + "/" + counter(d, "cycles");
-            std::printf("%-10s %-10s %-8s %-9s %-8s %-8s %-8s %-8s %8s %8s %7s %s%s\n", d["meter_id"].asCString(),
-                        d["model"].isString() ? d["model"].asCString() : "-",
-                        d["state"].isString() ? d["state"].asCString() : "-",
-                        asTime(d["last_good_read"]) > 0 ? duration(m.age).c_str() : "never", lags[0].c_str(),
-                        lags[1].c_str(), lags[2].c_str(), lags[3].c_str(), counter(d, "timeouts").c_str(),
-                        counter(d, "checksum_errors").c_str(), counter(d, "retries").c_str(), failed.c_str(),
-                        m.stale ? "  NOT READ FOR 3 PERIODS" : "");
-        }
-    }
-    return stale > 0 || unreadable > 0 || meters.empty() ? 1 : 0;
+    if (json)
+        std::cout << report.json(unreadable);
+    else
+        std::cout << report.table();
+    return report.stale() > 0 || unreadable > 0 || report.empty() ? 1 : 0;
 }
