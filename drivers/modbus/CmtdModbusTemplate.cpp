@@ -433,13 +433,7 @@ std::string CmtdModbusTemplate::formatValue(const ModbusValue& v, double scaled)
     return buf;
 }
 
-std::string CmtdModbusTemplate::clockText(time_t t) const {
-    const struct tm tm = toDeviceTime(t);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                  tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return text;
-}
+std::string CmtdModbusTemplate::clockText(time_t t) const { return deviceTimeText(t); }
 
 std::vector<CValueRecord> CmtdModbusTemplate::get_all_curtime_cur_integ_values() {
     std::vector<CValueRecord> out;
