@@ -16,7 +16,7 @@ TEST(ModbusSim, CrcCheckValue) {
     const std::string text = "123456789";
     // The published check value of CRC-16/MODBUS.
     EXPECT_EQ(CModbusSim::crc(reinterpret_cast<const uint8_t*>(text.data()), text.size()), 0x4B37);
-    // The request of the serial-line specification's example: 01 03 00 00 00 0A, CRC C5 CD on the wire.
+    // The request of the Modbus serial-line guide's worked example: 01 03 00 00 00 0A, CRC C5 CD on the wire.
     const Bytes req = {0x01, 0x03, 0x00, 0x00, 0x00, 0x0A};
     EXPECT_EQ(CModbusSim::crc(req.data(), req.size()), 0xCDC5);
 }

@@ -16,7 +16,7 @@ constexpr std::time_t kModelEpoch = 1600000000;
 constexpr long kTimeDepth = 1488;
 
 // CRC-16/MODBUS bit by bit (reflected polynomial 0xA001, start 0xFFFF), as
-// the serial-line specification gives it; sent low byte first.
+// the Modbus serial-line guide gives it; sent low byte first.
 uint16_t crc16(const uint8_t* p, size_t n) {
     uint16_t crc = 0xFFFF;
     for (size_t i = 0; i < n; ++i) {

@@ -4,7 +4,7 @@
 // (the daemon's register-map file) describes with values that follow the
 // clock: totals grow steadily, other values wander around a level, bits
 // toggle every ten minutes, and a readable archive shows the same model at
-// each record's time. Written from the Modbus specifications alone: its own
+// each record's time. Written from the published Modbus documents alone: its own
 // frame reader and CRC, no libmodbus, nothing of the daemon.
 //
 // Like a real slave it keeps quiet on a damaged request or one for another
