@@ -17,6 +17,10 @@ inline constexpr const char* kHostUrl = "http://127.0.0.1:8082/";
 inline constexpr const char* kSensorsUrl = "http://127.0.0.1:4665/";
 inline constexpr int kHostPort = 8082;
 inline constexpr int kSensorsPort = 4665;
+// Register-map templates of the Modbus template driver: the site's own first,
+// then those the package ships.
+inline constexpr const char* kTemplateDirSite = "/etc/mtd_main/templates/";
+inline constexpr const char* kTemplateDirPackage = "/usr/share/mtd_main/templates/";
 // Serial device used when the configuration names none.
 inline constexpr const char* kSerialDevice = "/dev/ttyS1";
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "drivers/DriverFactory.h"
 
+#include <cstring>
+
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "drivers/logika/CmtdSPG741.h"
 #include "drivers/logika/CmtdSPG761.h"
 #include "drivers/logika/CmtdSpgM4.h"
+#include "drivers/modbus/CmtdModbusTemplate.h"
 #include "framework/CMtdBaseDriver.h"
 #include "framework/CMtdEmptyDriver.h"
 #include "core/logger.h"
@@ -22,6 +25,10 @@ using Row = DriverModelRow;
 
 // Rows are tested top to bottom; the first match decides.
 const DriverModelRow kModelTable[] = {
+    // "modbus:<template>": a meter described by a register-map template. First,
+    // so that a template named like a "contains" row ("modbus:ultramag-b")
+    // still reaches it; no other model string starts with "modbus:".
+    {"modbus:", Row::PREFIX, "CmtdModbusTemplate", 0, nullptr, 0, &CmtdModbusTemplate::create},
     {"ek270", Row::EXACT, "CmtdEK2xxTC2xx", 2, nullptr, 0, &CmtdEK2xxTC2xx::create},
     {"ek260", Row::EXACT, "CmtdEK2xxTC2xx", 1, nullptr, 0, &CmtdEK2xxTC2xx::create},
     {"tc220", Row::EXACT, "CmtdEK2xxTC2xx", 3, nullptr, 0, &CmtdEK2xxTC2xx::create},
@@ -71,7 +78,11 @@ const DriverModelRow kModelTable[] = {
 };
 
 bool matches(const std::string& model, const char* text, DriverModelRow::Match match) {
-    return match == DriverModelRow::EXACT ? model == text : model.find(text) != std::string::npos;
+    switch (match) {
+    case DriverModelRow::EXACT: return model == text;
+    case DriverModelRow::PREFIX: return model.compare(0, std::strlen(text), text) == 0;
+    default: return model.find(text) != std::string::npos;
+    }
 }
 
 }  // namespace

@@ -10,9 +10,9 @@
 class CMtdBaseDriver;
 
 struct DriverModelRow {
-    enum Match { EXACT, CONTAINS };
+    enum Match { EXACT, CONTAINS, PREFIX };
     const char* model;       // text tested against the model string
-    Match match;             // whole string equal, or text found anywhere (case-sensitive)
+    Match match;             // whole string equal, text found anywhere, or the string's start (case-sensitive)
     const char* className;   // the class this row stands for
     int code;                // model code passed to the constructor
     const char* subModel;    // when the model string also contains this text,

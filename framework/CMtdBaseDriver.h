@@ -57,6 +57,8 @@ class GasFileConnector;
 struct DriverPaths {
     std::string storageRoot = mtd::defaults::kStorageRoot;
     std::string controlDir = mtd::defaults::kControlDir;
+    // Where drivers described by a template file look for it, in order.
+    std::vector<std::string> templateDirs = {mtd::defaults::kTemplateDirSite, mtd::defaults::kTemplateDirPackage};
 };
 
 class CMtdBaseDriver : public myThreadAttached {

@@ -88,6 +88,14 @@ struct tm CMtdGasBaseDriver::toDeviceTime(time_t t) const {
     return tm;
 }
 
+std::string CMtdGasBaseDriver::deviceTimeText(time_t t) const {
+    const struct tm tm = toDeviceTime(t);
+    char buf[80];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buf;
+}
+
 CValueRecord CMtdGasBaseDriver::makeValue(const std::string& name, const std::string& value, uint32_t unit,
                                           time_t timestamp, const std::string& sys) const {
     CValueRecord r;

@@ -34,6 +34,8 @@ protected:
     time_t fromDeviceTime(int year, int month, int day, int hour, int minute, int second) const;
     // Unix seconds as the meter's local calendar fields.
     struct tm toDeviceTime(time_t t) const;
+    // Unix seconds as the meter's clock reads them: "YYYY-MM-DD,hh:mm:ss".
+    std::string deviceTimeText(time_t t) const;
     // One published value: `unit` is a DataUnit (DU_UNKNOWN publishes no dimension).
     CValueRecord makeValue(const std::string& name, const std::string& value, uint32_t unit, time_t timestamp,
                            const std::string& sys) const;

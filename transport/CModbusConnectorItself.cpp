@@ -162,6 +162,22 @@ int CModbusConnectorItself::ReadInputRegisters(int slave, int address, int count
                        [&](modbus_t* ctx) { return modbus_read_input_registers(ctx, address, count, dest); });
 }
 
+int CModbusConnectorItself::ReadCoils(int slave, int address, int count, uint8_t* dest, bool blink) {
+    return transaction(slave, blink, [&](modbus_t* ctx) { return modbus_read_bits(ctx, address, count, dest); });
+}
+
+int CModbusConnectorItself::ReadDiscreteInputs(int slave, int address, int count, uint8_t* dest, bool blink) {
+    return transaction(slave, blink,
+                       [&](modbus_t* ctx) { return modbus_read_input_bits(ctx, address, count, dest); });
+}
+
+uint8_t CModbusConnectorItself::exceptionCode(int err) {
+    // libmodbus reports an exception reply as errno MODBUS_ENOBASE + its code.
+    if (err > MODBUS_ENOBASE && err <= MODBUS_ENOBASE + 0xFF && err < EMBBADCRC)
+        return static_cast<uint8_t>(err - MODBUS_ENOBASE);
+    return 0;
+}
+
 int CModbusConnectorItself::WriteRegister(int slave, int address, uint16_t value, bool blink) {
     return transaction(slave, blink, [&](modbus_t* ctx) { return modbus_write_register(ctx, address, value); });
 }

@@ -55,6 +55,13 @@ public:
     // set). A slave id libmodbus refuses gives -1 with no traffic and no blink.
     int ReadHoldingRegisters(int slave, int address, int count, uint16_t* dest, bool blink);
     int ReadInputRegisters(int slave, int address, int count, uint16_t* dest, bool blink);
+    // Coils and discrete inputs: one byte (0 or 1) per bit in `dest`.
+    int ReadCoils(int slave, int address, int count, uint8_t* dest, bool blink);
+    int ReadDiscreteInputs(int slave, int address, int count, uint8_t* dest, bool blink);
+    // The Modbus exception code an errno of a failed transaction stands for
+    // (2 illegal address, 6 slave busy, ...); 0 when the slave did not refuse
+    // (no answer, a damaged one, a local error).
+    static uint8_t exceptionCode(int err);
     int WriteRegister(int slave, int address, uint16_t value, bool blink);
     int WriteRegisters(int slave, int address, int count, const uint16_t* src, bool blink);
     int WriteAndReadRegisters(int slave, int writeAddress, int writeCount, const uint16_t* src, int readAddress,

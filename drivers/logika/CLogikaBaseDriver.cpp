@@ -24,14 +24,6 @@ std::string CLogikaBaseDriver::formatNumber(double v) {
     return buf;
 }
 
-std::string CLogikaBaseDriver::deviceTimeText(time_t t) const {
-    const struct tm tm = toDeviceTime(t);
-    char buf[80];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                  tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return buf;
-}
-
 uint32_t CLogikaBaseDriver::protocolTimeArg(time_t t) const {
     struct tm dev = toDeviceTime(t);
     dev.tm_isdst = -1;

@@ -34,8 +34,6 @@ protected:
     const std::string& takeSystem();
     // A value the driver converted, as published: five decimals.
     static std::string formatNumber(double v);
-    // Unix seconds as the device clock reads them: "YYYY-MM-DD,hh:mm:ss".
-    std::string deviceTimeText(time_t t) const;
     // The protocol layers break a time word down in the process's local time:
     // the word whose local fields are the device's clock reading of `t`.
     uint32_t protocolTimeArg(time_t t) const;

@@ -21,6 +21,11 @@ TEST(DriverFactory, MatchingRules) {
         // An exact row is tested before a "contains" row whose text it includes.
         {"spg761.1", "CmtdSPG761", 1},
         {"spg761", "CmtdSPG761", 0},
+        // "modbus:" starts a template's name and is tested first: a template
+        // named like a "contains" row still reaches the template driver.
+        {"modbus:ultramag-b", "CmtdModbusTemplate", 0},
+        {"modbus:", "CmtdModbusTemplate", 0},
+        {"xmodbus:flow", nullptr, 0},
         // "contains" rows match anywhere in the string, in table order.
         {"my-vrsg-1-rev2", "CmtdVrsg", 2},
         {"im2300-serii-klmsxyzt", "CmtdIM2300GasNotModbus", 0},

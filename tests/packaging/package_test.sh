@@ -16,7 +16,8 @@ daemon=$(ls "$work"/mtd-main_*.deb 2>/dev/null | head -n1)
 
 contents=$(dpkg-deb -c "$daemon")
 for f in ./usr/sbin/mtd_main ./usr/lib/systemd/system/mtd_main@.service ./usr/share/man/man8/mtd_main.8.gz \
-         ./usr/libexec/mtd_main/mtd_main-line ./etc/mtd_main/line.conf.example; do
+         ./usr/libexec/mtd_main/mtd_main-line ./etc/mtd_main/line.conf.example \
+         ./usr/share/mtd_main/templates/modbus-template.schema.json ./usr/share/mtd_main/templates/example-flow.json; do
   grep -q " $f\$" <<<"$contents" || fail "$f missing from $(basename "$daemon")"
 done
 grep -q "/usr/bin/\|mtd_hostsim\|mtd_metersim" <<<"$contents" && fail "simulators must not be in the daemon package"
