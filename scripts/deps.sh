@@ -11,7 +11,10 @@ PKGS=(build-essential cmake ninja-build pkg-config
       libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
       clang libclang-rt-14-dev util-linux mount iproute2 python3 procps
       # the package test: CPack needs file, the unit check systemd-analyze
-      file dpkg-dev systemd lintian)
+      file dpkg-dev systemd lintian
+      # promtool checks mtd_status --prometheus in the end-to-end tests; it comes
+      # only with the whole server (about 20 MB), which the tests never start
+      prometheus)
 ARCH=
 case "${1:-}" in
   --cross) ARCH="${2:?usage: $0 [--cross arm64|armhf]}" ;;
