@@ -41,8 +41,8 @@ CModbusConnectorItself::~CModbusConnectorItself() {
 }
 
 bool CModbusConnectorItself::open_device() {
-    const long baud = portparam::number(m_params, "speed", 9600);
-    const long dataBits = portparam::number(m_params, "data", 8);
+    const long long baud = portparam::number(m_params, "speed", 9600);
+    const long long dataBits = portparam::number(m_params, "data", 8);
     const std::string parityText = portparam::text(m_params, "parity");
     const char parity = parityText == "E" ? 'E' : parityText == "O" ? 'O' : 'N';
     const int stopBits = portparam::text(m_params, "stop") == "2" ? 2 : 1;

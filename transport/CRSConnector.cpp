@@ -38,8 +38,8 @@ const std::map<int, speed_t>& baudTable() {
     return table;
 }
 
-const std::map<long, tcflag_t>& dataBitsTable() {
-    static const std::map<long, tcflag_t> table = {{5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
+const std::map<long long, tcflag_t>& dataBitsTable() {
+    static const std::map<long long, tcflag_t> table = {{5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
     return table;
 }
 
@@ -64,7 +64,7 @@ CRSConnector::~CRSConnector() {
 
 void CRSConnector::lineSettings(const PortParams& params, uint32_t timeoutMs, termios& tio) {
     speed_t speed = B9600;
-    long baud = portparam::number(params, "speed", kDefaultBaud);
+    const long long baud = portparam::number(params, "speed", kDefaultBaud);
     auto rate = baudTable().find(static_cast<int>(baud));
     if (baud == static_cast<int>(baud) && rate != baudTable().end())
         speed = rate->second;

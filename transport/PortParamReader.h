@@ -12,7 +12,9 @@ namespace portparam {
 
 // Base-10 value of the leading digits, like the host service's numbers;
 // `fallback` when the parameter is absent or does not start with a number.
-long number(const PortParams& params, const char* key, long fallback);
+// 64 bits wide on every machine, so a controller with a 32-bit long reads the
+// same values as the build machine.
+long long number(const PortParams& params, const char* key, long long fallback);
 // The text, "" when absent.
 std::string text(const PortParams& params, const char* key);
 // "timeout" in ms; `fallback` when absent, and (with an Err line naming `owner`) when negative.
