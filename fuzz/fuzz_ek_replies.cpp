@@ -54,11 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const time_t from = 1714000000;  // 2024-04-24
     const time_t to = 1714600000;
     ignoringCycleEnd([&] { driver.init(); });
-    ignoringCycleEnd([&] { driver.get_all_system_values(); });
-    ignoringCycleEnd([&] { driver.get_all_curtime_cur_integ_values(); });
+    ignoringCycleEnd([&] { fuzzReport(driver.get_all_system_values()); });
+    ignoringCycleEnd([&] { fuzzReport(driver.get_all_curtime_cur_integ_values()); });
     for (int arch : {ARCH_HOURLY, ARCH_DAILY, ARCH_JOURNAL_EVENT}) {
         std::vector<ArchiveRecord> out;
         ignoringCycleEnd([&] { driver.get_arch_values(arch, from, to, out); });
+        fuzzReport(out);
     }
     return 0;
 }

@@ -38,11 +38,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     const time_t from = 1714000000, to = 1714600000;
     step([&] { driver.init(); });
-    step([&] { driver.get_all_system_values(); });
-    step([&] { driver.get_all_curtime_cur_integ_values(); });
+    step([&] { fuzzReport(driver.get_all_system_values()); });
+    step([&] { fuzzReport(driver.get_all_curtime_cur_integ_values()); });
     for (int arch : {ARCH_DAILY, ARCH_HOURLY, ARCH_JOURNAL_EVENT}) {
         std::vector<ArchiveRecord> out;
         step([&] { driver.get_arch_values(arch, from, to, out); });
+        fuzzReport(out);
     }
     return 0;
 }

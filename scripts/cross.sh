@@ -4,8 +4,9 @@
 # toolchain against the -dev packages of that architecture, unpacked into a folder
 # apart from the host (scripts/sysroot.sh), makes its Debian packages (into
 # build-<arch>/packages/), which lintian must accept, and runs the unit test suites
-# under qemu-user. The end-to-end and package tests stay with the native build; no
-# benchmarks or fuzz targets here. MTD_BUILD_DIR_OVERRIDE picks another build folder.
+# under qemu-user, after the fuzz seed corpora went through the parsers there and
+# on this machine with the same results. The end-to-end and package tests stay
+# with the native build. MTD_BUILD_DIR_OVERRIDE picks another build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 arch="${1:-}"
@@ -20,7 +21,7 @@ dir="${MTD_BUILD_DIR_OVERRIDE:-build-$arch}"
 cmake -S . -B "$dir" -G Ninja --toolchain "$PWD/scripts/cross-toolchain.cmake" \
   -DMTD_CROSS_TRIPLET="$triplet" -DMTD_CROSS_CPU="$cpu" -DMTD_CROSS_SYSROOT="$sysroot" \
   -DMTD_CROSS_QEMU="$(command -v "$qemu")" \
-  -DMTD_DEB_ARCH="$arch" -DMTD_BUILD_BENCH=OFF -DMTD_FUZZ=OFF >&2
+  -DMTD_DEB_ARCH="$arch" -DMTD_BUILD_BENCH=OFF -DMTD_FUZZ=OFF -DMTD_FUZZ_REPLAY=ON >&2
 cmake --build "$dir" -j"$(nproc)" >&2
 mkdir -p "$dir/packages"
 export MTD_CROSS_SYSROOT="$sysroot" MTD_CROSS_TRIPLET="$triplet"
@@ -35,8 +36,27 @@ done
 lintian --allow-root --fail-on error,warning "$dir"/packages/*.deb "$dir"/packages/*.ddeb ||
   { echo "cross: lintian" >&2; exit 1; }
 ls "$dir"/packages/*.deb "$dir"/packages/*.ddeb
-cd "$dir"
 export QEMU_LD_PREFIX="$sysroot"
+
+# The parsers must read the fuzz seed corpora on the controller exactly as on
+# this machine: the same log lines, values and records. A difference is code
+# that depends on the width of long, size_t or time_t, on alignment or on the
+# sign of char. The passport target's scratch folder is named at random.
+replay() {
+  for corpus in fuzz/corpus/*/; do
+    TZ=UTC "$@" "$(basename "$corpus")" "$corpus"*
+  done | sed -E 's#(/tmp/mtd_fuzz_passport_)[^/]*/#\1X/#g'
+}
+host="$dir/host-replay"
+cmake -S . -B "$host" -G Ninja -DMTD_BUILD_TESTS=OFF -DMTD_BUILD_TOOLS=OFF -DMTD_FUZZ_REPLAY=ON >&2
+cmake --build "$host" -j"$(nproc)" --target mtd_fuzz_replay >&2
+replay "$host/mtd_fuzz_replay" >"$dir/replay-host.txt"
+replay "$(command -v "$qemu")" "$dir/mtd_fuzz_replay" >"$dir/replay-$arch.txt"
+diff -u "$dir/replay-host.txt" "$dir/replay-$arch.txt" ||
+  { echo "cross: the parsers read the seed corpora differently on $arch" >&2; exit 1; }
+echo "cross: $(grep -c '^==' "$dir/replay-host.txt") seed inputs read alike on $(uname -m) and $arch"
+
+cd "$dir"
 # Death tests re-execute the test binary from the child, which the kernel
 # cannot start without a binfmt handler for the foreign architecture; they run
 # in the native suites.

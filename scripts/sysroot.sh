@@ -30,6 +30,10 @@ mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$pkgs" \
   --extract-hook='for d in "$1"/var/cache/apt/archives/*.deb; do dpkg-deb --info "$d" shlibs 2>/dev/null || true; done |
                   grep -v "^udeb:" >"$1/.mtd-shlibs.local"' \
   bookworm "$dir.new" "deb $mirror bookworm main" "deb $mirror bookworm-updates main" >&2
+# qemu -L looks up every path in the sysroot first: device nodes, /tmp and /var
+# there would shadow the host's (a /dev/ptmx of another pts instance breaks
+# openpty), so only the libraries, headers and their configuration stay.
+rm -rf "$dir.new"/{dev,proc,run,sys,tmp,var}
 echo "$want" >"$dir.new/.mtd-sysroot"
 rm -rf "$dir"
 mv "$dir.new" "$dir"
