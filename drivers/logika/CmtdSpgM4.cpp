@@ -269,9 +269,11 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
             continue;
         }
         if (&row.param == &kRateHour) {
-            const long h = v.kind == M4::ParamValue::Integer ? static_cast<long>(v.integer) : std::atol(v.text.c_str());
+            // 64 bits, so that a 32-bit controller logs the same number as any other
+            const long long h = v.kind == M4::ParamValue::Integer ? static_cast<long long>(v.integer)
+                                                                  : std::strtoll(v.text.c_str(), nullptr, 10);
             if (h < 0 || h > 23) {
-                MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %ld !!!", id, nm, h);
+                MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %lld !!!", id, nm, h);
                 continue;
             }
             m_rateHour = static_cast<int>(h);
