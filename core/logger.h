@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -78,3 +79,20 @@ extern logger* g_logger;
         if (logger* mtd_log_ = g_logger)         \
             mtd_log_->sev(__VA_ARGS__);          \
     } while (0)
+
+namespace mtd {
+// The meter a protocol or driver line is about. Every such line opens with
+// "[<id>][<name>] " so that the lines of several meters on one line can be told
+// apart; the macros below write that prefix, the call sites only the message.
+struct LogContext {
+    long long id = 0;
+    std::string name;
+};
+}  // namespace mtd
+
+// A line about the meter of `ctx` (an mtd::LogContext); `fmt` is a literal.
+#define MTD_CLOG(ctx, sev, fmt, ...) \
+    MTD_LOG(sev, "[%lld][%s] " fmt, (ctx).id, (ctx).name.c_str(), ##__VA_ARGS__)
+// The same prefix for a line handed to a logger call other than MTD_LOG (dumps).
+#define MTD_CLOG_FORMAT(ctx, buf, fmt, ...) \
+    std::snprintf((buf), sizeof(buf), "[%lld][%s] " fmt, (ctx).id, (ctx).name.c_str(), ##__VA_ARGS__)

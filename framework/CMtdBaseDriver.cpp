@@ -165,7 +165,6 @@ void CMtdBaseDriver::functionThread() {
     MTD_LOG(Info,
             "CMtdBaseDriver::functionThread v. 01.04 - use GetMaxTimestampIn() to calculate daily/hourly time of "
             "next request");
-    m_isEk270 = m_config.get("manufacturer") == "ek270";
 
     m_store = std::make_unique<GasFileConnector>(m_config.meter_id, m_paths.storageRoot, m_paths.controlDir);
     // A folder held by the reporter is looked at again after a pause; a stop
@@ -459,11 +458,11 @@ time_t CMtdBaseDriver::GetMaxTimestampIn(int archType, time_t start) {
     return last;
 }
 
-int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>& records) {
+bool CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>& records) {
     if (records.empty() || !m_store)
-        return 0;
+        return true;
     if (!m_store->StoreRecords(archType, records))
-        return 0;  // nothing became visible; the same window is read again next time
+        return false;  // nothing became visible; the same window is read again next time
     const time_t last = m_store->GetLastTimestamp(archType);
     if (m_status) {
         m_status->recordsStored += records.size();
@@ -472,7 +471,7 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
             m_status->lastStored[archType] = last;
     }
     if (last <= 0)
-        return static_cast<int>(records.size());
+        return true;
     switch (archType) {
     case ARCH_HOURLY:
         when_next_arch_hourly = std::max(when_next_arch_hourly.load(), last - last % 60 + 3600);
@@ -493,51 +492,23 @@ int CMtdBaseDriver::storeArchive(int archType, const std::vector<ArchiveRecord>&
     default:
         break;
     }
-    return static_cast<int>(records.size());
+    return true;
+}
+
+time_t CMtdBaseDriver::StoreOfDriver::lastStored(int archType) const {
+    return m_driver.m_store ? m_driver.m_store->GetLastTimestamp(archType) : 0;
 }
 
 size_t CMtdBaseDriver::readAndStore(int archType, time_t from, time_t to) {
-    std::vector<ArchiveRecord> records;
-    m_reading = ReadingArchive{archType, 0, false};
+    StoreOfDriver store(*this);
+    CArchiveSink sink(store, archType, from, to, &m_cancel);
     try {
-        get_arch_values(archType, from, to, records);
+        readArchive(sink);
     } catch (...) {
-        // Journal entries may share a second, and the transfer may have broken
-        // inside such a group: the next read starts a second after what is
-        // stored, so that second waits for it, as flushArchive does.
-        if (archType == ARCH_JOURNAL_EVENT || archType == ARCH_JOURNAL_INTERVENT) {
-            const long long newest = records.empty() ? 0 : records.back().timestamp;
-            while (!records.empty() && records.back().timestamp == newest)
-                records.pop_back();
-        }
-        storeArchive(archType, records);
-        m_reading.type = -1;
+        sink.finish(false);
         throw;
     }
-    storeArchive(archType, records);
-    m_reading.type = -1;
-    return m_reading.handedOver + records.size();
-}
-
-void CMtdBaseDriver::flushArchive(std::vector<ArchiveRecord>& out) {
-    constexpr size_t kFlushRecords = 24;
-    if (m_reading.type < 0 || m_reading.storeFailed || out.size() < kFlushRecords)
-        return;
-    const long long newest = out.back().timestamp;
-    size_t older = 0;
-    while (older < out.size() && out[older].timestamp < newest)
-        ++older;
-    if (older == 0)
-        return;
-    const std::vector<ArchiveRecord> head(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
-    if (storeArchive(m_reading.type, head) == 0) {
-        // Keep everything: storing a later part alone would leave a hole the
-        // schedule could never come back for.
-        m_reading.storeFailed = true;
-        return;
-    }
-    out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(older));
-    m_reading.handedOver += older;
+    return sink.finish(true);
 }
 
 int CMtdBaseDriver::ReadHourlyArch() {
@@ -630,7 +601,40 @@ std::vector<CValueRecord> CMtdBaseDriver::get_all_curtime_cur_integ_values() { r
 
 std::vector<CValueRecord> CMtdBaseDriver::get_all_system_values() { return {}; }
 
-void CMtdBaseDriver::get_arch_values(int, time_t, time_t, std::vector<ArchiveRecord>&) {}
+void CMtdBaseDriver::readArchive(CArchiveSink& sink) {
+    const int archType = sink.type();
+    if (!hasArchive(archType)) {
+        MTD_DLOG(Warning, "%s::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", driverName(), archType,
+                 archTypeName(archType));
+        return;
+    }
+    MTD_DLOG(Info, "--- %s::get_arch_values(%s) ---------------------------------", driverName(),
+             archTypeName(archType));
+    time_t clock = 0;
+    int rateHour = 0;
+    // Nothing is asked for past the meter's own clock: an interval it has not
+    // closed yet would come back empty, or not at all.
+    if (archiveWindowEndsAtDeviceClock() && GetTimestamps(clock, rateHour) && sink.to() > clock) {
+        MTD_DLOG(Info, "%s::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)", driverName(),
+                 static_cast<int>(clock), clockText(clock).c_str());
+        sink.clipTo(clock);
+    }
+    if (sink.from() > sink.to())
+        return;
+    get_arch_values(sink);
+}
+
+void CMtdBaseDriver::get_arch_values(CArchiveSink&) {}
+
+bool CMtdBaseDriver::hasArchive(int) const { return true; }
+
+std::string CMtdBaseDriver::clockText(time_t t) const {
+    char text[32];
+    struct tm tm {};
+    gmtime_r(&t, &tm);
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+    return text;
+}
 
 bool CMtdBaseDriver::GetTimestamps(time_t&, int&) { return false; }
 

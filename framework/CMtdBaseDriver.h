@@ -35,8 +35,10 @@
 #include <string>
 #include <vector>
 
+#include "framework/CArchiveSink.h"
 #include "framework/CMtdClock.h"
 #include "framework/CMtdStatus.h"
+#include "core/logger.h"
 #include "core/myThreadAttached.h"
 #include "core/CDeviceConfig.h"
 #include "core/CValueRecord.h"
@@ -45,6 +47,10 @@
 
 class CConnector;
 class CJSONRPCConnector;
+
+// A line about this driver's meter, from inside a driver: opens with
+// "[<id>][<driver name>] "; `fmt` is a literal.
+#define MTD_DLOG(sev, fmt, ...) MTD_LOG(sev, "[%lld][%s] " fmt, logId(), driverName(), ##__VA_ARGS__)
 class GasFileConnector;
 
 // Where a driver keeps its archives and finds the control files.
@@ -79,9 +85,21 @@ public:
     virtual std::vector<CValueRecord> get_all_curtime_cur_integ_values();
     // Serial number, firmware, contract hour, ...; empty when the device did not answer.
     virtual std::vector<CValueRecord> get_all_system_values();
-    // Appends the records of one archive kind with from <= time <= to to `out`,
-    // oldest first, each complete. What was appended before an exception is kept.
-    virtual void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
+    // Reads the archive kind sink.type() over the sink's window from the meter
+    // and adds each record to the sink as it comes (see CArchiveSink), calling
+    // sink.endBlock() after each block; stops when the sink says so. What the
+    // sink took before an exception is stored. Called through readArchive,
+    // which has refused kinds the meter lacks and cut the window at the meter's clock.
+    virtual void get_arch_values(CArchiveSink& sink);
+    // The meter keeps this archive kind.
+    virtual bool hasArchive(int archType) const;
+    // The window of an archive read ends at the meter's clock (GetTimestamps).
+    virtual bool archiveWindowEndsAtDeviceClock() const { return true; }
+    // A time as the log lines about the meter's clock show it.
+    virtual std::string clockText(time_t t) const;
+    // What every archive read does before the driver's get_arch_values: refuse
+    // a kind the meter lacks, read the meter's clock and end the window there.
+    void readArchive(CArchiveSink& sink);
     // True when an hourly or daily read is due; also called by the main thread
     // every 5 s. Each call also looks for the force-update file and lets a
     // paused driver look at its pause file again, so neither is polled faster
@@ -112,7 +130,7 @@ public:
     bool WaitTurnReturned(std::chrono::milliseconds timeout);
 
     const CDeviceConfig& config() const { return m_config; }
-    // Name used in log lines ("[%lld][%s] ").
+    // Name used in the "[id][name] " opening of the driver's log lines (MTD_DLOG).
     virtual const char* driverName() const { return "CMtdBaseDriver"; }
 
     // Also points the host link's retry loop at this driver's cancel flag, so
@@ -159,14 +177,6 @@ protected:
     // The meter identifier as a number, for the "[%lld]" of log lines.
     long long logId() const { return m_logId; }
 
-    // For get_arch_values between two blocks: stores what was appended so far and
-    // takes it out of `out`, so that a long transfer holds about one block of
-    // records, not fifteen days of them. Records sharing the newest second stay
-    // (a journal read again from that second must find them for its duplicates).
-    // Does nothing for small batches, outside a reader, or after a failed store,
-    // when everything is kept for the reader's own final store.
-    void flushArchive(std::vector<ArchiveRecord>& out);
-
     CDeviceConfig m_config;
     long long m_logId = 0;
     CConnector* m_connector = nullptr;
@@ -176,6 +186,10 @@ protected:
     std::atomic<uint8_t> m_turn{0};
     std::atomic<uint8_t> m_cycleDone{0};
 
+    // The schedule. The main thread reads the hourly and daily times every few
+    // seconds (GetArchActual) while this thread may be writing the archive
+    // files, and the store is not shared between threads: so the times are
+    // kept here, derived from what the store holds after each store.
     std::atomic<time_t> when_next_arch_hourly{0};
     std::atomic<time_t> when_next_arch_daily{0};
     std::atomic<time_t> when_next_arch_journal_event{0};
@@ -199,19 +213,26 @@ private:
     // session_close() when this cycle called init() and has not closed yet.
     void closeSession();
     void writeStatus();
-    // Hands what a reader appended to the store, then moves the reader's next time.
-    int storeArchive(int archType, const std::vector<ArchiveRecord>& records);
-    // Runs get_arch_values over one window and stores what it appended, also
-    // when it throws; returns the number of records the driver handed over.
+    // Hands records to the archive files, then moves the kind's next time from
+    // what the files hold.
+    bool storeArchive(int archType, const std::vector<ArchiveRecord>& records);
+    // Runs get_arch_values over one window through a sink and stores what the
+    // sink took, also when it throws; returns the number of records taken.
     size_t readAndStore(int archType, time_t from, time_t to);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
 
-    // The reader in progress, for flushArchive.
-    struct ReadingArchive {
-        int type = -1;
-        size_t handedOver = 0;
-        bool storeFailed = false;
-    } m_reading;
+    // The archive files as the sink sees them.
+    class StoreOfDriver : public ArchiveStore {
+    public:
+        explicit StoreOfDriver(CMtdBaseDriver& driver) : m_driver(driver) {}
+        bool store(int archType, const std::vector<ArchiveRecord>& records) override {
+            return m_driver.storeArchive(archType, records);
+        }
+        time_t lastStored(int archType) const override;
+
+    private:
+        CMtdBaseDriver& m_driver;
+    };
 
     DriverPaths m_paths;
     std::shared_ptr<CMtdClock> m_clock;
@@ -223,6 +244,5 @@ private:
     std::atomic<bool> m_cancel{false};
     std::mutex m_turnMutex;
     std::condition_variable m_turnCv;
-    bool m_isEk270 = false;
     bool m_sessionOpened = false;  // polling thread only
 };

@@ -22,18 +22,18 @@ CMtdGasBaseDriver::~CMtdGasBaseDriver() { StopPolling(); }
 int CMtdGasBaseDriver::GetRateHour(int n) {
     GasFileConnector* store = archiveStore();
     const time_t dailyLast = store ? store->GetLastTimestamp(ARCH_DAILY) : 0;
-    MTD_LOG(Debug, "[%lld][%s] CMtdGasBaseDriver::GetRateHour(%d) - daily_last = %d", logId(), driverName(), n,
+    MTD_DLOG(Debug, "CMtdGasBaseDriver::GetRateHour(%d) - daily_last = %d", n,
             (int)dailyLast);
     struct tm ti {};
     if (!localtime_r(&dailyLast, &ti))
         return 0;
-    MTD_LOG(Debug, "[%lld][%s] CMtdGasBaseDriver::GetRateHour(%d) - ti.tm_hour = %d", logId(), driverName(), n,
+    MTD_DLOG(Debug, "CMtdGasBaseDriver::GetRateHour(%d) - ti.tm_hour = %d", n,
             ti.tm_hour);
     return ti.tm_hour;
 }
 
 void CMtdGasBaseDriver::SetRs232State(int n, bool state) {
-    MTD_LOG(Info, "[%lld][%s] CMtdGasBaseDriver::SetRs232State(): set port %d to '%s'", logId(), driverName(), n,
+    MTD_DLOG(Info, "CMtdGasBaseDriver::SetRs232State(): set port %d to '%s'", n,
             state ? "true" : "false");
     if (m_rpc)
         m_rpc->ExecSensorsJSONRPCFunc(state, n);
@@ -46,8 +46,7 @@ bool CMtdGasBaseDriver::GetGasPassportParams(std::map<std::string, std::string>&
     if (control.readPassport(m_config.meter_id, values) != CControlFiles::PASSPORT_OK)
         return false;
     RemovePasportFile();
-    MTD_LOG(Info, "[%lld][%s] CMtdGasBaseDriver::GetGasPassportParams() - passport file '%s' is removed", logId(),
-            driverName(), control.passportPath(m_config.meter_id).c_str());
+    MTD_DLOG(Info, "CMtdGasBaseDriver::GetGasPassportParams() - passport file '%s' is removed", control.passportPath(m_config.meter_id).c_str());
     return true;
 }
 

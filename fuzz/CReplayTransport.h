@@ -16,7 +16,7 @@
 class CReplayTransport : public CTransport {
 public:
     CReplayTransport(const uint8_t* data, size_t size) : m_data(data), m_size(size) {
-        m_params = {{"name", "/replay"}, {"speed", "9600"}, {"timeout", "100"}};
+        m_settings = PortSettings::parse({{"name", "/replay"}, {"speed", "9600"}, {"timeout", "100"}});
     }
 
     int WriteBuffer(const unsigned char*, uint16_t length, bool) override { return length; }
@@ -34,7 +34,7 @@ public:
     void SetTimeout(uint32_t timeout_ms) override { m_timeout = timeout_ms; }
     uint32_t GetTimeout() const override { return m_timeout; }
     bool is_open() const override { return m_open; }
-    PortParams& params() override { return m_params; }
+    PortSettings& settings() override { return m_settings; }
 
     size_t remaining() const { return m_size - m_pos; }
 
@@ -53,5 +53,5 @@ private:
     size_t m_pos = 0;
     bool m_open = true;
     uint32_t m_timeout = 100;
-    PortParams m_params;
+    PortSettings m_settings;
 };

@@ -18,6 +18,7 @@
 #include "fuzz/FuzzLog.h"
 #include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
+#include "tests/support/ArchiveCollector.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ignoringCycleEnd([&] { fuzzReport(driver.get_all_curtime_cur_integ_values()); });
     for (int arch : {ARCH_HOURLY, ARCH_DAILY, ARCH_JOURNAL_EVENT}) {
         std::vector<ArchiveRecord> out;
-        ignoringCycleEnd([&] { driver.get_arch_values(arch, from, to, out); });
+        ignoringCycleEnd([&] { test_support::readArchive(driver, arch, from, to, out); });
         fuzzReport(out);
     }
     return 0;

@@ -16,6 +16,7 @@
 #include "fuzz/FuzzLog.h"
 #include "core/ArchiveRecord.h"
 #include "transport/CConnector.h"
+#include "tests/support/ArchiveCollector.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzzLogAll();
@@ -42,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     step([&] { fuzzReport(driver.get_all_curtime_cur_integ_values()); });
     for (int arch : {ARCH_DAILY, ARCH_HOURLY, ARCH_JOURNAL_EVENT}) {
         std::vector<ArchiveRecord> out;
-        step([&] { driver.get_arch_values(arch, from, to, out); });
+        step([&] { test_support::readArchive(driver, arch, from, to, out); });
         fuzzReport(out);
     }
     return 0;

@@ -3,27 +3,26 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <iostream>
-#include <thread>
 #include <utility>
 
-#include "hostlink/HttpClient.h"
+#include "core/PortSettings.h"
 #include "core/logger.h"
+#include "hostlink/CHostLinkClock.h"
+#include "hostlink/HttpClient.h"
 
 namespace {
 
-// Pause between two attempts. The log texts say "wait 5 sec"; the host
-// service is local and comes back quickly, so the real pause is 5 ms.
-constexpr std::chrono::microseconds kRetryPause{5000};
-constexpr int kSensorsAttempts = 50;
+using std::chrono::milliseconds;
 
-void pauseBeforeRetry()
-{
-    std::this_thread::sleep_until(std::chrono::steady_clock::now() + kRetryPause);
-}
+// The sensors service's attempts stay 5 ms apart (the log texts of the host
+// link say "wait 5 sec"; the real pause always was 5 ms): there are at most 50.
+constexpr milliseconds kSensorsPause{5};
+constexpr int kSensorsAttempts = 50;
 
 // Members of a reply that may not be an object at all (a misbehaving host
 // service): jsoncpp throws on operator[] of a non-object, so look first.
@@ -99,11 +98,129 @@ bool parseResponse(const std::string& text, Json::Value& out)
     }
 }
 
+// One exchange with a service and what became of it.
+struct Attempt {
+    enum Kind { ANSWERED, SEND_FAILED, RECEIVE_FAILED, BAD_STATUS };
+    Kind kind = ANSWERED;
+    int code = 0;       // libcurl code of SEND_FAILED
+    long status = 0;    // HTTP status of BAD_STATUS
+    std::string why;    // libcurl's own words on a failure
+    std::string text;   // the answer of ANSWERED
+};
+
+Attempt exchange(const std::string& url, const std::string& request, const std::atomic<bool>* cancel,
+                 milliseconds timeout)
+{
+    Json::Rpc::HttpClient client(url);
+    client.SetAbortFlag(cancel);
+    client.SetExchangeTimeout(timeout);
+    Attempt a;
+    a.code = client.Send(request);
+    a.why = client.ErrorText();
+    if (a.code != 0)
+        a.kind = Attempt::SEND_FAILED;
+    else if (client.Status() != 0 && (client.Status() < 200 || client.Status() > 299)) {
+        a.kind = Attempt::BAD_STATUS;
+        a.status = client.Status();
+    } else if (client.Recv(a.text) == -1)
+        a.kind = Attempt::RECEIVE_FAILED;
+    return a;
+}
+
+// The log of one run of failed attempts. Each kind of failure (a libcurl code,
+// an HTTP status, no answer, an answer that is not JSON) is written in full the
+// first time; after that the failures are only counted, and a summary line
+// with the count is written when a minute has passed since the last line.
+class COutageLog {
+public:
+    explicit COutageLog(const CHostLinkClock& clock) : m_clock(clock) {}
+
+    // True when the caller writes this failure's lines in full.
+    bool failed(long kind)
+    {
+        const CHostLinkClock::time_point t = m_clock.now();
+        if (m_failures++ == 0)
+            m_start = t;
+        if (std::find(m_kinds.begin(), m_kinds.end(), kind) == m_kinds.end()) {
+            m_kinds.push_back(kind);
+            m_lastLine = t;
+            return true;
+        }
+        ++m_unwritten;
+        if (t - m_lastLine >= CJSONRPCConnector::kSummaryEvery) {
+            MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error repeated %d times, no answer for %lld s",
+                    m_unwritten, seconds(t));
+            m_unwritten = 0;
+            m_lastLine = t;
+        }
+        return false;
+    }
+
+    void answered() const
+    {
+        if (m_failures > 0)
+            MTD_LOG(Notice, "CJSONRPCConnector::SendParameters - the host service answered after %lld s and %d failed attempts",
+                    seconds(m_clock.now()), m_failures);
+    }
+
+private:
+    long long seconds(CHostLinkClock::time_point t) const
+    {
+        return static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(t - m_start).count());
+    }
+
+    const CHostLinkClock& m_clock;
+    CHostLinkClock::time_point m_start;
+    CHostLinkClock::time_point m_lastLine;
+    std::vector<long> m_kinds;
+    int m_failures = 0;
+    int m_unwritten = 0;
+};
+
+// Keys of the failure kinds for COutageLog.
+long failureKind(const Attempt& a, bool notJson)
+{
+    if (notJson)
+        return 1;
+    switch (a.kind) {
+    case Attempt::RECEIVE_FAILED: return 2;
+    case Attempt::SEND_FAILED: return 1000L + a.code;
+    default: return 100000L + a.status;
+    }
+}
+
 }  // namespace
 
 CJSONRPCConnector::CJSONRPCConnector(std::string meterId, std::string hostUrl, std::string sensorsUrl)
-    : m_meterId(std::move(meterId)), m_hostUrl(std::move(hostUrl)), m_sensorsUrl(std::move(sensorsUrl))
+    : m_meterId(std::move(meterId)),
+      m_hostUrl(std::move(hostUrl)),
+      m_sensorsUrl(std::move(sensorsUrl)),
+      m_clock(std::make_shared<CHostLinkClock>()),
+      m_exchangeTimeout(Json::Rpc::HttpClient::kExchangeTimeout)
 {
+}
+
+CJSONRPCConnector::~CJSONRPCConnector() = default;
+
+void CJSONRPCConnector::setClock(std::shared_ptr<CHostLinkClock> clock)
+{
+    if (clock)
+        m_clock = std::move(clock);
+}
+
+void CJSONRPCConnector::setExchangeTimeout(milliseconds timeout)
+{
+    m_exchangeTimeout = std::clamp(timeout, milliseconds(1), milliseconds(Json::Rpc::HttpClient::kExchangeTimeout));
+}
+
+// The meter's port "timeout" (ms) bounds what the meter may keep the polling
+// thread waiting; the host service gets no more than that.
+void CJSONRPCConnector::limitExchangeToPort(const CDeviceConfig& config)
+{
+    const PortSettings port = PortSettings::parse(config.params);
+    if (!port.timeoutGiven || port.timeoutMs < 0)
+        return;
+    setExchangeTimeout(std::min(m_exchangeTimeout, std::max(milliseconds(port.timeoutMs), kShortestExchange)));
 }
 
 std::string CJSONRPCConnector::BuildRequest(const std::string& method, Json::Value params)
@@ -129,33 +246,48 @@ bool CJSONRPCConnector::ExecJSONRPCFunc(const std::string& method, const Json::V
 
 bool CJSONRPCConnector::SendParameters(const std::string& request, Json::Value& reply)
 {
+    COutageLog outage(*m_clock);
+    milliseconds pause = kFirstPause;
     while (!cancelled()) {
-        {
-            Json::Rpc::HttpClient client(m_hostUrl);
-            client.SetAbortFlag(m_cancel);
-            const int code = client.Send(request);
-            if (code != 0) {
+        const Attempt a = exchange(m_hostUrl, request, m_cancel, m_exchangeTimeout);
+        Json::Value parsed;
+        bool notJson = false;
+        if (a.kind == Attempt::ANSWERED) {
+            std::cout << "result JSONRPC" << a.text << std::endl;
+            notJson = !parseResponse(a.text, parsed);
+            if (!notJson) {
+                outage.answered();
+                const Json::Value& error = member(parsed, "error");
+                if (!error.isNull())
+                    MTD_LOG(Warning, "CJSONRPCConnector::SendParameters - the host service answered with an error: %s",
+                            toText(error).c_str());
+                reply = std::move(parsed);
+                return true;
+            }
+        }
+        if (cancelled())
+            break;  // the abort of an exchange in flight is no failure of the host service
+        if (outage.failed(failureKind(a, notJson))) {
+            if (notJson) {
+                MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while parsing data! retry!!! wait 5 sec");
+                MTD_LOG(Err, "Response String - %s", a.text.c_str());
+            } else if (a.kind == Attempt::SEND_FAILED) {
                 MTD_LOG(Err,
                         "CJSONRPCConnector::SendParameters - Error while sending data! retry!!! wait 5 sec. Error "
                         "code - %d",
-                        code);
+                        a.code);
+            } else if (a.kind == Attempt::BAD_STATUS) {
+                MTD_LOG(Warning, "CJSONRPCConnector::SendParameters - HTTP status %ld from the host service! retry!!!",
+                        a.status);
             } else {
-                std::string response;
-                if (client.Recv(response) == -1) {
-                    MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec");
-                } else {
-                    std::cout << "result JSONRPC" << response << std::endl;
-                    Json::Value parsed;
-                    if (parseResponse(response, parsed)) {
-                        reply = std::move(parsed);
-                        return true;
-                    }
-                    MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while parsing data! retry!!! wait 5 sec");
-                    MTD_LOG(Err, "Response String - %s", response.c_str());
-                }
+                MTD_LOG(Err, "CJSONRPCConnector::SendParameters - Error while receiving data! retry!!! wait 5 sec");
             }
+            if (!a.why.empty())
+                MTD_LOG(Info, "CJSONRPCConnector::SendParameters - libcurl: %s", a.why.c_str());
         }
-        pauseBeforeRetry();
+        if (!m_clock->sleepFor(pause, m_cancel))
+            break;
+        pause = std::min(pause * 2, kLongestPause);
     }
     return false;
 }
@@ -170,6 +302,7 @@ bool CJSONRPCConnector::GetInitParameters1(CDeviceConfig& config)
         return false;
     }
     applyInitParameters1(reply, config);
+    limitExchangeToPort(config);
     return true;
 }
 
@@ -230,6 +363,7 @@ bool CJSONRPCConnector::GetInitParameters2(CDeviceConfig& config)
         return false;
     }
     applyInitParameters2(reply, config);
+    limitExchangeToPort(config);
     return true;
 }
 
@@ -354,22 +488,24 @@ bool CJSONRPCConnector::ExecSensorsJSONRPCFunc(bool state, int rs232Number)
     MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): send request to '%s'", m_sensorsUrl.c_str());
 
     for (int attempt = 0; attempt < kSensorsAttempts && !cancelled(); ++attempt) {
-        Json::Rpc::HttpClient client(m_sensorsUrl);
-        client.SetAbortFlag(m_cancel);
-        const int code = client.Send(request);
-        if (code != 0) {
-            MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR SENDING DATA = %d", code);
-            pauseBeforeRetry();
+        const Attempt a = exchange(m_sensorsUrl, request, m_cancel, m_exchangeTimeout);
+        if (a.kind == Attempt::SEND_FAILED) {
+            MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR SENDING DATA = %d", a.code);
+            if (!m_clock->sleepFor(kSensorsPause, m_cancel))
+                break;
             continue;
         }
-        std::string response;
-        if (client.Recv(response) == -1) {
+        if (a.kind == Attempt::BAD_STATUS) {
+            MTD_LOG(Warning, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - HTTP STATUS %ld", a.status);
+            continue;
+        }
+        if (a.kind == Attempt::RECEIVE_FAILED) {
             MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR RECEIVING DATA");
             continue;
         }
-        MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): response = '%s'", response.c_str());
+        MTD_LOG(Debug, "CJSONRPCConnector::ExecSensorsJSONRPCFunc(): response = '%s'", a.text.c_str());
         Json::Value reply;
-        if (parseResponse(response, reply))
+        if (parseResponse(a.text, reply))
             return true;
         MTD_LOG(Err, "CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA");
     }

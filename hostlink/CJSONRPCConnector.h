@@ -5,8 +5,15 @@
 // start-up and publishes values from the polling thread; relay outputs go to
 // the sensors service. Transport failures are never reported to the caller:
 // SendParameters retries until the host service answers with valid JSON.
+//
+// While the host service is down the pause between attempts doubles from 5 ms
+// up to 30 s, and the log gets each kind of failure once, then one summary a
+// minute, then one line with the outage's length when it answers again: an
+// outage of hours writes a few dozen lines, not millions, to the flash.
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,11 +24,22 @@
 namespace Json {
 class Value;
 }
+class CHostLinkClock;
 
 class CJSONRPCConnector {
 public:
+    static constexpr std::chrono::milliseconds kFirstPause{5};
+    static constexpr std::chrono::milliseconds kLongestPause{30000};
+    static constexpr std::chrono::seconds kSummaryEvery{60};
+    // A port time-out below this does not shorten an exchange further: a loopback
+    // answer on a loaded controller may take a few hundred milliseconds.
+    static constexpr std::chrono::milliseconds kShortestExchange{1000};
+
     explicit CJSONRPCConnector(std::string meterId, std::string hostUrl = mtd::defaults::kHostUrl,
                                std::string sensorsUrl = mtd::defaults::kSensorsUrl);
+    ~CJSONRPCConnector();
+    CJSONRPCConnector(const CJSONRPCConnector&) = delete;
+    CJSONRPCConnector& operator=(const CJSONRPCConnector&) = delete;
 
     const std::string& meterId() const { return m_meterId; }
 
@@ -47,8 +65,15 @@ public:
     // Switches relay output 1 or 2 through the sensors service; at most 50 attempts.
     bool ExecSensorsJSONRPCFunc(bool state, int rs232Number);
 
-    // A raised flag makes SendParameters give up (orderly shutdown while the host is down).
+    // A raised flag makes SendParameters give up (orderly shutdown while the host is down);
+    // it also cuts short an exchange in flight and a pause between attempts.
     void setCancelFlag(const std::atomic<bool>* cancel) { m_cancel = cancel; }
+    // The clock of the pauses between attempts (tests pass one they drive by hand).
+    void setClock(std::shared_ptr<CHostLinkClock> clock);
+    // Bound of one exchange (connect, request, answer): never above the 5 s default.
+    // The configuration fetch lowers it to the meter port's "timeout", not below kShortestExchange.
+    void setExchangeTimeout(std::chrono::milliseconds timeout);
+    std::chrono::milliseconds exchangeTimeout() const { return m_exchangeTimeout; }
 
 private:
     // The JSON-RPC 2.0 envelope of the next request (takes the next id), one line ending in "\n".
@@ -57,10 +82,13 @@ private:
     void applyInitParameters1(const Json::Value& reply, CDeviceConfig& config) const;
     void applyInitParameters2(const Json::Value& reply, CDeviceConfig& config) const;
     bool cancelled() const { return m_cancel != nullptr && m_cancel->load(); }
+    void limitExchangeToPort(const CDeviceConfig& config);
 
     std::string m_meterId;
     std::string m_hostUrl;
     std::string m_sensorsUrl;
     int m_requestId = 1;
     const std::atomic<bool>* m_cancel = nullptr;
+    std::shared_ptr<CHostLinkClock> m_clock;
+    std::chrono::milliseconds m_exchangeTimeout;
 };

@@ -3,8 +3,8 @@
 
 #include <curl/curl.h>
 
-#include <climits>
-#include <iostream>
+#include <algorithm>
+#include <cstdio>
 #include <mutex>
 #include <utility>
 
@@ -28,11 +28,23 @@ struct SlistDeleter {
     void operator()(curl_slist* l) const { curl_slist_free_all(l); }
 };
 
+struct Answer {
+    std::string body;
+    bool tooLarge = false;
+};
+
+// Takes the answer up to the cap; past it, a short count makes libcurl end the
+// transfer (CURLE_WRITE_ERROR), so an endless answer costs at most the cap.
 size_t appendChunk(char* data, size_t size, size_t count, void* userdata)
 {
-    auto* out = static_cast<std::string*>(userdata);
-    out->append(data, size * count);
-    return size * count;
+    auto* out = static_cast<Answer*>(userdata);
+    const size_t n = size * count;
+    if (n > HttpClient::kMaxAnswer - out->body.size()) {
+        out->tooLarge = true;
+        return 0;
+    }
+    out->body.append(data, n);
+    return n;
 }
 
 int abortIfRaised(void* userdata, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
@@ -46,10 +58,13 @@ int abortIfRaised(void* userdata, curl_off_t, curl_off_t, curl_off_t, curl_off_t
 struct HttpClient::Impl {
     std::unique_ptr<CURL, EasyDeleter> easy;
     std::unique_ptr<curl_slist, SlistDeleter> headers;
-    std::string response;
+    Answer answer;
     CURLcode lastCode = CURLE_OK;
+    long status = 0;
     long port = 0;
+    long exchangeMs = HttpClient::kExchangeTimeout.count();
     const std::atomic<bool>* abort = nullptr;
+    char errorText[CURL_ERROR_SIZE] = {};
 };
 
 HttpClient::HttpClient(std::string url) : m_url(std::move(url)), m_impl(std::make_unique<Impl>())
@@ -74,15 +89,22 @@ void HttpClient::SetAbortFlag(const std::atomic<bool>* abort)
         m_impl->abort = abort;
 }
 
+void HttpClient::SetExchangeTimeout(std::chrono::milliseconds timeout)
+{
+    if (m_impl)
+        m_impl->exchangeMs = std::max<long>(1, static_cast<long>(timeout.count()));
+}
+
 int HttpClient::Send(const std::string& body)
 {
     if (!m_impl)  // moved from
         return CURLE_FAILED_INIT;
     Impl& d = *m_impl;
-    d.response.clear();
+    d.answer = Answer();
+    d.status = 0;
+    d.errorText[0] = '\0';
     if (!d.easy) {
         d.lastCode = CURLE_FAILED_INIT;
-        std::cerr << curl_easy_strerror(d.lastCode) << std::endl;
         return d.lastCode;
     }
     CURL* h = d.easy.get();
@@ -102,9 +124,15 @@ int HttpClient::Send(const std::string& body)
     curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
     curl_easy_setopt(h, CURLOPT_HTTPHEADER, d.headers.get());
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, appendChunk);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &d.response);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, &d.answer);
     // Several polling threads may run transfers; libcurl must not use signals for that.
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h, CURLOPT_VERBOSE, 0L);
+    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d.errorText);
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, std::min<long>(kConnectTimeout.count(), d.exchangeMs));
+    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, d.exchangeMs);
+    // An announced length past the cap is refused before any of it is read.
+    curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxAnswer));
     if (d.abort) {
         curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, abortIfRaised);
         curl_easy_setopt(h, CURLOPT_XFERINFODATA, d.abort);
@@ -112,18 +140,38 @@ int HttpClient::Send(const std::string& body)
     }
 
     d.lastCode = curl_easy_perform(h);
-    if (d.lastCode != CURLE_OK)
-        std::cerr << curl_easy_strerror(d.lastCode) << std::endl;
+    if (d.lastCode == CURLE_OK)
+        curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &d.status);
+    else if (d.errorText[0] == '\0')
+        snprintf(d.errorText, sizeof d.errorText, "%s", curl_easy_strerror(d.lastCode));
+    // Out of time or out of room: the answer did not come.
+    const bool answerLost = d.lastCode == CURLE_OPERATION_TIMEDOUT || d.lastCode == CURLE_FILESIZE_EXCEEDED ||
+                            (d.lastCode == CURLE_WRITE_ERROR && d.answer.tooLarge);
+    if (d.answer.tooLarge)
+        snprintf(d.errorText, sizeof d.errorText, "answer longer than %zu bytes, cut off", kMaxAnswer);
+    if (answerLost) {
+        d.answer.body.clear();
+        d.lastCode = CURLE_OK;  // Recv finds no body and returns -1
+    }
     return d.lastCode;
 }
 
 int HttpClient::Recv(std::string& response) const
 {
-    if (!m_impl || m_impl->lastCode != CURLE_OK || m_impl->response.empty())
+    if (!m_impl || m_impl->lastCode != CURLE_OK || m_impl->answer.body.empty())
         return -1;
-    response = m_impl->response;
-    return m_impl->response.size() > static_cast<size_t>(INT_MAX) ? INT_MAX
-                                                                  : static_cast<int>(m_impl->response.size());
+    response = m_impl->answer.body;
+    return static_cast<int>(response.size());  // at most kMaxAnswer
+}
+
+long HttpClient::Status() const
+{
+    return m_impl ? m_impl->status : 0;
+}
+
+std::string HttpClient::ErrorText() const
+{
+    return m_impl ? std::string(m_impl->errorText) : std::string();
 }
 
 }  // namespace Json::Rpc

@@ -56,7 +56,7 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
             return false;
         if (debugOn()) {
             std::string shownTx = printable(m_tx, m_txLength, (m_tx[0] & 0xFD) == SOH);
-            MTD_LOG(Debug, "[%lld][%s] CGost61107::send('%s'): Send: %s", m_id, m_name.c_str(), rq,
+            MTD_CLOG(m_log, Debug, "CGost61107::send('%s'): Send: %s", rq,
                     shownTx.c_str());
         }
         keepQuietGap();
@@ -74,10 +74,9 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
         // arrive before the flush of the next attempt.
         pause(kPause);
         CLinkStats::noteRetry();
-        MTD_LOG(Warning, "[%lld][%s] CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", m_id,
-                m_name.c_str(), rq, attempt);
+        MTD_CLOG(m_log, Warning, "CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", rq, attempt);
     }
-    MTD_LOG(Err, "[%lld][%s] CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", m_id, m_name.c_str(), rq);
+    MTD_CLOG(m_log, Err, "CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", rq);
     return false;
 }
 
@@ -90,13 +89,13 @@ void CGost61107::keepQuietGap() {
 }
 
 uint32_t CGost61107::bccWaitMs() const {
-    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    const long baud = m_connector.settings().speed;
     uint32_t ms = baud > 0 ? static_cast<uint32_t>(kBccWaitChars * 10 * 1000 / baud + 1) : kBccWaitMinMs;
     return ms < kBccWaitMinMs ? kBccWaitMinMs : ms;
 }
 
 uint32_t CGost61107::sliceMs() const {
-    long baud = std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10);
+    const long baud = m_connector.settings().speed;
     if (baud <= 0)
         return 0;
     uint32_t ms = static_cast<uint32_t>(kSliceChars * 10 * 1000 / baud);
@@ -136,11 +135,10 @@ bool CGost61107::processReply(const SGost61107Request& request, const std::vecto
 
 bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>& reply) {
     const char* rq = request.name.c_str();
-    const char* nm = m_name.c_str();
     reply.clear();
     m_replyHasBcc = false;
     if (m_expectedFirst == 0) {
-        MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): will not wait response", m_id, nm, rq);
+        MTD_CLOG(m_log, Debug, "CGost61107::receive('%s'): will not wait response", rq);
         return true;
     }
     uint8_t byte = 0;
@@ -153,7 +151,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         if (got)
             return true;
         CLinkStats::noteTimeout();
-        MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", m_id, nm, rq,
+        MTD_CLOG(m_log, Err, "CGost61107::receive('%s') - RECV: TIMEOUT !!! ReadAll = %d", rq,
                 static_cast<int>(reply.size()));
         return false;
     };
@@ -179,8 +177,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         }
         ++wrong;
         uint8_t want = m_expectedFirst == ANY_REPLY ? STX : m_expectedFirst;
-        MTD_LOG(Warning, "[%lld][%s] CGost61107::receive('%s'): Recv #%d: 1ST MUST BE 0x%02x('%c'), BUT GOT 0x%02x('%c')",
-                m_id, nm, rq, wrong, want, shown(want), byte, shown(byte));
+        MTD_CLOG(m_log, Warning, "CGost61107::receive('%s'): Recv #%d: 1ST MUST BE 0x%02x('%c'), BUT GOT 0x%02x('%c')", rq, wrong, want, shown(want), byte, shown(byte));
         if (wrong > kMaxWrongFirst)
             return false;
     }
@@ -199,7 +196,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
             if (byte == m_expectedEnd || (m_expectedAltEnd != 0 && byte == m_expectedAltEnd))
                 break;
             if (reply.size() >= kMaxReply) {
-                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s') - RECV: NO END BYTE IN %d BYTES !!!", m_id, nm, rq,
+                MTD_CLOG(m_log, Err, "CGost61107::receive('%s') - RECV: NO END BYTE IN %d BYTES !!!", rq,
                         static_cast<int>(reply.size()));
                 return false;
             }
@@ -213,18 +210,16 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
         // whole time-out.
         if (!nextByte(got, stx ? bccWaitMs() : 0)) {
             CLinkStats::noteTimeout();
-            MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", m_id, nm, rq);
+            MTD_CLOG(m_log, Err, "CGost61107::receive('%s'): Recv: CAN'T GET BCC !!!", rq);
             return false;
         }
         uint8_t calc = bcc(reply.data() + 1, reply.size() - 1);
         if (got != calc) {
             CLinkStats::noteChecksumError();
             if (stx)
-                MTD_LOG(Warning, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC OF STX REPLY - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
-                        m_id, nm, rq, got, calc);
+                MTD_CLOG(m_log, Warning, "CGost61107::receive('%s'): Recv: WRONG BCC OF STX REPLY - GOT 0x%02x, BUT CALCULATED 0x%02x !!!", rq, got, calc);
             else
-                MTD_LOG(Err, "[%lld][%s] CGost61107::receive('%s'): Recv: WRONG BCC - GOT 0x%02x, BUT CALCULATED 0x%02x !!!",
-                        m_id, nm, rq, got, calc);
+                MTD_CLOG(m_log, Err, "CGost61107::receive('%s'): Recv: WRONG BCC - GOT 0x%02x, BUT CALCULATED 0x%02x !!!", rq, got, calc);
             return false;
         }
         reply.push_back(got);
@@ -233,7 +228,7 @@ bool CGost61107::receive(const SGost61107Request& request, std::vector<uint8_t>&
     m_lastReplySize = reply.size();
     if (debugOn()) {
         std::string shownRx = printable(reply.data(), reply.size(), reply.size() > 1 && (reply[0] & 0xFD) == SOH);
-        MTD_LOG(Debug, "[%lld][%s] CGost61107::receive('%s'): Recv: %s", m_id, nm, rq, shownRx.c_str());
+        MTD_CLOG(m_log, Debug, "CGost61107::receive('%s'): Recv: %s", rq, shownRx.c_str());
     }
     return true;
 }
@@ -243,7 +238,7 @@ bool CGost61107::parse(const SGost61107Request& request, std::vector<std::string
     const char* rq = request.name.c_str();
     values.clear();
     if (m_expectedFirst == 0 || m_expectedFirst == ANY_REPLY) {
-        MTD_LOG(Debug, "[%lld][%s] CGost61107::parse('%s'): will not parse response", m_id, m_name.c_str(), rq);
+        MTD_CLOG(m_log, Debug, "CGost61107::parse('%s'): will not parse response", rq);
         return true;
     }
     size_t pos = 0;
@@ -259,8 +254,7 @@ bool CGost61107::parse(const SGost61107Request& request, std::vector<std::string
                 open = static_cast<long>(pos);
         } else if (reply[pos] == ')') {
             if (open < 0) {
-                MTD_LOG(Err, "[%lld][%s] CGost61107::parse('%s') - NO OPEN '(' FOR CLOSE ')' AT POSITION %d", m_id,
-                        m_name.c_str(), rq, static_cast<int>(pos));
+                MTD_CLOG(m_log, Err, "CGost61107::parse('%s') - NO OPEN '(' FOR CLOSE ')' AT POSITION %d", rq, static_cast<int>(pos));
                 values.clear();
                 return false;
             }
@@ -269,8 +263,7 @@ bool CGost61107::parse(const SGost61107Request& request, std::vector<std::string
         }
     }
     if (open >= 0) {
-        MTD_LOG(Err, "[%lld][%s] CGost61107::parse('%s') - NO CLOSE ')' FOR OPEN '(' AT POSITION %d", m_id,
-                m_name.c_str(), rq, static_cast<int>(open));
+        MTD_CLOG(m_log, Err, "CGost61107::parse('%s') - NO CLOSE ')' FOR OPEN '(' AT POSITION %d", rq, static_cast<int>(open));
         values.clear();
         return false;
     }
@@ -281,44 +274,39 @@ int CGost61107::SpeedSymbolToBaudRate(char symbol) {
     static const int rates[] = {300, 600, 1200, 2400, 4800, 9600, 19200};
     if (symbol >= '0' && symbol <= '6')
         return rates[symbol - '0'];
-    MTD_LOG(Err, "[%lld][%s] CGost61107::SpeedSymbolToBaudRate('%c') - UNKNOWN SPEED SYMBOL !!! WILL RETURN 0.", m_id,
-            m_name.c_str(), symbol);
+    MTD_CLOG(m_log, Err, "CGost61107::SpeedSymbolToBaudRate('%c') - UNKNOWN SPEED SYMBOL !!! WILL RETURN 0.", symbol);
     return 0;
 }
 
 bool CGost61107::ChangeBaudRate(char symbol) {
     int rate = SpeedSymbolToBaudRate(symbol);
     if (rate == 0) {
-        MTD_LOG(Err, "[%lld][%s] CGost61107::ChangeBaudRate() - UNKNOWN SPEED SYMBOL '%c'. CHANGING IS IMPOSSIBLE", m_id,
-                m_name.c_str(), symbol);
+        MTD_CLOG(m_log, Err, "CGost61107::ChangeBaudRate() - UNKNOWN SPEED SYMBOL '%c'. CHANGING IS IMPOSSIBLE", symbol);
         return true;
     }
-    MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeBaudRate() - SPEED SYMBOL '%c' -> BAUD RATE %d", m_id, m_name.c_str(),
+    MTD_CLOG(m_log, Info, "CGost61107::ChangeBaudRate() - SPEED SYMBOL '%c' -> BAUD RATE %d",
             symbol, rate);
     return ChangeBaudRate(rate);
 }
 
 bool CGost61107::ChangeBaudRate(int baudRate) {
-    int current = static_cast<int>(std::strtol(m_connector.GetParam("speed").c_str(), nullptr, 10));
+    const int current = static_cast<int>(m_connector.settings().speed);
     if (current == 0) {
-        MTD_LOG(Warning, "[%lld][%s] CGost61107::ChangeBaudRate() - ZERO DEVICE BAUD RATE. CHANGING IS IMPOSSIBLE", m_id,
-                m_name.c_str());
+        MTD_CLOG(m_log, Warning, "CGost61107::ChangeBaudRate() - ZERO DEVICE BAUD RATE. CHANGING IS IMPOSSIBLE");
         return true;
     }
     if (current == baudRate) {
-        MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeBaudRate() - CURRENT BAUD RATE %d == DESIRED BAUD RATE %d. NO ACTION.",
-                m_id, m_name.c_str(), current, baudRate);
+        MTD_CLOG(m_log, Info, "CGost61107::ChangeBaudRate() - CURRENT BAUD RATE %d == DESIRED BAUD RATE %d. NO ACTION.", current, baudRate);
         return true;
     }
-    m_connector.SetParam("speed", std::to_string(baudRate));
+    m_connector.setSpeed(baudRate);
     m_connector.close_device();
     dropReadAhead();
     bool ok = m_connector.open_device();
     if (ok)
-        MTD_LOG(Info, "[%lld][%s] CGost61107::ChangeSpeed() - CHANGE BAUD RATE FROM %d TO %d - Ok", m_id, m_name.c_str(),
+        MTD_CLOG(m_log, Info, "CGost61107::ChangeSpeed() - CHANGE BAUD RATE FROM %d TO %d - Ok",
                 current, baudRate);
     else
-        MTD_LOG(Err, "[%lld][%s] CGost61107::ChangeBaudRate() - CAN'T CHANGE BAUD RATE FROM %d TO %d", m_id,
-                m_name.c_str(), current, baudRate);
+        MTD_CLOG(m_log, Err, "CGost61107::ChangeBaudRate() - CAN'T CHANGE BAUD RATE FROM %d TO %d", current, baudRate);
     return ok;
 }

@@ -7,7 +7,7 @@
 #include "core/logger.h"
 
 CGost61107Connector::CGost61107Connector(long long id, std::string name)
-    : m_id(id), m_name(std::move(name)) {}
+    : m_log{id, std::move(name)} {}
 
 uint8_t CGost61107Connector::bcc(const uint8_t* data, size_t length) const {
     uint8_t x = 0;
@@ -40,8 +40,7 @@ bool CGost61107Connector::makePacket(const SGost61107Request& request) {
         break;
     case SGost61107Request::OptionSelect:
         if (m_speedSymbol < '0' || m_speedSymbol > '6') {
-            MTD_LOG(Err, "[%lld][%s] CGost61107Connector::makePacket('%s') - WRONG BAUD RATE '%c' !!!",
-                    m_id, m_name.c_str(), rq, m_speedSymbol);
+            MTD_CLOG(m_log, Err, "CGost61107Connector::makePacket('%s') - WRONG BAUD RATE '%c' !!!", rq, m_speedSymbol);
             return false;
         }
         frame = {static_cast<char>(ACK), '0', m_speedSymbol, '1', static_cast<char>(CR), static_cast<char>(LF)};
@@ -76,13 +75,11 @@ bool CGost61107Connector::makePacket(const SGost61107Request& request) {
         m_expectedAltEnd = EOT;
         break;
     default:
-        MTD_LOG(Err, "[%lld][%s] CGost61107Connector::makePacket('%s') - %d UNKNOWN MESSAGE !!!",
-                m_id, m_name.c_str(), rq, static_cast<int>(request.kind));
+        MTD_CLOG(m_log, Err, "CGost61107Connector::makePacket('%s') - %d UNKNOWN MESSAGE !!!", rq, static_cast<int>(request.kind));
         return false;
     }
     if (frame.size() + 1 > kTxCapacity) {
-        MTD_LOG(Err, "[%lld][%s] CGost61107Connector::makePacket('%s') - PACKET TOO LONG (%zu BYTES) !!!",
-                m_id, m_name.c_str(), rq, frame.size());
+        MTD_CLOG(m_log, Err, "CGost61107Connector::makePacket('%s') - PACKET TOO LONG (%zu BYTES) !!!", rq, frame.size());
         return false;
     }
     m_lastKind = request.kind;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "core/logger.h"
 #include "protocols/SGost61107Request.h"
 
 class CGost61107Connector {
@@ -59,16 +60,15 @@ public:
     void setOptionAltFirst(uint8_t first) { m_optionAltFirst = first; }
     uint8_t optionAltFirst() const { return m_optionAltFirst; }
 
-    long long logId() const { return m_id; }
-    const char* logName() const { return m_name.c_str(); }
+    long long logId() const { return m_log.id; }
+    const char* logName() const { return m_log.name.c_str(); }
 
     // The frame as a log line shows it: "<SOH>R1<STX>4:170.0()<ETX><BCC=0x50>".
     // `hasBcc` marks the last byte as the check character.
     static std::string printable(const uint8_t* data, size_t length, bool hasBcc);
 
 protected:
-    long long m_id;
-    std::string m_name;
+    mtd::LogContext m_log;
     uint8_t m_tx[kTxCapacity] = {};
     size_t m_txLength = 0;
     uint8_t m_expectedFirst = 0;

@@ -22,8 +22,7 @@ CM4MemoryConnector::CM4MemoryConnector(CConnector& connector, uint8_t netAddr, l
     : m_connector(connector),
       m_m4(connector, netAddr, logId, logName, timing, sleep),
       m_netAddr(netAddr),
-      m_logId(logId),
-      m_logName(std::move(logName)),
+      m_log{logId, std::move(logName)},
       m_timing(timing),
       m_sleep(std::move(sleep)) {}
 
@@ -70,7 +69,7 @@ bool CM4MemoryConnector::read(const char* name, uint8_t function, uint16_t where
     m_errorCode = 0xFF;
     const size_t limit = function == kFnReadRam ? kMaxRamBytes : kMaxPages;
     if (count == 0 || count > limit) {
-        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s') - WRONG COUNT %d !!!", m_logId, m_logName.c_str(),
+        MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s') - WRONG COUNT %d !!!",
                 name, static_cast<int>(count));
         return false;
     }
@@ -85,13 +84,12 @@ bool CM4MemoryConnector::read(const char* name, uint8_t function, uint16_t where
         }
         pause(m_timing.betweenAttempts);
     }
-    MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!", m_logId, m_logName.c_str(), name);
+    MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): CAN'T SEND REQUEST !!!", name);
     return false;
 }
 
 CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const uint8_t* frame, size_t replyData,
                                                         std::vector<uint8_t>& out) {
-    const char* dev = m_logName.c_str();
     logger* log = g_logger;
     const bool dump = log && log->isLevel(logger::DEBUG);
     char title[128];
@@ -99,12 +97,11 @@ CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const 
     m_connector.FlushBuffers();  // what is left of an earlier, broken reply
     int written = m_connector.WriteBuffer(frame, kFrameLength, true);
     if (dump) {
-        std::snprintf(title, sizeof title, "[%lld][%s] CM4MemoryConnector::read('%s'): Send", m_logId, dev, name);
+        MTD_CLOG_FORMAT(m_log, title, "CM4MemoryConnector::read('%s'): Send", name);
         log->dump(title, frame, kFrameLength);
     }
     if (written != static_cast<int>(kFrameLength)) {
-        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Send - WRITE ERROR, WANT %d BYTES, WRITTEN %d", m_logId,
-                dev, name, static_cast<int>(kFrameLength), written);
+        MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): Send - WRITE ERROR, WANT %d BYTES, WRITTEN %d", name, static_cast<int>(kFrameLength), written);
         return Attempt::Failed;
     }
 
@@ -112,7 +109,7 @@ CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const 
     uint8_t* r = m_recv.data();
     if (!readExactly(r, 3)) {
         CLinkStats::noteTimeout();
-        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Header Recv - CAN'T READ HEADER !!!", m_logId, dev,
+        MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): Header Recv - CAN'T READ HEADER !!!",
                 name);
         return Attempt::Failed;
     }
@@ -120,12 +117,11 @@ CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const 
     const size_t length = r[2] == M4::kFnErrorReply ? 6 : m_recv.size();
     if (!readExactly(r + 3, length - 3)) {
         CLinkStats::noteTimeout();
-        MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES", m_logId,
-                dev, name, static_cast<int>(length - 3));
+        MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES", name, static_cast<int>(length - 3));
         return Attempt::Failed;
     }
     if (dump) {
-        std::snprintf(title, sizeof title, "[%lld][%s] CM4MemoryConnector::read('%s'): Recv", m_logId, dev, name);
+        MTD_CLOG_FORMAT(m_log, title, "CM4MemoryConnector::read('%s'): Recv", name);
         log->dump(title, r, length);
     }
     struct Check {
@@ -142,16 +138,14 @@ CM4MemoryConnector::Attempt CM4MemoryConnector::attempt(const char* name, const 
         if (c.want != c.got) {
             if (c.what[0] == 'C')
                 CLinkStats::noteChecksumError();
-            MTD_LOG(Err, "[%lld][%s] CM4MemoryConnector::read('%s'): Recv - WRONG %s, WAIT 0x%02x, BUT GET 0x%02x !!!",
-                    m_logId, dev, name, c.what, c.want, c.got);
+            MTD_CLOG(m_log, Err, "CM4MemoryConnector::read('%s'): Recv - WRONG %s, WAIT 0x%02x, BUT GET 0x%02x !!!", name, c.what, c.want, c.got);
             return Attempt::Failed;
         }
     }
     if (r[2] == M4::kFnErrorReply) {
         m_error = true;
         m_errorCode = r[3];
-        MTD_LOG(Warning, "[%lld][%s] CM4MemoryConnector::read('%s') - GET ERROR RESPONSE WITH ERROR 0x%02x ('%s')",
-                m_logId, dev, name, m_errorCode, M4::CM4::errorText(m_errorCode));
+        MTD_CLOG(m_log, Warning, "CM4MemoryConnector::read('%s') - GET ERROR RESPONSE WITH ERROR 0x%02x ('%s')", name, m_errorCode, M4::CM4::errorText(m_errorCode));
         return Attempt::Refused;
     }
     out.assign(r + 3, r + 3 + replyData);

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "core/logger.h"
 #include "protocols/LogikaRequest.h"
 #include "protocols/M4.h"
 
@@ -58,8 +59,7 @@ private:
     CConnector& m_connector;
     M4::CM4 m_m4;
     uint8_t m_netAddr;
-    long long m_logId;
-    std::string m_logName;
+    mtd::LogContext m_log;
     M4::Timing m_timing;
     ProtocolSleep m_sleep;
     std::vector<uint8_t> m_recv;

@@ -88,8 +88,7 @@ CM4::CM4(CConnector& connector, uint8_t netAddr, long long logId, std::string lo
          ProtocolSleep sleep)
     : m_connector(connector),
       m_netAddr(netAddr),
-      m_logId(logId),
-      m_logName(std::move(logName)),
+      m_log{logId, std::move(logName)},
       m_timing(timing),
       m_sleep(std::move(sleep)) {}
 
@@ -115,8 +114,7 @@ void CM4::dumpFrame(const char* what, const LogikaRequest& request, const uint8_
     if (!log || !log->isLevel(logger::DEBUG))
         return;
     char title[128];
-    std::snprintf(title, sizeof title, "[%lld][%s] M4::SendRequest('%s'): %s", m_logId, m_logName.c_str(),
-                  request.name.c_str(), what);
+    MTD_CLOG_FORMAT(m_log, title, "M4::SendRequest('%s'): %s", request.name.c_str(), what);
     log->dump(title, data, length);
 }
 
@@ -178,7 +176,7 @@ bool CM4::makePacket(const LogikaRequest& request) {
         return true;
 
     default:
-        MTD_LOG(Err, "[%lld][%s] M4::makePacket('%s') - 0x%02x UNKNOWN COMMAND !!!", m_logId, m_logName.c_str(),
+        MTD_CLOG(m_log, Err, "M4::makePacket('%s') - 0x%02x UNKNOWN COMMAND !!!",
                 request.name.c_str(), request.function);
         return false;
     }
@@ -187,10 +185,9 @@ bool CM4::makePacket(const LogikaRequest& request) {
 bool CM4::readHeader(const LogikaRequest& request) {
     for (size_t got = 0; got < kHeaderSize; ++got) {
         if (m_connector.ReadBuffer(m_recv + got, 1, true) != 1) {
-            MTD_LOG(Err,
-                    "[%lld][%s] M4::SendRequest('%s'): Header Recv - CAN'T READ HEADER !!! WANT READ %d BYTES, BUT "
-                    "GET ONLY %d BYTES",
-                    m_logId, m_logName.c_str(), request.name.c_str(), static_cast<int>(kHeaderSize),
+            MTD_CLOG(m_log, Err,
+                    "M4::SendRequest('%s'): Header Recv - CAN'T READ HEADER !!! WANT READ %d BYTES, BUT "
+                    "GET ONLY %d BYTES", request.name.c_str(), static_cast<int>(kHeaderSize),
                     static_cast<int>(got));
             m_recvLength = got;
             return false;
@@ -202,14 +199,12 @@ bool CM4::readHeader(const LogikaRequest& request) {
 
 CM4::Attempt CM4::attempt(const LogikaRequest& request) {
     const char* name = request.name.c_str();
-    const char* dev = m_logName.c_str();
 
     m_connector.FlushBuffers();  // drop what is left of an earlier, broken reply
     int written = m_connector.WriteBuffer(m_send, static_cast<uint16_t>(m_sendLength), true);
     dumpFrame("Send", request, m_send, m_sendLength);
     if (written != static_cast<int>(m_sendLength)) {
-        MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Send - WRITE ERROR, WANT %d BYTES, WRITTEN %d", m_logId,
-                dev, name, static_cast<int>(m_sendLength), written);
+        MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Send - WRITE ERROR, WANT %d BYTES, WRITTEN %d", name, static_cast<int>(m_sendLength), written);
         return Attempt::Failed;
     }
 
@@ -231,8 +226,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
         for (const auto& c : checks) {
             if (c.want != c.got) {
                 CLinkStats::noteChecksumError();
-                MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%02x, BUT GET 0x%02x !!!",
-                        m_logId, dev, name, c.want, c.got);
+                MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%02x, BUT GET 0x%02x !!!", name, c.want, c.got);
                 return Attempt::Failed;
             }
         }
@@ -243,8 +237,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
 
     size_t full = (static_cast<size_t>(m_recv[5]) | static_cast<size_t>(m_recv[6]) << 8) + 9;
     if (full > kRecvBufferSize) {
-        MTD_LOG(Err, "[%lld][%s] M4::%s('%s'): Recv - Packet is too big to fit in memory; packet size %d, buffer size %d",
-                m_logId, dev, "SendRequest", name, static_cast<int>(full), static_cast<int>(kRecvBufferSize));
+        MTD_CLOG(m_log, Err, "M4::%s('%s'): Recv - Packet is too big to fit in memory; packet size %d, buffer size %d", "SendRequest", name, static_cast<int>(full), static_cast<int>(kRecvBufferSize));
         throw CWrongPacketException("M4 reply larger than the receive buffer");
     }
 
@@ -253,10 +246,9 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
         int n = m_connector.ReadBuffer(m_recv + got, static_cast<uint16_t>(full - got), true);
         if (n <= 0) {
             CLinkStats::noteTimeout();
-            MTD_LOG(Err,
-                    "[%lld][%s] M4::SendRequest('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES, BUT GET ONLY %d "
-                    "BYTES",
-                    m_logId, dev, name, static_cast<int>(full - kHeaderSize), static_cast<int>(got - kHeaderSize));
+            MTD_CLOG(m_log, Err,
+                    "M4::SendRequest('%s'): Tail Recv - TIMEOUT !!! WANT READ %d BYTES, BUT GET ONLY %d "
+                    "BYTES", name, static_cast<int>(full - kHeaderSize), static_cast<int>(got - kHeaderSize));
             m_recvLength = got;
             return Attempt::Failed;
         }
@@ -266,26 +258,22 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
     dumpFrame("Recv", request, m_recv, m_recvLength);
 
     if (m_recv[1] != m_netAddr) {
-        MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG netAddr, WAIT 0x%02x, BUT GET 0x%02x !!!",
-                m_logId, dev, name, m_netAddr, m_recv[1]);
+        MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Recv - WRONG netAddr, WAIT 0x%02x, BUT GET 0x%02x !!!", name, m_netAddr, m_recv[1]);
         return Attempt::Failed;
     }
     if (m_recv[3] != m_packetId) {
-        MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG ID, WAIT 0x%02x, BUT GET 0x%02x !!!", m_logId,
-                dev, name, m_packetId, m_recv[3]);
+        MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Recv - WRONG ID, WAIT 0x%02x, BUT GET 0x%02x !!!", name, m_packetId, m_recv[3]);
         return Attempt::Failed;
     }
     if (m_recv[7] != request.function && m_recv[7] != kFnErrorReply) {
-        MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG FUNCTION, WAIT 0x%02x, BUT GET 0x%02x !!!",
-                m_logId, dev, name, static_cast<unsigned>(request.function), m_recv[7]);
+        MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Recv - WRONG FUNCTION, WAIT 0x%02x, BUT GET 0x%02x !!!", name, static_cast<unsigned>(request.function), m_recv[7]);
         return Attempt::Failed;
     }
     uint16_t calc = Crc16::xmodem(m_recv + 1, full - 3);
     uint16_t read = static_cast<uint16_t>(m_recv[full - 2] << 8 | m_recv[full - 1]);
     if (calc != read) {
         CLinkStats::noteChecksumError();
-        MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%04x, BUT GET 0x%04x !!!", m_logId,
-                dev, name, calc, read);
+        MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): Recv - WRONG CRC, WAIT 0x%04x, BUT GET 0x%04x !!!", name, calc, read);
         return Attempt::Failed;
     }
 
@@ -295,8 +283,7 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
         // The meter understood the frame but refused the request; no point in repeating it.
         m_error = true;
         m_errorCode = full > 9 ? m_recv[8] : 0xFF;
-        MTD_LOG(Warning, "[%lld][%s] M4::SendRequest('%s') - GET ERROR RESPONSE WITH ERROR 0x%02x ('%s')", m_logId,
-                dev, name, m_errorCode, errorText(m_errorCode));
+        MTD_CLOG(m_log, Warning, "M4::SendRequest('%s') - GET ERROR RESPONSE WITH ERROR 0x%02x ('%s')", name, m_errorCode, errorText(m_errorCode));
     }
     return Attempt::Ok;
 }
@@ -310,7 +297,7 @@ bool CM4::SendRequest(const LogikaRequest& request) {
             return true;
         pause(m_timing.betweenAttempts);
     }
-    MTD_LOG(Err, "[%lld][%s] M4::SendRequest('%s'): CAN'T SEND REQUEST !!!", m_logId, m_logName.c_str(),
+    MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): CAN'T SEND REQUEST !!!",
             request.name.c_str());
     return false;
 }
@@ -339,16 +326,14 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
     out = ParamValue();
     size_t fieldSize = 0;
     if (avail < 2 || !decodeLength(data + 1, avail - 1, out.length, fieldSize)) {
-        MTD_LOG(Err, "[%lld][%s] M4::GetParamValue(): ERROR - BAD ELEMENT HEADER, %u BYTES LEFT !", m_logId,
-                m_logName.c_str(), static_cast<unsigned>(avail));
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - BAD ELEMENT HEADER, %u BYTES LEFT !", static_cast<unsigned>(avail));
         out.text = "! error";
         return false;
     }
     out.tag = data[0];
     out.headerSize = 1 + fieldSize;
     if (out.length > avail - out.headerSize) {
-        MTD_LOG(Err, "[%lld][%s] M4::GetParamValue(): ERROR - PARAM TAG 0x%02x LENGTH %u, BUT %u BYTES LEFT !",
-                m_logId, m_logName.c_str(), out.tag, out.length, static_cast<unsigned>(avail - out.headerSize));
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x%02x LENGTH %u, BUT %u BYTES LEFT !", out.tag, out.length, static_cast<unsigned>(avail - out.headerSize));
         out.text = "! error";
         return false;
     }
@@ -363,8 +348,7 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
     default: break;
     }
     if (out.length < need) {
-        MTD_LOG(Err, "[%lld][%s] M4::GetParamValue(): ERROR - PARAM TAG 0x%02x TOO SHORT: %u BYTES !", m_logId,
-                m_logName.c_str(), out.tag, out.length);
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - PARAM TAG 0x%02x TOO SHORT: %u BYTES !", out.tag, out.length);
         out.text = "! error";
         return false;
     }
@@ -436,8 +420,7 @@ bool CM4::GetParamValue(const uint8_t* data, size_t avail, ParamValue& out) cons
         out.text = text;
         return true;
     default:
-        MTD_LOG(Err, "[%lld][%s] M4::GetParamValue(): ERROR - UNKNOWN PARAM TAG = 0x%02x !", m_logId,
-                m_logName.c_str(), out.tag);
+        MTD_CLOG(m_log, Err, "M4::GetParamValue(): ERROR - UNKNOWN PARAM TAG = 0x%02x !", out.tag);
         out.text = "! error";
         return false;
     }

@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <string>
 
+#include "core/logger.h"
 #include "protocols/LogikaRequest.h"
 
 class CConnector;
@@ -119,8 +120,7 @@ private:
 
     CConnector& m_connector;
     uint8_t m_netAddr;
-    long long m_logId;
-    std::string m_logName;
+    mtd::LogContext m_log;
     Timing m_timing;
     ProtocolSleep m_sleep;
 

@@ -56,8 +56,7 @@ ModBus::ModBus(CConnector& connector, uint8_t slave, long long logId, std::strin
                std::chrono::milliseconds betweenAttempts, Sleep sleep)
     : m_connector(connector),
       m_slave(slave),
-      m_logId(logId),
-      m_logName(std::move(logName)),
+      m_log{logId, std::move(logName)},
       m_betweenAttempts(betweenAttempts),
       m_sleep(std::move(sleep)) {}
 
@@ -68,7 +67,6 @@ uint16_t ModBus::registerAt(size_t i) const {
 }
 
 bool ModBus::makePacket(const ModBusRequest& r) {
-    const char* dev = m_logName.c_str();
     uint8_t* p = m_send;
     p[0] = m_slave;
     p[1] = r.function;
@@ -113,12 +111,12 @@ bool ModBus::makePacket(const ModBusRequest& r) {
     case kReportSlaveId:
         break;
     default:
-        MTD_LOG(Err, "[%lld][%s] ModBus::makePacket('%s') - %d (0x%02X) UNKNOWN MODBUS FUNCTION !!!", m_logId, dev,
+        MTD_CLOG(m_log, Err, "ModBus::makePacket('%s') - %d (0x%02X) UNKNOWN MODBUS FUNCTION !!!",
                 r.name.c_str(), r.function, r.function);
         return false;
     }
     if (!ok) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::makePacket('%s') - BAD ARGUMENTS: count %u, %u values", m_logId, dev,
+        MTD_CLOG(m_log, Err, "ModBus::makePacket('%s') - BAD ARGUMENTS: count %u, %u values",
                 r.name.c_str(), r.count, static_cast<unsigned>(r.values.size()));
         return false;
     }
@@ -142,12 +140,11 @@ bool ModBus::readExactly(size_t from, size_t to) {
 
 ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
     const char* name = r.name.c_str();
-    const char* dev = m_logName.c_str();
 
     m_connector.FlushBuffers();
     int written = m_connector.WriteBuffer(m_send, static_cast<uint16_t>(m_sendLength), true);
     if (written != static_cast<int>(m_sendLength)) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - WRITE ERROR, WANT %d BYTES, WRITTEN %d", m_logId, dev,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - WRITE ERROR, WANT %d BYTES, WRITTEN %d",
                 name, static_cast<int>(m_sendLength), written);
         return Attempt::Failed;
     }
@@ -157,28 +154,28 @@ ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
     m_recvLength = 0;
     if (!readExactly(0, 3)) {
         CLinkStats::noteTimeout();
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - TIMEOUT: GOT %d BYTES", m_logId, dev, name,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - TIMEOUT: GOT %d BYTES", name,
                 static_cast<int>(m_recvLength));
         return Attempt::Failed;
     }
     if (m_recv[0] != m_slave) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - WRONG ADDRESS: WAIT 0x%02X, GOT 0x%02X", m_logId, dev,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - WRONG ADDRESS: WAIT 0x%02X, GOT 0x%02X",
                 name, m_slave, m_recv[0]);
         return Attempt::Failed;
     }
     if ((m_recv[1] & 0x7F) != r.function) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - WRONG FUNCTION: WAIT 0x%02X, GOT 0x%02X", m_logId, dev,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - WRONG FUNCTION: WAIT 0x%02X, GOT 0x%02X",
                 name, r.function, m_recv[1]);
         return Attempt::Failed;
     }
     size_t total = replySize(m_recv);
     if (total < 5 || total > kMaxFrame) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - BAD BYTE COUNT %d", m_logId, dev, name, m_recv[2]);
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - BAD BYTE COUNT %d", name, m_recv[2]);
         return Attempt::Failed;
     }
     if (!readExactly(3, total)) {
         CLinkStats::noteTimeout();
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - TIMEOUT: WANT %d BYTES, GOT %d", m_logId, dev, name,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - TIMEOUT: WANT %d BYTES, GOT %d", name,
                 static_cast<int>(total), static_cast<int>(m_recvLength));
         return Attempt::Failed;
     }
@@ -186,18 +183,17 @@ ModBus::Attempt ModBus::attempt(const ModBusRequest& r) {
     uint16_t read = static_cast<uint16_t>(m_recv[total - 1] << 8 | m_recv[total - 2]);
     if (calc != read) {
         CLinkStats::noteChecksumError();
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - CRC ERROR: read crc 0x%04x != calc crc 0x%04x", m_logId,
-                dev, name, read, calc);
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - CRC ERROR: read crc 0x%04x != calc crc 0x%04x", name, read, calc);
         return Attempt::Failed;
     }
     if (m_recv[1] & 0x80) {
         m_exception = m_recv[2];
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - EXCEPTION 0x%02X", m_logId, dev, name, m_exception);
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - EXCEPTION 0x%02X", name, m_exception);
         return Attempt::Final;
     }
     size_t want = expectedDataBytes(r);
     if (want && m_recv[2] != want) {
-        MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - WRONG BYTE COUNT: WAIT %d, GOT %d", m_logId, dev, name,
+        MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - WRONG BYTE COUNT: WAIT %d, GOT %d", name,
                 static_cast<int>(want), m_recv[2]);
         return Attempt::Failed;
     }
@@ -221,7 +217,6 @@ bool ModBus::SendRequest(const ModBusRequest& r) {
                 std::this_thread::sleep_until(std::chrono::steady_clock::now() + m_betweenAttempts);
         }
     }
-    MTD_LOG(Err, "[%lld][%s] ModBus::SendRequest('%s') - NO VALID REPLY AFTER %d ATTEMPTS", m_logId,
-            m_logName.c_str(), r.name.c_str(), kAttempts);
+    MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - NO VALID REPLY AFTER %d ATTEMPTS", r.name.c_str(), kAttempts);
     return false;
 }

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "core/logger.h"
+
 class CConnector;
 
 struct ModBusRequest {
@@ -73,8 +75,7 @@ private:
 
     CConnector& m_connector;
     uint8_t m_slave;
-    long long m_logId;
-    std::string m_logName;
+    mtd::LogContext m_log;
     std::chrono::milliseconds m_betweenAttempts;
     Sleep m_sleep;
 

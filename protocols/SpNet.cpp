@@ -85,7 +85,7 @@ std::string token(uint8_t b) {
 }  // namespace
 
 CSpNet::CSpNet(CConnector& connector, long long logId, std::string logName)
-    : m_connector(connector), m_logId(logId), m_logName(std::move(logName)) {}
+    : m_connector(connector), m_log{logId, std::move(logName)} {}
 
 uint8_t CSpNet::replyFunction(uint32_t requestFunction) {
     switch (requestFunction) {
@@ -105,7 +105,7 @@ std::string CSpNet::printable(const uint8_t* data, size_t length) {
 
 bool CSpNet::makePacket(const LogikaRequest& request) {
     if (replyFunction(request.function) == 0) {
-        MTD_LOG(Err, "[%lld][%s] SpNet::makePacket('%s') - WRONG FUNCTION 0x%02X", m_logId, m_logName.c_str(),
+        MTD_CLOG(m_log, Err, "SpNet::makePacket('%s') - WRONG FUNCTION 0x%02X",
                 request.name.c_str(), static_cast<unsigned>(request.function));
         return false;
     }
@@ -153,11 +153,9 @@ void CSpNet::logFrame(bool sent, const LogikaRequest& request, const uint8_t* da
     std::string chunk;
     auto flush = [&] {
         if (sent)
-            log->Debug("[%lld][%s] CSpNet::SendRequest('%s'): Send: %s", m_logId, m_logName.c_str(),
-                       request.name.c_str(), chunk.c_str());
+            MTD_CLOG(m_log, Debug, "CSpNet::SendRequest('%s'): Send: %s", request.name.c_str(), chunk.c_str());
         else
-            log->Debug("[%lld][%s] CSpNet::SendRequest('%s'): Recv: %s", m_logId, m_logName.c_str(),
-                       request.name.c_str(), chunk.c_str());
+            MTD_CLOG(m_log, Debug, "CSpNet::SendRequest('%s'): Recv: %s", request.name.c_str(), chunk.c_str());
         chunk.clear();
     };
     for (size_t i = 0; i < length; ++i) {
@@ -172,13 +170,12 @@ void CSpNet::logFrame(bool sent, const LogikaRequest& request, const uint8_t* da
 
 bool CSpNet::attempt(const LogikaRequest& request) {
     const char* name = request.name.c_str();
-    const char* dev = m_logName.c_str();
 
     m_connector.FlushBuffers();
     int written = m_connector.WriteBuffer(m_send, static_cast<uint16_t>(m_sendLength), true);
     logFrame(true, request, m_send, m_sendLength);
     if (written != static_cast<int>(m_sendLength)) {
-        MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - WRITE ERROR, WANT %d BYTES, WRITTEN %d", m_logId, dev,
+        MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - WRITE ERROR, WANT %d BYTES, WRITTEN %d",
                 name, static_cast<int>(m_sendLength), written);
         return false;
     }
@@ -189,12 +186,12 @@ bool CSpNet::attempt(const LogikaRequest& request) {
     m_recvLength = 0;
     for (;;) {
         if (n >= kReplyLimit) {
-            MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - OVERFLOW RESPONSE BUFFER", m_logId, dev, name);
+            MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - OVERFLOW RESPONSE BUFFER", name);
             return false;
         }
         if (m_connector.ReadBuffer(m_recv + n, 1, true) != 1) {
             CLinkStats::noteTimeout();
-            MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - RECEIVING TIMEOUT", m_logId, dev, name);
+            MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - RECEIVING TIMEOUT", name);
             return false;
         }
         ++n;
@@ -205,7 +202,7 @@ bool CSpNet::attempt(const LogikaRequest& request) {
     for (int i = 0; i < 2; ++i) {
         if (m_connector.ReadBuffer(m_recv + n, 1, true) != 1) {
             CLinkStats::noteTimeout();
-            MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - CAN'T GET CRC", m_logId, dev, name);
+            MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - CAN'T GET CRC", name);
             return false;
         }
         ++n;
@@ -215,15 +212,14 @@ bool CSpNet::attempt(const LogikaRequest& request) {
 
     uint8_t want = replyFunction(request.function);
     if (m_recv[4] != want) {
-        MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - WRONG RESPONSE FUNCTION: WAIT 0x%02X, BUT GOT 0x%02X",
-                m_logId, dev, name, want, m_recv[4]);
+        MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - WRONG RESPONSE FUNCTION: WAIT 0x%02X, BUT GOT 0x%02X", name, want, m_recv[4]);
         return false;
     }
     uint16_t calc = Crc16::xmodem(m_recv + 2, etx - 1);
     uint16_t got = static_cast<uint16_t>(m_recv[etx + 1] << 8 | m_recv[etx + 2]);
     if (calc != got) {
         CLinkStats::noteChecksumError();
-        MTD_LOG(Err, "[%lld][%s] CSpNet::SendRequest(%s) - WRONG CRC: WAIT = 0x%04x, GOT = 0x%04x", m_logId, dev, name,
+        MTD_CLOG(m_log, Err, "CSpNet::SendRequest(%s) - WRONG CRC: WAIT = 0x%04x, GOT = 0x%04x", name,
                 calc, got);
         return false;
     }
@@ -237,10 +233,10 @@ bool CSpNet::SendRequest(const LogikaRequest& request) {
         if (attempt(request))
             return true;
         CLinkStats::noteRetry();
-        MTD_LOG(Warning, "[%lld][%s] SpNet::SendRequest('%s') - WRONG ATTEMPT N %d", m_logId, m_logName.c_str(),
+        MTD_CLOG(m_log, Warning, "SpNet::SendRequest('%s') - WRONG ATTEMPT N %d",
                 request.name.c_str(), i);
     }
-    MTD_LOG(Err, "[%lld][%s] SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!", m_logId, m_logName.c_str(),
+    MTD_CLOG(m_log, Err, "SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!",
             request.name.c_str());
     return false;
 }

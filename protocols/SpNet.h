@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <string>
 
+#include "core/logger.h"
 #include "protocols/LogikaRequest.h"
 
 class CConnector;
@@ -54,8 +55,7 @@ private:
     void logFrame(bool sent, const LogikaRequest& request, const uint8_t* data, size_t length) const;
 
     CConnector& m_connector;
-    long long m_logId;
-    std::string m_logName;
+    mtd::LogContext m_log;
 
     uint8_t m_send[kSendBufferSize] = {};
     size_t m_sendLength = 0;

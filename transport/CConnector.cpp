@@ -6,14 +6,14 @@
 #include "transport/CRSConnector.h"
 
 CConnector::CConnector(const PortParams& params, const LedPaths& leds) {
-    auto protocol = params.find("protocol");
-    if (protocol != params.end() && protocol->second == "modbus") {
-        auto modbus = std::make_unique<CModbusConnectorItself>(params, leds);
+    const PortSettings settings = PortSettings::parse(params);
+    if (settings.protocol == "modbus") {
+        auto modbus = std::make_unique<CModbusConnectorItself>(settings, leds);
         m_modbus = modbus.get();
         m_transport = std::move(modbus);
         MTD_LOG(Debug, "The CConnector is created in the \"Modbus\" mode.");
     } else {
-        m_transport = std::make_unique<CRSConnector>(params, leds);
+        m_transport = std::make_unique<CRSConnector>(settings, leds);
         MTD_LOG(Debug, "The CConnector is created in as simple UART.");
     }
 }
@@ -51,15 +51,5 @@ bool CConnector::is_open() const { return m_transport->is_open(); }
 void CConnector::SetLengthByteMode(int mode) { m_transport->SetLengthByteMode(mode); }
 
 void CConnector::SetAbortFlag(const std::atomic<bool>* flag) { m_transport->SetAbortFlag(flag); }
-
-std::string CConnector::GetParam(const std::string& key) const {
-    const PortParams& params = m_transport->params();
-    auto it = params.find(key);
-    return it == params.end() ? std::string() : it->second;
-}
-
-void CConnector::SetParam(const std::string& key, const std::string& value) { m_transport->params()[key] = value; }
-
-PortParams& CConnector::params() { return m_transport->params(); }
 
 CModbusConnectorItself* CConnector::modbus() { return m_modbus; }

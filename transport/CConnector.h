@@ -34,10 +34,10 @@ public:
     void SetLengthByteMode(int mode);
     void SetAbortFlag(const std::atomic<bool>* flag);
 
-    // Port parameter access ("" when absent); SetParam changes the transport's copy.
-    std::string GetParam(const std::string& key) const;
-    void SetParam(const std::string& key, const std::string& value);
-    PortParams& params();
+    // The line's settings, parsed once from the host service's "port_params".
+    const PortSettings& settings() const { return m_transport->settings(); }
+    // Takes effect at the next open_device(); 0 marks a line that cannot change speed.
+    void setSpeed(long baud) { m_transport->settings().speed = baud; }
 
     // The Modbus transport for Modbus drivers; nullptr on a plain UART.
     CModbusConnectorItself* modbus();

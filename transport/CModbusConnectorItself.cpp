@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "core/logger.h"
-#include "transport/PortParamReader.h"
 
 static_assert(CModbusConnectorItself::kMaxAdu == MODBUS_RTU_MAX_ADU_LENGTH, "RawRequest buffer size");
 
@@ -25,10 +24,10 @@ void CModbusConnectorItself::ContextDeleter::operator()(_modbus* ctx) const {
     modbus_free(ctx);
 }
 
-CModbusConnectorItself::CModbusConnectorItself(const PortParams& params, const LedPaths& leds)
-    : m_params(params),
-      m_path(params.count("name") ? params.at("name") : std::string(mtd::defaults::kSerialDevice)),
-      m_timeoutMs(portparam::timeoutMs(params, kDefaultTimeoutMs, "CModbusConnectorItself")),
+CModbusConnectorItself::CModbusConnectorItself(const PortSettings& settings, const LedPaths& leds)
+    : m_settings(settings),
+      m_path(settings.hasName ? settings.name : std::string(mtd::defaults::kSerialDevice)),
+      m_timeoutMs(settings.timeoutOr(kDefaultTimeoutMs, "CModbusConnectorItself")),
       m_ledTransmit(leds.transmit, kLedOnTimeUs),
       m_ledReceive(leds.receive, kLedOnTimeUs) {
     m_ledTransmit.Start();
@@ -41,11 +40,10 @@ CModbusConnectorItself::~CModbusConnectorItself() {
 }
 
 bool CModbusConnectorItself::open_device() {
-    const long long baud = portparam::number(m_params, "speed", 9600);
-    const long long dataBits = portparam::number(m_params, "data", 8);
-    const std::string parityText = portparam::text(m_params, "parity");
-    const char parity = parityText == "E" ? 'E' : parityText == "O" ? 'O' : 'N';
-    const int stopBits = portparam::text(m_params, "stop") == "2" ? 2 : 1;
+    const long baud = m_settings.speedOr(9600);
+    const long dataBits = m_settings.dataBits;
+    const char parity = m_settings.parity == "E" ? 'E' : m_settings.parity == "O" ? 'O' : 'N';
+    const int stopBits = m_settings.stopBits;
 
     std::lock_guard<std::mutex> lock(m_mutex);
     m_ctx.reset();

@@ -31,7 +31,7 @@ public:
     // The longest RTU frame libmodbus receives; RawRequest's buffer must hold it.
     static constexpr int kMaxAdu = 256;
 
-    explicit CModbusConnectorItself(const PortParams& params, const LedPaths& leds = LedPaths());
+    explicit CModbusConnectorItself(const PortSettings& settings, const LedPaths& leds = LedPaths());
     ~CModbusConnectorItself() override;
     CModbusConnectorItself(const CModbusConnectorItself&) = delete;
     CModbusConnectorItself& operator=(const CModbusConnectorItself&) = delete;
@@ -49,7 +49,7 @@ public:
     void SetTimeout(uint32_t timeout_ms) override;
     uint32_t GetTimeout() const override { return m_timeoutMs.load(); }
     bool is_open() const override;
-    PortParams& params() override { return m_params; }
+    PortSettings& settings() override { return m_settings; }
 
     // Transactions: the libmodbus result (registers or bytes, or -1 with errno
     // set). A slave id libmodbus refuses gives -1 with no traffic and no blink.
@@ -81,7 +81,7 @@ private:
     int transaction(int slave, bool blink, Call call);
     void applyTimeouts();  // with m_mutex held
 
-    PortParams m_params;
+    PortSettings m_settings;
     std::string m_path;
     std::atomic<uint32_t> m_timeoutMs;
     mutable std::mutex m_mutex;

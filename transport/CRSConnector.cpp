@@ -13,7 +13,6 @@
 #include <map>
 
 #include "core/logger.h"
-#include "transport/PortParamReader.h"
 
 namespace {
 
@@ -38,20 +37,20 @@ const std::map<int, speed_t>& baudTable() {
     return table;
 }
 
-const std::map<long long, tcflag_t>& dataBitsTable() {
-    static const std::map<long long, tcflag_t> table = {{5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
+const std::map<long, tcflag_t>& dataBitsTable() {
+    static const std::map<long, tcflag_t> table = {{5, CS5}, {6, CS6}, {7, CS7}, {8, CS8}};
     return table;
 }
 
 }  // namespace
 
-CRSConnector::CRSConnector(const PortParams& params, const LedPaths& leds)
-    : m_params(params),
-      m_path(portparam::text(params, "name")),
-      m_timeoutMs(portparam::timeoutMs(params, kDefaultTimeoutMs, "CRSConnector")),
+CRSConnector::CRSConnector(const PortSettings& settings, const LedPaths& leds)
+    : m_settings(settings),
+      m_path(settings.name),
+      m_timeoutMs(settings.timeoutOr(kDefaultTimeoutMs, "CRSConnector")),
       m_ledTransmit(leds.transmit, kLedOnTimeUs),
       m_ledReceive(leds.receive, kLedOnTimeUs) {
-    if (m_params.find("name") == m_params.end())
+    if (!m_settings.hasName)
         m_path = mtd::defaults::kSerialDevice;
     m_ledTransmit.Start();
     m_ledReceive.Start();
@@ -62,9 +61,9 @@ CRSConnector::~CRSConnector() {
     m_ledReceive.Stop();
 }
 
-void CRSConnector::lineSettings(const PortParams& params, uint32_t timeoutMs, termios& tio) {
+void CRSConnector::lineSettings(const PortSettings& settings, uint32_t timeoutMs, termios& tio) {
     speed_t speed = B9600;
-    const long long baud = portparam::number(params, "speed", kDefaultBaud);
+    long baud = settings.speedOr(kDefaultBaud);
     auto rate = baudTable().find(static_cast<int>(baud));
     if (baud == static_cast<int>(baud) && rate != baudTable().end())
         speed = rate->second;
@@ -74,17 +73,17 @@ void CRSConnector::lineSettings(const PortParams& params, uint32_t timeoutMs, te
     cfsetospeed(&tio, speed);
 
     tio.c_cflag |= CLOCAL | CREAD;
-    auto bits = dataBitsTable().find(portparam::number(params, "data", 8));
+    auto bits = dataBitsTable().find(settings.dataBits);
     tio.c_cflag |= bits != dataBitsTable().end() ? bits->second : CS8;
 
     // Exact letters: the host service writes "E", "O" or "N".
-    const std::string parity = portparam::text(params, "parity");
+    const std::string& parity = settings.parity;
     if (parity == "E")
         tio.c_cflag |= PARENB;
     else if (parity == "O")
         tio.c_cflag |= PARENB | PARODD;
 
-    if (portparam::text(params, "stop") == "2")
+    if (settings.stopBits == 2)
         tio.c_cflag |= CSTOPB;
 
     // The driver's own inter-byte time-out, in tenths of a second (at most 25.5 s).
@@ -104,7 +103,7 @@ bool CRSConnector::open_device() {
     }
 
     termios tio{};
-    lineSettings(m_params, m_timeoutMs, tio);
+    lineSettings(m_settings, m_timeoutMs, tio);
     tcsetattr(fd, TCSAFLUSH, &tio);
     int flags = fcntl(fd, F_GETFL);
     if (flags >= 0)

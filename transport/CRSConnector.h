@@ -23,9 +23,9 @@ class CRSConnector : public CTransport {
 public:
     // The raw-mode line settings open_device() applies for `params` ("speed",
     // "data", "parity", "stop") and the read time-out: all other flags zero.
-    static void lineSettings(const PortParams& params, uint32_t timeoutMs, termios& tio);
+    static void lineSettings(const PortSettings& settings, uint32_t timeoutMs, termios& tio);
 
-    explicit CRSConnector(const PortParams& params, const LedPaths& leds = LedPaths());
+    explicit CRSConnector(const PortSettings& settings, const LedPaths& leds = LedPaths());
     ~CRSConnector() override;
     CRSConnector(const CRSConnector&) = delete;
     CRSConnector& operator=(const CRSConnector&) = delete;
@@ -44,7 +44,7 @@ public:
     uint32_t GetTimeout() const override { return m_timeoutMs; }
     bool is_open() const override { return m_fd.get() > 0; }
     void SetLengthByteMode(int mode) override { m_lengthByteMode = mode; }
-    PortParams& params() override { return m_params; }
+    PortSettings& settings() override { return m_settings; }
     // Drivers sharing the line set and clear this from their own threads.
     void SetAbortFlag(const std::atomic<bool>* flag) override { m_abort.store(flag); }
 
@@ -54,7 +54,7 @@ private:
     // Waits up to `timeout_ms` for input: the poll result (1 readable, 0 time-out, -1 error).
     int waitReadable(uint32_t timeout_ms) const;
 
-    PortParams m_params;
+    PortSettings m_settings;
     std::string m_path;
     CUniqueFd m_fd;
     uint32_t m_timeoutMs;

@@ -10,10 +10,7 @@
 #include <string>
 
 #include "core/Defaults.h"
-
-// Port parameters from the host service: "protocol", "name", "speed", "data",
-// "parity", "stop", "timeout", ... (text key to text value).
-using PortParams = std::map<std::string, std::string>;
+#include "core/PortSettings.h"
 
 // Control files of the two traffic LEDs every transport owns: transmit (A) and receive (B).
 struct LedPaths {
@@ -42,8 +39,8 @@ public:
     // 1 lets ReadBufferCycle return early for replies whose byte 4 gives their
     // size (see CRSConnector); any other value turns it off. Ignored on Modbus.
     virtual void SetLengthByteMode(int mode) { (void)mode; }
-    // The transport's copy of the port parameters ("speed" is rewritten by a baud change).
-    virtual PortParams& params() = 0;
+    // The transport's port settings ("speed" is rewritten by a baud change).
+    virtual PortSettings& settings() = 0;
     // While `flag` (nullptr: none) is raised, a read waiting for input gives
     // up within a tenth of a second, as on a time-out: a stopping driver does
     // not sit out the read time-out. Set and cleared by the thread that reads.

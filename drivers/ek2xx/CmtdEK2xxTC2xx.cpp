@@ -203,14 +203,6 @@ uint32_t pressureUnitCode(const std::string& unit) {
     return DU_UNKNOWN;
 }
 
-// Journal entries of the newest second may be only part of their group when a
-// transfer ends early: they wait for the next read, which starts at that second.
-void holdBackNewestSecond(std::vector<ArchiveRecord>& out) {
-    const time_t newest = out.empty() ? 0 : out.back().timestamp;
-    while (!out.empty() && out.back().timestamp == newest)
-        out.pop_back();
-}
-
 std::string fmtNumber(double v) {
     char buf[48];
     std::snprintf(buf, sizeof buf, "%.5f", v);
@@ -237,8 +229,7 @@ const char* CmtdEK2xxTC2xx::getMeterModelName() const {
     case TC215: return "TC215";
     case TC220: return "TC220";
     default:
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::getMeterModelName() - UNKNOWN METER MODEL %d !!!", logId(),
-                driverName(), m_model);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::getMeterModelName() - UNKNOWN METER MODEL %d !!!", m_model);
         return "unknown !!!";
     }
 }
@@ -264,8 +255,7 @@ const CmtdEK2xxTC2xx::SRequest* CmtdEK2xxTC2xx::findRequest(const std::string& n
 bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& data) {
     const SRequest* row = findRequest(name);
     if (!m_proto || !row || row->address[0] == '\0') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::sendRequest('%s') - CAN'T SEND REQUEST BECAUSE IT ADDRESS IS EMPTY !!!",
-                logId(), driverName(), name.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::sendRequest('%s') - CAN'T SEND REQUEST BECAUSE IT ADDRESS IS EMPTY !!!", name.c_str());
         return false;
     }
     // Once stopping, and before the session is up, only what opens or ends a
@@ -273,7 +263,7 @@ bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& dat
     // each waiting out its attempts on a meter that cannot answer them.
     const bool sessionRow = row->kind == K::SignOn || row->kind == K::OptionSelect || row->kind == K::Break;
     if (!sessionRow && (isStopping() || !m_signedOn)) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::sendRequest('%s') - %s, REQUEST NOT SENT", logId(), driverName(),
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::sendRequest('%s') - %s, REQUEST NOT SENT",
                 name.c_str(), isStopping() ? "STOPPING" : "NO SESSION");
         return false;
     }
@@ -293,9 +283,7 @@ bool CmtdEK2xxTC2xx::sendRequest(const std::string& name, const std::string& dat
 }
 
 bool CmtdEK2xxTC2xx::init() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::init() -------------------------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::init() -------------------------------------------");
     m_consumerPassword = m_config.password1.empty() ? m_config.password : m_config.password1;
     m_supplierPassword = m_config.password2;
     m_address = m_config.get("address");
@@ -308,43 +296,41 @@ bool CmtdEK2xxTC2xx::init() {
     if (m_sys.empty())
         m_sys = "1";
     m_srvTZ = std::atoi(m_config.get("srv_TZ").c_str());
-    m_puTZ = m_config.has("pu_TZ") ? std::atoi(m_config.get("pu_TZ").c_str()) : m_srvTZ;
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", id,
-            nm, getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s", id, nm,
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - model %s, consumer password '%s', supplier password '%s'", getMeterModelName(), m_consumerPassword.c_str(), m_supplierPassword.c_str());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - serial '%s', address '%s', systems %s",
             m_config.serial_text.c_str(), m_address.c_str(), systems.c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", id, nm, m_srvTZ, m_puTZ,
-            m_puTZ - m_srvTZ);
-    const int configured = m_config.speed > 0 ? m_config.speed : std::atoi(m_config.get("speed").c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", id, nm, configured, data_rate);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - srv_TZ = %d, pu_TZ = %d, dTZ = %d", m_srvTZ, deviceTzHours(),
+            deviceTzHours() - m_srvTZ);
+    const int configured = m_config.speed;
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - baud rate = %d, data rate = %d", configured, data_rate);
     if (m_model < EK260 || m_model > TC215) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - UNKNOWN MODEL", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - UNKNOWN MODEL");
         return false;
     }
     if (!m_proto) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO CONNECTOR", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - NO CONNECTOR");
         return false;
     }
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d", id, nm,
+    const int current = static_cast<int>(m_connector->settings().speed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - current baud rate = %d, configured baud rate = %d",
             current, configured);
     if (configured > 0 && !m_proto->ChangeBaudRate(configured)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - CAN'T SET INITIAL BAUD RATE", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - CAN'T SET INITIAL BAUD RATE");
         return false;
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", id, nm, m_address.c_str());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::init() - Handshake.Address = '%s'", m_address.c_str());
     if (!sendRequest("Open Consumer Session")) {
         // A line that was hung up (an adapter unplugged, a modem or a pseudo-
         // terminal gone) stays dead on the old descriptor: close it so the next
         // cycle opens the device node afresh.
         // The cycle ends at the device time, which cannot be read without a session.
         m_connector->close_device();
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - NO ANSWER TO THE SIGN-ON", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - NO ANSWER TO THE SIGN-ON");
         return false;
     }
     m_proto->setSpeedSymbol(m_deviceSpeed);
     if (!sendRequest("Ack Consumer Options")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::init() - OPTIONS NOT ACKNOWLEDGED", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::init() - OPTIONS NOT ACKNOWLEDGED");
         return false;
     }
     m_signedOn = true;
@@ -359,7 +345,7 @@ void CmtdEK2xxTC2xx::session_close() {
     // Also after a sign-on that got no answer: the device may have heard it.
     if (m_proto && m_connector && m_connector->is_open()) {
         sendRequest("Close Session");
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::session_close() - break sent", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::session_close() - break sent");
     }
     m_signedOn = false;
     m_consumerLockState.clear();
@@ -368,7 +354,7 @@ void CmtdEK2xxTC2xx::session_close() {
 
 void CmtdEK2xxTC2xx::cycle_end() {
     // The break went out before the turn was given back (session_close).
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::cycle_end() - session closed", logId(), driverName());
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::cycle_end() - session closed");
 }
 
 bool CmtdEK2xxTC2xx::openConsumerAccess() {
@@ -400,19 +386,16 @@ bool CmtdEK2xxTC2xx::parseIdent(const std::vector<std::string>&) {
     std::string ident(m_reply.begin(), m_reply.end());
     while (!ident.empty() && (ident.back() == '\n' || ident.back() == '\r'))
         ident.pop_back();
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseIdent() - identification '%s', speed symbol '%c'", logId(),
-            driverName(), ident.c_str(), m_deviceSpeed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseIdent() - identification '%s', speed symbol '%c'", ident.c_str(), m_deviceSpeed);
     return true;
 }
 
 bool CmtdEK2xxTC2xx::parseOptAck(const std::vector<std::string>&) {
-    const int current = std::atoi(m_connector->GetParam("speed").c_str());
+    const int current = static_cast<int>(m_connector->settings().speed);
     const int desired = m_proto->SpeedSymbolToBaudRate(m_deviceSpeed);
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseOptAck() - current baud rate = %d, desired baud rate = %d ('%c')",
-            logId(), driverName(), current, desired, m_deviceSpeed);
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseOptAck() - current baud rate = %d, desired baud rate = %d ('%c')", current, desired, m_deviceSpeed);
     if (!m_proto->ChangeBaudRate(m_deviceSpeed)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseOptAck() - CAN'T SET REQUESTED BY DEVICE BAUD RATE", logId(),
-                driverName());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseOptAck() - CAN'T SET REQUESTED BY DEVICE BAUD RATE");
         return false;
     }
     return true;
@@ -420,24 +403,23 @@ bool CmtdEK2xxTC2xx::parseOptAck(const std::vector<std::string>&) {
 
 bool CmtdEK2xxTC2xx::parseConsumerLock(const std::vector<std::string>& values) {
     m_lockState = values.empty() ? std::string() : values[0];
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - lock status = '%s'", logId(), driverName(),
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerLock() - lock status = '%s'",
             m_lockState.c_str());
     if (m_lockState == "1") {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - access is allowed", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerLock() - access is allowed");
         return true;
     }
-    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerLock() - ACCESS IS DENIED !!!", logId(), driverName());
+    MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseConsumerLock() - ACCESS IS DENIED !!!");
     return false;
 }
 
 bool CmtdEK2xxTC2xx::parseConsumerAck(const std::vector<std::string>&) {
     const uint8_t first = m_reply.empty() ? 0 : m_reply[0];
     if (first == CGost61107Connector::ACK) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerAck() - consumer lock is opened", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseConsumerAck() - consumer lock is opened");
         return true;
     }
-    MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseConsumerAck() - CAN'T OPEN CONSUMER LOCK !!! GET '%c' (0x%02X)",
-            logId(), driverName(), first >= 0x20 && first < 0x7F ? first : '.', first);
+    MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseConsumerAck() - CAN'T OPEN CONSUMER LOCK !!! GET '%c' (0x%02X)", first >= 0x20 && first < 0x7F ? first : '.', first);
     return false;
 }
 
@@ -446,8 +428,7 @@ bool CmtdEK2xxTC2xx::parseString(const std::string& text, std::string& value, st
     value = text.substr(0, star);
     unit = star == std::string::npos ? std::string() : text.substr(star + 1);
     if (!value.empty() && value[0] == '#') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseString() - DEVICE RETURNS ERROR CODE '%s' !!!", logId(),
-                driverName(), value.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseString() - DEVICE RETURNS ERROR CODE '%s' !!!", value.c_str());
         return false;
     }
     return true;
@@ -467,7 +448,7 @@ bool CmtdEK2xxTC2xx::parseRateHour(const std::vector<std::string>& values) {
     char* end = nullptr;
     long h = std::strtol(m_value.c_str(), &end, 10);
     if (*end != '\0' || h < 0 || h > 23) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseRateHour() - WRONG RATE HOUR %d !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseRateHour() - WRONG RATE HOUR %d !!!",
                 static_cast<int>(h));
         return false;
     }
@@ -482,16 +463,14 @@ bool CmtdEK2xxTC2xx::parseArchPeriod(const std::vector<std::string>& values) {
     long minutes = std::strtol(m_value.c_str(), &end, 10);
     if (isTc()) {
         if (*end != '\0' || (minutes != 60 && minutes != 1440)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%s'",
-                    logId(), driverName(), m_value.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArchPeriod() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%s'", m_value.c_str());
             return false;
         }
     } else if (*end != '\0' || minutes <= 0 || minutes > 1440) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - WRONG ARCHIVING PERIOD %s MIN !!!", logId(),
-                driverName(), m_value.c_str());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArchPeriod() - WRONG ARCHIVING PERIOD %s MIN !!!", m_value.c_str());
         return false;
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::parseArchPeriod() - archiving period is %s min", logId(), driverName(),
+    MTD_DLOG(Info, "CmtdEK2xxTC2xx::parseArchPeriod() - archiving period is %s min",
             m_value.c_str());
     m_archPeriodMin = static_cast<int>(minutes);
     return true;
@@ -504,21 +483,17 @@ bool CmtdEK2xxTC2xx::parseKcMode(const std::vector<std::string>& values) {
     if (m_model == EK270) {
         m_hasPassport = m_kcMode == 2 || m_kcMode == 7;
         if (!m_hasPassport)
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseKcMode() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.",
-                    logId(), driverName(), m_kcMode);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseKcMode() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.", m_kcMode);
     } else {
         m_hasPassport = m_kcMode == 2 || m_kcMode == 1;
         if (!m_hasPassport)
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseKcMode() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.",
-                    logId(), driverName(), m_kcMode);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseKcMode() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.", m_kcMode);
     }
     return true;
 }
 
 std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_all_system_values() ----------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_all_system_values() ----------------------------");
     std::vector<CValueRecord> out;
     m_kcMode = -1;
     m_hasPassport = false;
@@ -533,12 +508,11 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
         out.push_back(r);
     };
     if (!sendRequest("Read Serial Number")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
     } else {
         const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
         if (!given.empty() && m_value != given) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-                    id, nm, m_value.c_str(), given.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.", m_value.c_str(), given.c_str());
             throw CWrongPacketException("serial number mismatch");
         }
         add("SerialNumber", m_value);
@@ -557,8 +531,7 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_system_values() {
         if (sendRequest(row.request))
             add(row.name, m_value);
         else
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
-                    id, nm, row.request);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", row.request);
     }
     return out;
 }
@@ -569,18 +542,11 @@ bool CmtdEK2xxTC2xx::parseDateTime(const std::string& text, time_t& t) const {
     int n = std::sscanf(text.c_str(), "%d-%d-%d,%d:%d:%d%c", &y, &mo, &d, &h, &mi, &s, &tail);
     if ((n != 6 && !(n == 7 && tail == ',')) || mo < 1 || mo > 12 || d < 1 || d > 31 || h < 0 || h > 23 || mi < 0 ||
         mi > 59 || s < 0 || s > 60) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseDateTime() - CAN'T PARSE '%s'", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseDateTime() - CAN'T PARSE '%s'",
                 text.c_str());
         return false;
     }
-    struct tm tm {};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    t = timegm(&tm) - static_cast<time_t>(m_puTZ) * 3600;
+    t = fromDeviceTime(y, mo, d, h, mi, s);
     return true;
 }
 
@@ -590,8 +556,7 @@ bool CmtdEK2xxTC2xx::deviceTime(time_t& t) {
 
 bool CmtdEK2xxTC2xx::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
     if (!deviceTime(deviceTimeOut)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!",
-                logId(), driverName());
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::GetTimestamps() - CAN'T GET CURRENT DATETIME, EXCEPTION IS THROWN !!!");
         throw CNoDateTimeException("device time");
     }
     if (m_rateHour < 0)
@@ -604,7 +569,7 @@ double CmtdEK2xxTC2xx::getPressureCoef(const std::string& unit) const {
     double factor = 0;
     uint32_t code = pressureUnitCode(unit);
     if (code == DU_UNKNOWN || !pressureFactor(code, factor)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'",
                 unit.c_str());
         return 0;
     }
@@ -614,7 +579,7 @@ double CmtdEK2xxTC2xx::getPressureCoef(const std::string& unit) const {
 double CmtdEK2xxTC2xx::fromAtmToPassP(double atm, int unit) const {
     double factor = 0;
     if (unit == DU_UNKNOWN || !pressureFactorInverse(static_cast<uint32_t>(unit), factor) || factor <= 0) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::fromAtmToPassP() - WRONG PassP UNIT %d !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::fromAtmToPassP() - WRONG PassP UNIT %d !!!",
                 unit);
         return -1;
     }
@@ -622,14 +587,11 @@ double CmtdEK2xxTC2xx::fromAtmToPassP(double atm, int unit) const {
 }
 
 std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() -----------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() -----------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     if (!deviceTime(now)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!", id,
-                nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - CAN'T READ CURRENT TIME !!!");
         throw CNoDateTimeException("device time");
     }
     CValueRecord dt;
@@ -643,8 +605,7 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
         if (!findRequest(cur.request))
             continue;  // the model has no such register
         if (!sendRequest(cur.request)) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
-                    id, nm, cur.request);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!", cur.request);
             continue;
         }
         CValueRecord r;
@@ -667,49 +628,26 @@ std::vector<CValueRecord> CmtdEK2xxTC2xx::get_all_curtime_cur_integ_values() {
 }
 
 std::string CmtdEK2xxTC2xx::archArgument(const SRequest& row, time_t from, time_t to, bool) const {
-    struct tm a {}, b {};
-    time_t f = from + static_cast<time_t>(m_puTZ) * 3600;
-    time_t t = to + static_cast<time_t>(m_puTZ) * 3600;
-    gmtime_r(&f, &a);
-    gmtime_r(&t, &b);
+    const struct tm a = toDeviceTime(from), b = toDeviceTime(to);
     char buf[128];
     std::snprintf(buf, sizeof buf, row.argument, a.tm_year + 1900, a.tm_mon + 1, a.tm_mday, a.tm_hour,
                   b.tm_year + 1900, b.tm_mon + 1, b.tm_mday, b.tm_hour);
     return buf;
 }
 
-void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
-    const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily"
-                       : archType == ARCH_JOURNAL_EVENT                            ? "Events"
-                                                                                   : nullptr;
-    if (!kind) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::get_arch_values(%s) ---------------------------------", id, nm,
-            archTypeName(archType));
+bool CmtdEK2xxTC2xx::hasArchive(int archType) const {
+    return archType == ARCH_HOURLY || archType == ARCH_DAILY || archType == ARCH_JOURNAL_EVENT;
+}
+
+void CmtdEK2xxTC2xx::get_arch_values(CArchiveSink& sink) {
+    const int archType = sink.type();
+    const char* kind = archType == ARCH_HOURLY ? "Hourly" : archType == ARCH_DAILY ? "Daily" : "Events";
     if (isTc() && archType != ARCH_JOURNAL_EVENT && m_archPeriodMin != (archType == ARCH_HOURLY ? 60 : 1440)) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%d'", id,
-                nm, m_archPeriodMin);
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::get_arch_values() - TC2xx - UNSUPPORTED ARCHIVING PERIOD '%d'", m_archPeriodMin);
         return;
     }
-    time_t curr = 0;
-    int rateHour = 0;
-    GetTimestamps(curr, rateHour);
-    if (to > curr) {
-        char text[32];
-        struct tm tm {};
-        gmtime_r(&curr, &tm);
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)",
-                id, nm, static_cast<int>(curr), text);
-        to = curr;
-    }
-    if (from > to)
-        return;
+    const time_t from = sink.from();
+    const time_t to = sink.to();
 
     m_events = archType == ARCH_JOURNAL_EVENT;
     m_fields = m_events ? &kEkEventFields : isTc() ? &kTcIntervalFields : &kEkIntervalFields;
@@ -717,26 +655,28 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
     // A device without this archive (it answers with an error code, or not at
     // all) costs this archive only: the cycle goes on to the next one.
     if (!sendRequest(prefix + " Headers")) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - CAN'T READ %s HEADERS, ARCHIVE SKIPPED !!!", id, nm,
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - CAN'T READ %s HEADERS, ARCHIVE SKIPPED !!!",
                 archTypeName(archType));
         return;
     }
     if (m_headerCount != m_fields->size()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - REAL HEADERS COUNT %d DOESN'T MATCH DATA RECORDS GIVEN COUNT %d !!!",
-                id, nm, static_cast<int>(m_headerCount), static_cast<int>(m_fields->size()));
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - REAL HEADERS COUNT %d DOESN'T MATCH DATA RECORDS GIVEN COUNT %d !!!", static_cast<int>(m_headerCount), static_cast<int>(m_fields->size()));
         return;
     }
     if (!sendRequest(prefix + " Units"))
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - this archive doen't support units !!!", id, nm);
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - this archive doen't support units !!!");
 
     m_from = from;
     m_to = to;
     m_lastRecord = 0;
-    m_lastNumber = -1;
-    m_out = &out;
+    m_taken = 0;
+    m_sink = &sink;
     m_archType = archType;
     m_damaged = false;
     m_period = m_events ? 0 : archType == ARCH_DAILY && !isTc() ? 86400 : (m_archPeriodMin > 0 ? m_archPeriodMin : 60) * 60;
+    m_hasIdx = (*m_fields)[1] == std::string("ArchIdx");
+    // Without record numbers (TC2xx) the sink finds a hole by the period.
+    sink.setInterval(m_hasIdx ? 0 : m_period);
     // A meter that keeps ending blocks with EOT would be acknowledged for ever:
     // no transfer takes more blocks than its window holds records, and a margin.
     const long blockLimit = (m_events ? kJournalBlocks : static_cast<long>((to - from) / m_period) + 1) + kBlockMargin;
@@ -747,12 +687,12 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         long blocks = 1;
         while (ok && !m_damaged && isNextRequest(to)) {
             if (++blocks > blockLimit) {
-                MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - MORE THAN %ld BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!",
-                        id, nm, blockLimit);
+                MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - MORE THAN %ld BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!", blockLimit);
                 bounded = true;
                 break;
             }
-            flushArchive(out);
+            if (!sink.endBlock())
+                break;
             ok = sendRequest(prefix + " Data Next");
         }
         if (bounded || isStopping() || (ok && !m_damaged) || ++again > kReadsAgain)
@@ -764,42 +704,39 @@ void CmtdEK2xxTC2xx::get_arch_values(int archType, time_t from, time_t to, std::
         m_damaged = false;
         if (m_lastRecord != 0)
             m_from = m_events ? m_lastRecord : m_lastRecord + 1;
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - read again from %d", id, nm,
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::get_arch_values() - read again from %d",
                 static_cast<int>(m_from));
         ok = sendRequest(prefix + " Data 1st", archArgument(*first, m_from, to, archType == ARCH_DAILY));
     }
-    m_out = nullptr;
+    m_sink = nullptr;
     if ((ok && !m_damaged && !bounded) || (isStopping() && !bounded)) {
         // A stop between blocks, or one that refused the next block's request,
         // ends the transfer where it is: what came whole is kept.
-        if (isStopping() && m_events)
-            holdBackNewestSecond(out);
+        if (isStopping())
+            sink.interrupted();
         return;
     }
     // Keep what came whole, up to the last good record, and let the cycle go
     // on; the next read starts after it.
-    MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!",
-            id, nm, static_cast<int>(out.size()), static_cast<int>(m_lastRecord));
-    if (m_events)
-        holdBackNewestSecond(out);
+    MTD_DLOG(Err, "CmtdEK2xxTC2xx::get_arch_values() - ARCHIVE TRANSFER BROKEN - KEEP %d RECORDS UP TO %d !!!", static_cast<int>(m_taken), static_cast<int>(m_lastRecord));
+    sink.interrupted();
 }
 
 bool CmtdEK2xxTC2xx::isNextRequest(time_t to) {
     if (m_lastRecord > to) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - STOP BY TIME !!!", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - STOP BY TIME !!!");
         return false;
     }
     const size_t end = m_reply.size() - (m_proto->replyHasBcc() ? 1 : 0);
     if (end == 0 || m_reply[end - 1] != CGost61107Connector::EOT) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop by device !!!", logId(), driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - stop by device !!!");
         return false;
     }
     if (isStopping()) {
-        MTD_LOG(Info, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - stop requested between blocks", logId(),
-                driverName());
+        MTD_DLOG(Info, "CmtdEK2xxTC2xx::isNextRequest() - stop requested between blocks");
         return false;
     }
-    MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::isNextRequest() - send next ACK ...", logId(), driverName());
+    MTD_DLOG(Debug, "CmtdEK2xxTC2xx::isNextRequest() - send next ACK ...");
     return true;
 }
 
@@ -843,8 +780,7 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
             i = c + 1;
         }
         if (!good || values.size() != m_fields->size()) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD '%.32s' - SKIP THIS RECORD !!!", logId(),
-                    driverName(), line.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD '%.32s' - SKIP THIS RECORD !!!", line.c_str());
             if (endTransferAtDamage())
                 return true;
             continue;
@@ -852,13 +788,12 @@ bool CmtdEK2xxTC2xx::parseArchBlock(const std::vector<std::string>&) {
         // The check sum covers the text up to the ")" before it.
         std::string covered = line.substr(0, line.rfind('('));
         if (Crc16Arc::hex(covered) != values.back()) {
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD CRC '%s' - SKIP THIS RECORD !!!", logId(),
-                    driverName(), values.back().c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD CRC '%s' - SKIP THIS RECORD !!!", values.back().c_str());
             if (endTransferAtDamage())
                 return true;
             continue;
         }
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - CRC Ok", logId(), driverName());
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - CRC Ok");
         if (!parseArch(values) && m_damaged)
             return true;
     }
@@ -883,63 +818,34 @@ bool CmtdEK2xxTC2xx::endTransferAtDamage() {
         m_damagedTimes = 1;
     }
     if (m_damagedTimes >= kDamagedTransfers) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!",
-                logId(), driverName(), static_cast<int>(after), m_damagedTimes);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - RECORD AFTER %d DAMAGED %d TIMES - SKIPPED FOR GOOD !!!", static_cast<int>(after), m_damagedTimes);
         m_damagedAfter = -1;
-        m_lastNumber = -1;  // the next record may follow the skipped one
+        m_sink->resync();  // the next record may follow the skipped one
         return false;
     }
-    MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE",
-            logId(), driverName(), static_cast<int>(after));
+    MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - DAMAGED RECORD AFTER %d - READ AGAIN FROM THERE", static_cast<int>(after));
     m_damaged = true;
     return true;
 }
 
 bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
-    const long long id = logId();
-    const char* nm = driverName();
     ArchiveRecord rec;
     rec.sys = std::atoi(m_sys.c_str()) > 0 ? std::atoi(m_sys.c_str()) : 1;
     time_t ts = 0;
     for (size_t i = 0; i < values.size(); ++i) {
         const char* field = (*m_fields)[i];
         if (!values[i].empty() && values[i][0] == '#')
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - GET ERROR CODE INSTEAD OF FIELD VALUE '%s' !!!", id,
-                    nm, field);
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - GET ERROR CODE INSTEAD OF FIELD VALUE '%s' !!!", field);
         if (std::strcmp(field, "DateTime") == 0 && !parseDateTime(values[i], ts))
             return false;
         rec.fields.emplace_back(field, values[i]);
     }
-    // Records carry consecutive numbers (the archive's own one where the model
-    // has it) and interval archives a fixed period: a jump means records were
-    // lost on the way, a number seen already a block the meter sent again.
-    const bool hasIdx = (*m_fields)[1] == std::string("ArchIdx");
+    const char* numberText = values[m_hasIdx ? 1 : 0].c_str();
     char* numEnd = nullptr;
-    const long long number = std::strtoll(values[hasIdx ? 1 : 0].c_str(), &numEnd, 10);
-    if (values[hasIdx ? 1 : 0].empty() || *numEnd != '\0') {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!", id, nm,
-                values[hasIdx ? 1 : 0].c_str());
+    const long long number = std::strtoll(numberText, &numEnd, 10);
+    if (*numberText == '\0' || *numEnd != '\0') {
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - BAD RECORD NUMBER '%s' !!!", numberText);
         return !endTransferAtDamage();
-    }
-    if (m_lastNumber >= 0 && number <= m_lastNumber) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.", id, nm,
-                number);
-        return true;
-    }
-    const bool numberJump = hasIdx && m_lastNumber >= 0 && number != m_lastNumber + 1;
-    const bool timeJump = !hasIdx && m_period > 0 && m_lastNumber >= 0 && ts - m_lastRecord > m_period;
-    if (numberJump || timeJump) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", id,
-                nm, number, static_cast<int>(ts));
-        if (endTransferAtDamage())
-            return false;
-    }
-    m_lastNumber = number;
-    m_lastRecord = ts;
-    if (ts < m_from || ts > m_to) {
-        MTD_LOG(Debug, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.", id, nm,
-                static_cast<int>(ts), static_cast<int>(m_from), static_cast<int>(m_to));
-        return true;
     }
     rec.timestamp = ts;
     if (m_events) {
@@ -949,53 +855,71 @@ bool CmtdEK2xxTC2xx::parseArch(const std::vector<std::string>& values) {
         if (code.empty() || *end != '\0' || n > 0xFFFF) {
             // Kept with its code as the meter gave it: a journal entry the
             // meter holds is never left out.
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - WRONG EVENT CODE = '%s' !!!", id, nm, code.c_str());
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::parseArch() - WRONG EVENT CODE = '%s' !!!", code.c_str());
             rec.fields.emplace_back("event", "unknown");
             rec.fields.emplace_back("state", "unknown");
             rec.fields.emplace_back("intervention", "0");
-            if (m_out)
-                m_out->push_back(std::move(rec));
-            return true;
+            return take(std::move(rec), number);
         }
         const EventClass* found = nullptr;
         for (const auto& e : kEventTable)
             if (e.code == (n & 0x7FFF))
                 found = &e;
         if (!found) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::parseArch() - UNKNOWN EVENT CODE '%s' = '%s' (0x%04x) !!!", id,
-                    nm, "Event", code.c_str(), static_cast<unsigned>(n));
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - UNKNOWN EVENT CODE '%s' = '%s' (0x%04x) !!!", "Event", code.c_str(), static_cast<unsigned>(n));
         }
         rec.fields.emplace_back("event", found ? found->event : "unknown");
         rec.fields.emplace_back("state", (n & 0x8000) ? "on" : "off");
         rec.fields.emplace_back("intervention", found && found->intervention ? "1" : "0");
     }
-    if (m_out)
-        m_out->push_back(std::move(rec));
+    return take(std::move(rec), number);
+}
+
+// Records carry consecutive numbers where the model has an archive index
+// (ArchIdx), interval archives a fixed period: a jump means records were lost
+// on the way (the sink tells), a number seen already a block the meter sent
+// again.
+bool CmtdEK2xxTC2xx::take(ArchiveRecord rec, long long number) {
+    if (!m_sink)
+        return true;
+    const time_t ts = static_cast<time_t>(rec.timestamp);
+    CArchiveSink::Verdict verdict = m_sink->add(rec, m_hasIdx ? number : -1);
+    if (verdict == CArchiveSink::Gap) {
+        MTD_DLOG(Warning, "CmtdEK2xxTC2xx::parseArch() - HOLE IN THE ARCHIVE BEFORE RECORD %lld (%d) !!!", number, static_cast<int>(ts));
+        if (endTransferAtDamage())
+            return false;
+        verdict = m_sink->add(std::move(rec), m_hasIdx ? number : -1);
+    }
+    m_lastRecord = m_sink->lastTime();
+    const bool outside = ts < m_sink->from() || ts > m_sink->to();
+    if (verdict == CArchiveSink::Taken)
+        ++m_taken;
+    else if (verdict == CArchiveSink::Skipped && !outside)
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record %lld is here already. Skip it.", number);
+    else if (outside)
+        MTD_DLOG(Debug, "CmtdEK2xxTC2xx::parseArch() - record timestamp %d is out of %d...%d. Skip it.",
+                 static_cast<int>(ts), static_cast<int>(m_sink->from()), static_cast<int>(m_sink->to()));
     return true;
 }
 
 void CmtdEK2xxTC2xx::writeGasPasport() {
-    const long long id = logId();
-    const char* nm = driverName();
     std::map<std::string, std::string> values;
     if (!GetGasPassportParams(values))
         return;
-    MTD_LOG(Info, "[%lld][%s] --- CmtdEK2xxTC2xx::writeGasPasport() ----------------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdEK2xxTC2xx::writeGasPasport() ----------------------------------");
     // In a K calculation mode without gas analysis the device does not use the
     // passport: nothing is written (the request file is gone all the same).
     if (!isTc() && !m_hasPassport) {
         if (m_model == EK270)
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.",
-                    id, nm, m_kcMode);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - EK270 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 7.", m_kcMode);
         else
-            MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.",
-                    id, nm, m_kcMode);
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+            MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - EK260 - NO GAS PASSPORT IN _KcMode = %d. Must be 2 or 1.", m_kcMode);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
         return;
     }
     if (isTc() || !openSupplierAccess()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - CAN'T OPEN SUPPLIER LOCK", id, nm);
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - CAN'T OPEN SUPPLIER LOCK");
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
         return;
     }
     if (m_passPUnit == 0 && values.count("PassP") && sendRequest("Read PassP"))
@@ -1014,10 +938,10 @@ void CmtdEK2xxTC2xx::writeGasPasport() {
         if (row && row->kind == K::WriteW1 && sendRequest(name, value)) {
             ++written;
         } else {
-            MTD_LOG(Warning, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - WARNING! CAN'T WRITE PARAM '%s' !!!", id, nm,
+            MTD_DLOG(Warning, "CmtdEK2xxTC2xx::writeGasPasport() - WARNING! CAN'T WRITE PARAM '%s' !!!",
                     kv.first.c_str());
         }
     }
     if (written == 0)
-        MTD_LOG(Err, "[%lld][%s] CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!", id, nm);
+        MTD_DLOG(Err, "CmtdEK2xxTC2xx::writeGasPasport() - ERROR! CAN'T WRITE GAS PASSPORT !!!");
 }

@@ -40,7 +40,8 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    bool hasArchive(int archType) const override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     void writeGasPasport() override;
@@ -82,6 +83,8 @@ private:
     bool parseUnits(const std::vector<std::string>& values);
     bool parseArchBlock(const std::vector<std::string>& values);
     bool parseArch(const std::vector<std::string>& values);
+    // Hands one parsed record to the sink; false when the transfer ends at a hole.
+    bool take(ArchiveRecord rec, long long number);
     // A record of the block failed its check or follows a hole: true when the
     // transfer ends before it (read again), false when it is taken as it is.
     bool endTransferAtDamage();
@@ -101,7 +104,7 @@ private:
 
     // From the configuration (init).
     std::string m_consumerPassword, m_supplierPassword, m_address, m_sys = "1";
-    int m_srvTZ = 0, m_puTZ = 0;
+    int m_srvTZ = 0;
 
     // From the device.
     char m_deviceSpeed = '5';
@@ -121,9 +124,10 @@ private:
     size_t m_headerCount = 0;
     bool m_events = false;
     time_t m_from = 0, m_to = 0, m_lastRecord = 0;
-    long long m_lastNumber = -1;  // record number of the last good record; -1 none yet
+    bool m_hasIdx = false;        // the records carry the archive's own index
+    size_t m_taken = 0;           // records the sink took in this read
     time_t m_period = 0;          // seconds between records of an interval archive; 0 journals
-    std::vector<ArchiveRecord>* m_out = nullptr;
+    CArchiveSink* m_sink = nullptr;  // the read in progress
     int m_archType = 0;
     bool m_damaged = false;  // this transfer ended at a damaged record
     // Where the last damaged record sat (archive, last good record before it)

@@ -42,8 +42,7 @@ void CLogikaBaseDriver::checkSerial(const std::string& read) const {
     const std::string given = m_config.serial_text.empty() ? m_config.true_serial : m_config.serial_text;
     if (given.empty() || read == given)
         return;
-    MTD_LOG(Err, "[%lld][%s] %s::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.",
-            logId(), driverName(), driverName(), read.c_str(), given.c_str());
+    MTD_DLOG(Err, "%s::get_all_system_values() - READ SERIAL '%s' != GIVEN SERIAL '%s' !!! EXCEPTION WILL BE THROWN.", driverName(), read.c_str(), given.c_str());
     throw CWrongPacketException("serial number mismatch");
 }
 
@@ -51,7 +50,7 @@ bool CLogikaBaseDriver::m4PressureFactor(int code, const char* function, double&
     static const uint32_t kUnits[] = {DU_KGF_CM2, DU_MPA, DU_BAR};
     if (code < 0 || code >= static_cast<int>(sizeof kUnits / sizeof kUnits[0]) ||
         !pressureFactor(kUnits[code], factor)) {
-        MTD_LOG(Err, "[%lld][%s] %s::%s() - UNKNOWN PRESSURE UNIT %d", logId(), driverName(), driverName(), function,
+        MTD_DLOG(Err, "%s::%s() - UNKNOWN PRESSURE UNIT %d", driverName(), function,
                 code);
         return false;
     }
@@ -59,7 +58,7 @@ bool CLogikaBaseDriver::m4PressureFactor(int code, const char* function, double&
 }
 
 void CLogikaBaseDriver::noDeviceTime(const char* function, const char* what) const {
-    MTD_LOG(Err, "[%lld][%s] %s::%s() - %s", logId(), driverName(), driverName(), function, what);
+    MTD_DLOG(Err, "%s::%s() - %s", driverName(), function, what);
     throw CNoDateTimeException("device time");
 }
 
@@ -67,8 +66,7 @@ void CLogikaBaseDriver::refusePassport(const char* model, int version) {
     std::map<std::string, std::string> values;
     if (!GetGasPassportParams(values))
         return;
-    MTD_LOG(Warning, "[%lld][%s] %s::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!",
-            logId(), driverName(), driverName(), model, version);
+    MTD_DLOG(Warning, "%s::writeGasPasport() - DEVICE '%s' (VERSION %d) DOESN'T SUPPORT GAS PASSPORT !!!", driverName(), model, version);
 }
 
 }  // namespace logika

@@ -25,6 +25,8 @@ class CLogikaBaseDriver : public gas::CMtdGasBaseDriver {
 public:
     // Nothing to send: the meter forgets the session after a minute of silence.
     void session_close() override {}
+    // The meter's clock reading, "YYYY-MM-DD,hh:mm:ss".
+    std::string clockText(time_t t) const override { return deviceTimeText(t); }
 
 protected:
     // The first entry of "systems" (default "1"); sets m_sys and returns it.

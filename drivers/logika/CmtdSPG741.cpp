@@ -121,13 +121,11 @@ void CmtdSPG741::SaveConnector(CConnector* connector) {
 }
 
 bool CmtdSPG741::init() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] SPG741 driver version %02X.%02X, compiled: %s %s", id, nm, kVersionMajor, kVersionMinor,
+    MTD_DLOG(Info, "SPG741 driver version %02X.%02X, compiled: %s %s", kVersionMajor, kVersionMinor,
             __DATE__, __TIME__);
     const std::string systems = m_config.get("systems");
     takeSystem();
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::init() - serial '%s', address %d, systems %s, device TZ = %d", id, nm,
+    MTD_DLOG(Info, "CmtdSPG741::init() - serial '%s', address %d, systems %s, device TZ = %d",
             m_config.serial_text.c_str(), m_netAddr, systems.c_str(), deviceTzHours());
     if (!m_proto)
         throw CDisconnectException("no connector");
@@ -136,10 +134,10 @@ bool CmtdSPG741::init() {
         m_connector->close_device();
         throw CDisconnectException("no answer to the session start");
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::init() - identifier 0x%02X%02X, firmware version 0x%02X", id, nm,
+    MTD_DLOG(Info, "CmtdSPG741::init() - identifier 0x%02X%02X, firmware version 0x%02X",
             m_ident[0], m_ident[1], m_ident[2]);
     if (m_ident[0] != kIdent[0] || m_ident[1] != kIdent[1]) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::init() - DEVICE 0x%02X%02X IS NOT AN SPG741 !!!", id, nm, m_ident[0],
+        MTD_DLOG(Err, "CmtdSPG741::init() - DEVICE 0x%02X%02X IS NOT AN SPG741 !!!", m_ident[0],
                 m_ident[1]);
         throw CWrongPacketException("not an SPG741");
     }
@@ -150,7 +148,7 @@ void CmtdSPG741::cycle_end() {
     // The dialect has no closing frame; the meter ends the session after a
     // minute of silence. The next cycle starts a new one.
     m_haveSystem = false;
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::cycle_end() - session left", logId(), driverName());
+    MTD_DLOG(Info, "CmtdSPG741::cycle_end() - session left");
 }
 
 bool CmtdSPG741::readSystemBlock() {
@@ -178,8 +176,7 @@ bool CmtdSPG741::readClock(time_t& t, std::string& text) {
     if (!m_proto || !m_proto->readRam("Read Date & Time", kRamClock, 6, clock))
         return false;
     if (!deviceToUnix(clock.data(), t)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::readClock() - CAN'T PARSE %02X %02X %02X %02X %02X %02X", logId(),
-                driverName(), clock[0], clock[1], clock[2], clock[3], clock[4], clock[5]);
+        MTD_DLOG(Err, "CmtdSPG741::readClock() - CAN'T PARSE %02X %02X %02X %02X %02X %02X", clock[0], clock[1], clock[2], clock[3], clock[4], clock[5]);
         return false;
     }
     text = deviceTimeText(t);
@@ -197,19 +194,17 @@ bool CmtdSPG741::GetTimestamps(time_t& deviceTime, int& rateHour) {
 }
 
 std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG741::get_all_system_values() ----------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSPG741::get_all_system_values() ----------------------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string text;
     readClock(now, text);
     auto add = [&](const char* name, const std::string& value) {
-        MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_all_system_values() - %s = %s", id, nm, name, value.c_str());
+        MTD_DLOG(Info, "CmtdSPG741::get_all_system_values() - %s = %s", name, value.c_str());
         out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     if (!readSystemBlock()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+        MTD_DLOG(Err, "CmtdSPG741::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
         return out;
     }
     const std::string serial = std::to_string(m_serial);
@@ -222,11 +217,11 @@ std::vector<CValueRecord> CmtdSPG741::get_all_system_values() {
     if (m_rateHour <= 23)
         add("RateHour", std::to_string(m_rateHour));
     else
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_system_values() - WRONG RATE HOUR %d !!!", id, nm, m_rateHour);
+        MTD_DLOG(Err, "CmtdSPG741::get_all_system_values() - WRONG RATE HOUR %d !!!", m_rateHour);
     if (m_rateDay >= 1 && m_rateDay <= 28)
         add("RateDay", std::to_string(m_rateDay));
     else
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_all_system_values() - WRONG RATE DAY %d !!!", id, nm, m_rateDay);
+        MTD_DLOG(Err, "CmtdSPG741::get_all_system_values() - WRONG RATE DAY %d !!!", m_rateDay);
     add("ArchivePeriod", "60");
     return out;
 }
@@ -238,9 +233,7 @@ bool CmtdSPG741::pressureFactorOfDevice(double& factor) {
 }
 
 std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG741::get_all_curtime_cur_integ_values() -----------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSPG741::get_all_curtime_cur_integ_values() -----------------");
     // The clock, the flags, the values and the totals in two reads.
     std::vector<uint8_t> ram, tail;
     if (!m_proto || !m_proto->readRam("Read Current Values", 0, CM4MemoryConnector::kMaxRamBytes, ram) ||
@@ -263,8 +256,7 @@ std::vector<CValueRecord> CmtdSPG741::get_all_curtime_cur_integ_values() {
         const uint8_t* p = ram.data() + v.offset;
         double value = v.enc == Enc::Total ? static_cast<double>(le(p, 4)) + microchipFloat(p + 4) : microchipFloat(p);
         if (!std::isfinite(value)) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdSPG741::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
-                    id, nm, v.name);
+            MTD_DLOG(Warning, "CmtdSPG741::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!", v.name);
             continue;
         }
         if (v.pressure) {
@@ -285,12 +277,12 @@ bool CmtdSPG741::readNewestSlot(const Ring& ring, unsigned& slot) {
         throw CDisconnectException("archive index");
     slot = le(index.data(), 2);
     if (slot == 0xFFFF) {
-        MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - %s archive is empty", logId(), driverName(),
+        MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s archive is empty",
                 ring.name);
         return false;
     }
     if (slot >= ring.slots) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_arch_values() - WRONG %s INDEX %u OF %u !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdSPG741::get_arch_values() - WRONG %s INDEX %u OF %u !!!",
                 ring.name, slot, ring.slots);
         return false;
     }
@@ -322,7 +314,7 @@ bool CmtdSPG741::parseRecord(const Ring& ring, const uint8_t* p, const double* p
 }
 
 time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                            std::vector<ArchiveRecord>& out) {
+                            CArchiveSink& sink) {
     const unsigned perPage = static_cast<unsigned>(CM4MemoryConnector::kPageSize / ring.recordSize);
     double factor = 0;
     const double* pf = ring.period != 0 && pressureFactorOfDevice(factor) ? &factor : nullptr;
@@ -348,25 +340,21 @@ time_t CmtdSPG741::readRing(const Ring& ring, unsigned first, unsigned count, ti
                 continue;
             last = ts;
             if (ts >= from && ts <= to)
-                out.push_back(std::move(rec));
+                sink.add(std::move(rec));
         }
-        flushArchive(out);
+        if (!sink.endBlock())
+            break;
     }
     return last;
 }
 
-void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
-    const Ring* ring = findRing(archType);
-    if (!ring) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdSPG741::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG741::get_arch_values(%s) ---------------------------------", id, nm,
-            archTypeName(archType));
-    if (!m_proto || from > to)
+bool CmtdSPG741::hasArchive(int archType) const { return findRing(archType) != nullptr; }
+
+void CmtdSPG741::get_arch_values(CArchiveSink& sink) {
+    const Ring* ring = findRing(sink.type());
+    const time_t from = sink.from();
+    const time_t to = sink.to();
+    if (!m_proto)
         return;
     unsigned newest = 0;
     if (!readNewestSlot(*ring, newest))
@@ -381,12 +369,12 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         time_t newestTime = 0;
         ArchiveRecord rec;
         if (!parseRecord(*ring, page.data() + (newest % perPage) * ring->recordSize, nullptr, newestTime, rec)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSPG741::get_arch_values() - NEWEST %s RECORD %u IS EMPTY !!!", id, nm,
+            MTD_DLOG(Err, "CmtdSPG741::get_arch_values() - NEWEST %s RECORD %u IS EMPTY !!!",
                     ring->name, newest);
             return;
         }
         if (newestTime < from) {
-            MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - %s ring read up to %d", id, nm, ring->name,
+            MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %d", ring->name,
                     static_cast<int>(newestTime));
             return;
         }
@@ -396,8 +384,8 @@ void CmtdSPG741::get_arch_values(int archType, time_t from, time_t to, std::vect
         back = static_cast<unsigned>(std::min<time_t>(periods, ring->slots - 1));
     }
     const unsigned first = (newest + ring->slots - back) % ring->slots;
-    const time_t last = readRing(*ring, first, back + 1, from, to, out);
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG741::get_arch_values() - %s ring read up to %d", id, nm, ring->name,
+    const time_t last = readRing(*ring, first, back + 1, from, to, sink);
+    MTD_DLOG(Info, "CmtdSPG741::get_arch_values() - %s ring read up to %d", ring->name,
             static_cast<int>(last));
 }
 

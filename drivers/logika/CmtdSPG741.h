@@ -72,7 +72,10 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    bool hasArchive(int archType) const override;
+    // The ring's own newest slot bounds a read; the clock is not asked for it.
+    bool archiveWindowEndsAtDeviceClock() const override { return false; }
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     // One week on from the stored timestamp.
@@ -93,7 +96,7 @@ private:
     bool readNewestSlot(const Ring& ring, unsigned& slot);
     // Reads `count` slots from `first` on; returns the newest record time seen.
     time_t readRing(const Ring& ring, unsigned first, unsigned count, time_t from, time_t to,
-                    std::vector<ArchiveRecord>& out);
+                    CArchiveSink& sink);
     // `pf`: factor of the meter's pressure unit to kgf/cm2, nullptr when unknown.
     bool parseRecord(const Ring& ring, const uint8_t* p, const double* pf, time_t& ts, ArchiveRecord& rec);
 

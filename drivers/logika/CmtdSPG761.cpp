@@ -161,8 +161,7 @@ CmtdSPG761::Blocks CmtdSPG761::splitBody(const uint8_t* reply, size_t length) {
 bool CmtdSPG761::sendRequest(const std::string& name, uint32_t a2, uint32_t a3) {
     const SRequest* row = findRequest(name);
     if (!m_proto || !row) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::sendRequest('%s') - CAN'T SEND REQUEST, NO SUCH ROW !!!", logId(),
-                driverName(), name.c_str());
+        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - CAN'T SEND REQUEST, NO SUCH ROW !!!", name.c_str());
         return false;
     }
     LogikaRequest request;
@@ -180,7 +179,7 @@ bool CmtdSPG761::sendRequest(const std::string& name, uint32_t a2, uint32_t a3) 
     int ch = -1, param = -1;
     if (blocks.empty() || blocks[0].size() < 2 || !parseInt(blocks[0][0], 0, 9, ch) ||
         !parseInt(blocks[0][1], 0, 999, param) || ch != request.channel || param != row->param) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::sendRequest('%s') - WRONG POINTER IN REPLY !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - WRONG POINTER IN REPLY !!!",
                 name.c_str());
         return false;
     }
@@ -192,7 +191,7 @@ bool CmtdSPG761::readValue(const std::string& name, std::string& value, std::str
         return false;
     Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
     if (blocks.size() < 2 || blocks[1].empty() || blocks[1][0].empty()) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::readValue('%s') - NO VALUE IN REPLY !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdSPG761::readValue('%s') - NO VALUE IN REPLY !!!",
                 name.c_str());
         return false;
     }
@@ -202,16 +201,14 @@ bool CmtdSPG761::readValue(const std::string& name, std::string& value, std::str
 }
 
 bool CmtdSPG761::init() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] SPG761 driver version %02X.%02X, compiled: %s %s", id, nm, 1, 0, __DATE__, __TIME__);
+    MTD_DLOG(Info, "SPG761 driver version %02X.%02X, compiled: %s %s", 1, 0, __DATE__, __TIME__);
     takeSystem();
     m_pipe = std::atoi(m_sys.c_str());
     if (m_pipe < 1 || m_pipe > 9) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::init() - WRONG PIPELINE '%s', USE 1", id, nm, m_sys.c_str());
+        MTD_DLOG(Warning, "CmtdSPG761::init() - WRONG PIPELINE '%s', USE 1", m_sys.c_str());
         m_pipe = 1;
     }
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG761::init() - model %s, serial '%s', pipeline %d, pu_TZ = %d", id, nm,
+    MTD_DLOG(Info, "CmtdSPG761::init() - model %s, serial '%s', pipeline %d, pu_TZ = %d",
             getMeterModelName(), m_config.serial_text.c_str(), m_pipe, deviceTzHours());
     if (!m_proto)
         throw CDisconnectException("no connector");
@@ -230,13 +227,11 @@ void CmtdSPG761::cycle_end() {
     // on must not greet the next cycle.
     if (m_connector && m_connector->is_open())
         m_connector->FlushBuffers();
-    MTD_LOG(Info, "[%lld][%s] CmtdSPG761::cycle_end() - line left idle", logId(), driverName());
+    MTD_DLOG(Info, "CmtdSPG761::cycle_end() - line left idle");
 }
 
 std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_all_system_values() ----------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSPG761::get_all_system_values() ----------------------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
@@ -246,7 +241,7 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
     };
     std::string value, unit;
     if (!readValue("Read Identifier", value, unit)) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
     } else {
         checkSerial(value);
         add("SerialNumber", value);
@@ -256,27 +251,26 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
         const std::string wanted = m_model == 1 ? "761.1" : "761";
         const std::string model = value.substr(0, value.find(' '));
         if (model != wanted && !(m_model == 0 && model == "761.2"))
-            MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_all_system_values() - METER REPORTS MODEL '%s', CONFIGURED %s",
-                    id, nm, model.c_str(), getMeterModelName());
+            MTD_DLOG(Warning, "CmtdSPG761::get_all_system_values() - METER REPORTS MODEL '%s', CONFIGURED %s", model.c_str(), getMeterModelName());
         add("MeterModel", model);
         if (value.find(' ') != std::string::npos)
             add("Firmware", value.substr(value.find(' ') + 1));
     } else {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
                 "Read Model");
     }
     int day = 0;
     if (readValue("Read Rate Day", value, unit) && parseInt(value, 1, 31, day))
         add("RateDay", value);
     else
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
                 "Read Rate Day");
     int hour = 0;
     if (readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour)) {
         m_rateHour = hour;
         add("RateHour", value);
     } else {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - WRONG RATE HOUR '%s' !!!", id, nm, value.c_str());
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - WRONG RATE HOUR '%s' !!!", value.c_str());
     }
     if (sendRequest("Read Gas Composition")) {
         Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
@@ -284,7 +278,7 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
             if (!blocks[i + 1].empty() && parseNumber(blocks[i + 1][0]))
                 add(kComposition[i].name, blocks[i + 1][0], kComposition[i].unit);
     } else {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id, nm,
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
                 "Read Gas Composition");
     }
     return out;
@@ -299,7 +293,7 @@ bool CmtdSPG761::deviceTime(time_t& t, std::string& text) {
     if (std::sscanf(date.c_str(), "%2d-%2d-%2d%c", &d, &mo, &y, &tail) != 3 ||
         std::sscanf(time.c_str(), "%2d-%2d-%2d%c", &h, &mi, &s, &tail) != 3 || d < 1 || d > 31 || mo < 1 || mo > 12 ||
         y < 0 || h > 23 || h < 0 || mi < 0 || mi > 59 || s < 0 || s > 59) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSPG761::deviceTime() - CAN'T PARSE '%s %s'", logId(), driverName(), date.c_str(),
+        MTD_DLOG(Err, "CmtdSPG761::deviceTime() - CAN'T PARSE '%s %s'", date.c_str(),
                 time.c_str());
         return false;
     }
@@ -325,15 +319,13 @@ double CmtdSPG761::getPressureCoef(const std::string& unit) const {
     for (const auto& u : kPressureUnits)
         if (unit == u.text && pressureFactor(u.unit, factor))
             return factor;
-    MTD_LOG(Err, "[%lld][%s] CmtdSPG761::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'", logId(), driverName(),
+    MTD_DLOG(Err, "CmtdSPG761::getPressureCoef() - UNKNOWN PRESSURE UNIT '%s'",
             unit.c_str());
     return 0;
 }
 
 std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_all_curtime_cur_integ_values() -----------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSPG761::get_all_curtime_cur_integ_values() -----------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
@@ -343,8 +335,7 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     for (const auto& cur : kCurrent) {
         std::string value, unit;
         if (!readValue(cur.request, value, unit) || !parseNumber(value)) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
-                    id, nm, cur.request);
+            MTD_DLOG(Warning, "CmtdSPG761::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!", cur.request);
             continue;
         }
         CValueRecord r = makeValue(cur.name, value, cur.unit, now, m_sys);
@@ -359,27 +350,12 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
     return out;
 }
 
-void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
-    if (archType != ARCH_HOURLY && archType != ARCH_DAILY && archType != ARCH_JOURNAL_EVENT) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdSPG761::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSPG761::get_arch_values(%s) ---------------------------------", id, nm,
-            archTypeName(archType));
-    time_t curr = 0;
-    int rateHour = 0;
-    GetTimestamps(curr, rateHour);
-    if (to > curr) {
-        MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %d (%s)",
-                id, nm, static_cast<int>(curr), deviceTimeText(curr).c_str());
-        to = curr;
-    }
-    if (from > to)
-        return;
-    if (!readArchiveWindow(archType, from, to, out))
+bool CmtdSPG761::hasArchive(int archType) const {
+    return archType == ARCH_HOURLY || archType == ARCH_DAILY || archType == ARCH_JOURNAL_EVENT;
+}
+
+void CmtdSPG761::get_arch_values(CArchiveSink& sink) {
+    if (!readArchiveWindow(sink))
         throw CDisconnectException("archive transfer broken");
 }
 
@@ -389,13 +365,12 @@ void CmtdSPG761::get_arch_values(int archType, time_t from, time_t to, std::vect
 // that no record is stored past a hole the line made. Journal entries only
 // must not go back in time; several may share a second, so the next request
 // starts at the second of the last entry and what was had is not taken twice.
-// The entries of the newest second are handed on only once a later second or
-// the end of the journal shows they are all there: a transfer broken between
-// two entries of one second leaves the whole second to the next cycle, which
-// reads on from the second after the newest stored entry.
-bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
+// A transfer broken between two entries of one second leaves the whole second
+// to the next cycle (the sink holds it back).
+bool CmtdSPG761::readArchiveWindow(CArchiveSink& sink) {
+    const int archType = sink.type();
+    const time_t from = sink.from();
+    const time_t to = sink.to();
     const bool journal = archType == ARCH_JOURNAL_EVENT;
     const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
     const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
@@ -405,18 +380,12 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
     const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
     time_t last = from - 1;
     std::vector<std::vector<std::string>> atLast;  // journal entries of the second `last`
-    std::vector<ArchiveRecord> held;                // journal entries of `last`, not handed on yet
-    auto handOn = [&] {
-        for (auto& rec : held)
-            out.push_back(std::move(rec));
-        held.clear();
-    };
     for (time_t start = from; start <= to;) {
         if (!sendRequest(request, protocolTimeArg(start), protocolTimeArg(to)))
             return false;
         Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
         if ((blocks.size() - 1) % 2 != 0) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_arch_values() - BROKEN RECORD BLOCKS (%d) !!!", id, nm,
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BROKEN RECORD BLOCKS (%d) !!!",
                     static_cast<int>(blocks.size()));
             return false;
         }
@@ -436,13 +405,11 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             // Nothing may come from before the start asked for: a meter that
             // sent it would be asked the same again and again.
             if (!good || ts < last || ts < start) {
-                MTD_LOG(Err, "[%lld][%s] CmtdSPG761::get_arch_values() - BAD RECORD %d AFTER %d - TRANSFER ENDS !!!",
-                        id, nm, static_cast<int>(ts), static_cast<int>(last));
+                MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD RECORD %d AFTER %d - TRANSFER ENDS !!!", static_cast<int>(ts), static_cast<int>(last));
                 return false;
             }
             if (ts > to) {
-                MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - STOP BY TIME !!!", id, nm);
-                handOn();
+                MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - STOP BY TIME !!!");
                 return true;
             }
             if (ts == last) {
@@ -453,7 +420,6 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
                     continue;
             } else {
                 atLast.clear();
-                handOn();
             }
             atLast.push_back(values);
             ArchiveRecord rec;
@@ -462,21 +428,20 @@ bool CmtdSPG761::readArchiveWindow(int archType, time_t from, time_t to, std::ve
             rec.fields.emplace_back("DateTime", deviceTimeText(ts));
             for (size_t i = 0; i < values.size(); ++i)
                 rec.fields.emplace_back(fields[i], values[i]);
-            (journal ? held : out).push_back(std::move(rec));
+            sink.add(std::move(rec));
             advanced = advanced || ts > start || !journal;
             last = ts;
         }
         if (records == 0) {
-            MTD_LOG(Info, "[%lld][%s] CmtdSPG761::get_arch_values() - stop by device !!!", id, nm);
-            handOn();
+            MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - stop by device !!!");
             return true;
         }
-        flushArchive(out);
+        if (!sink.endBlock())
+            return true;
         // A journal reply that brought nothing past its start second had the
         // whole reply at one second: go on after it rather than ask again.
         start = journal ? (advanced ? last : last + 1) : last + period;
     }
-    handOn();
     return true;
 }
 

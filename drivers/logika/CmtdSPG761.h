@@ -65,7 +65,8 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    bool hasArchive(int archType) const override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     void writeGasPasport() override;
@@ -87,7 +88,7 @@ private:
     // The value and unit of the last 0x1D reply.
     bool readValue(const std::string& name, std::string& value, std::string& unit);
     bool deviceTime(time_t& t, std::string& text);
-    bool readArchiveWindow(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out);
+    bool readArchiveWindow(CArchiveSink& sink);
 
     int m_model;
     std::unique_ptr<SpNet::CSpNet> m_proto;

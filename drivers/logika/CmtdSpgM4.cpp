@@ -156,16 +156,14 @@ void CmtdSpgM4::SaveConnector(CConnector* connector) {
 }
 
 bool CmtdSpgM4::init() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::init() -----------------------------------------------", id, nm);
-    MTD_LOG(Info, "[%lld][%s] SPG742 driver version %02X.%02X, compiled: %s %s", id, nm, 1, 0, __DATE__, __TIME__);
+    MTD_DLOG(Info, "--- CmtdSpgM4::init() -----------------------------------------------");
+    MTD_DLOG(Info, "SPG742 driver version %02X.%02X, compiled: %s %s", 1, 0, __DATE__, __TIME__);
     const std::string systems = m_config.get("systems");
     takeSystem();
-    MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::init() - serial '%s', address '%s', systems %s, pu_TZ = %d", id, nm,
+    MTD_DLOG(Info, "CmtdSpgM4::init() - serial '%s', address '%s', systems %s, pu_TZ = %d",
             m_config.serial_text.c_str(), m_config.get("address").c_str(), systems.c_str(), deviceTzHours());
     if (m_model != SPG742) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::init() - UNKNOWN MODEL %d", id, nm, m_model);
+        MTD_DLOG(Err, "CmtdSpgM4::init() - UNKNOWN MODEL %d", m_model);
         return false;
     }
     if (!m_proto)
@@ -180,7 +178,7 @@ bool CmtdSpgM4::init() {
     }
     m_ident = static_cast<uint16_t>(m_proto->reply()[3] << 8 | m_proto->reply()[4]);
     if (m_ident != kIdentSpg742)
-        MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::init() - IDENTIFICATION 0x%04X IS NOT SPG742 (0x%04X) !!!", id, nm,
+        MTD_DLOG(Warning, "CmtdSpgM4::init() - IDENTIFICATION 0x%04X IS NOT SPG742 (0x%04X) !!!",
                 m_ident, kIdentSpg742);
     m_session = true;
     return true;
@@ -190,7 +188,7 @@ void CmtdSpgM4::cycle_end() {
     if (!m_session)
         return;
     m_session = false;
-    MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::cycle_end() - session left to time out", logId(), driverName());
+    MTD_DLOG(Info, "CmtdSpgM4::cycle_end() - session left to time out");
 }
 
 bool CmtdSpgM4::readParam(const SParam& p, M4::ParamValue& value) {
@@ -199,7 +197,7 @@ bool CmtdSpgM4::readParam(const SParam& p, M4::ParamValue& value) {
     // Body: 72, then the parameter's element.
     if (m_proto->bodyLength() < 3 || m_proto->body()[0] != M4::kFnReadParam ||
         !m_proto->GetParamValue(m_proto->body() + 1, m_proto->bodyLength() - 1, value) || value.tag == 0x05) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::readParam() - NO VALUE IN REPLY TO '%s' !!!", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdSpgM4::readParam() - NO VALUE IN REPLY TO '%s' !!!",
                 p.name);
         return false;
     }
@@ -212,7 +210,7 @@ bool CmtdSpgM4::deviceTime(time_t& t, std::string& text) {
         return false;
     if (dv.month < 1 || dv.month > 12 || dv.day < 1 || dv.day > 31 || tv.hour > 23 || tv.minute > 59 ||
         tv.second > 59) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::deviceTime() - CAN'T PARSE '%s %s'", logId(), driverName(),
+        MTD_DLOG(Err, "CmtdSpgM4::deviceTime() - CAN'T PARSE '%s %s'",
                 dv.text.c_str(), tv.text.c_str());
         return false;
     }
@@ -230,20 +228,18 @@ bool CmtdSpgM4::GetTimestamps(time_t& deviceTimeOut, int& rateHour) {
 }
 
 std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::get_all_system_values() ---------------------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSpgM4::get_all_system_values() ---------------------------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
     deviceTime(now, nowText);
     auto add = [&](const char* name, const std::string& value) {
-        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_all_system_values() - %s = '%s'", id, nm, name, value.c_str());
+        MTD_DLOG(Info, "CmtdSpgM4::get_all_system_values() - %s = '%s'", name, value.c_str());
         out.push_back(makeValue(name, value, DU_UNKNOWN, now, m_sys));
     };
     M4::ParamValue v;
     if (!readParam(kSerial, v) || v.kind != M4::ParamValue::Integer) {
-        MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!", id, nm);
+        MTD_DLOG(Err, "CmtdSpgM4::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
     } else {
         const std::string serial = std::to_string(v.integer & kSerialMask);
         checkSerial(serial);
@@ -264,8 +260,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
                         {kPressureUnit, "PressureUnit"}};
     for (const auto& row : rows) {
         if (!readParam(row.param, v)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", id,
-                    nm, row.param.name);
+            MTD_DLOG(Err, "CmtdSpgM4::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", row.param.name);
             continue;
         }
         if (&row.param == &kRateHour) {
@@ -273,7 +268,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
             const long long h = v.kind == M4::ParamValue::Integer ? static_cast<long long>(v.integer)
                                                                   : std::strtoll(v.text.c_str(), nullptr, 10);
             if (h < 0 || h > 23) {
-                MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %lld !!!", id, nm, h);
+                MTD_DLOG(Err, "CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %lld !!!", h);
                 continue;
             }
             m_rateHour = static_cast<int>(h);
@@ -296,9 +291,7 @@ bool CmtdSpgM4::toKgfCm2(double value, double& out) const {
 }
 
 std::vector<CValueRecord> CmtdSpgM4::get_all_curtime_cur_integ_values() {
-    const long long id = logId();
-    const char* nm = driverName();
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::get_all_curtime_cur_integ_values() ----------------------", id, nm);
+    MTD_DLOG(Info, "--- CmtdSpgM4::get_all_curtime_cur_integ_values() ----------------------");
     std::vector<CValueRecord> out;
     time_t now = 0;
     std::string nowText;
@@ -313,8 +306,7 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_curtime_cur_integ_values() {
     for (const auto& cur : kCurrent) {
         M4::ParamValue v;
         if (!readParam(cur, v) || v.kind != M4::ParamValue::Number) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!",
-                    id, nm, cur.name);
+            MTD_DLOG(Warning, "CmtdSpgM4::get_all_curtime_cur_integ_values() - >>> CAN'T GET CURRENT PARAMETER '%s'. SKIP IT !!!", cur.name);
             continue;
         }
         double value = v.number;
@@ -343,10 +335,8 @@ bool CmtdSpgM4::parseRecord(const SArchive& arch, const uint8_t* data, size_t si
     return pos == size;  // a record with more fields than the layout is not ours
 }
 
-bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::vector<ArchiveRecord>& out,
+bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, CArchiveSink& sink,
                              size_t& records, time_t& last) {
-    const long long id = logId();
-    const char* nm = driverName();
     const uint8_t* body = m_proto->body();
     const size_t size = m_proto->bodyLength();
     records = 0;
@@ -355,15 +345,14 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::
     for (size_t pos = 1; pos < size;) {
         M4::ParamValue c;
         if (!m_proto->GetParamValue(body + pos, size - pos, c) || c.tag != 0x30) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: BAD RECORD CONTAINER AT %u !!!", id, nm,
+            MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: BAD RECORD CONTAINER AT %u !!!",
                     arch.kind, static_cast<unsigned>(pos));
             return false;
         }
         ArchiveRecord rec;
         rec.sys = std::atoi(m_sys.c_str());
         if (!parseRecord(arch, body + pos + c.headerSize, c.length, rec)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: RECORD LAYOUT DOESN'T MATCH %u FIELDS !!!",
-                    id, nm, arch.kind, static_cast<unsigned>(arch.fields.size()));
+            MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: RECORD LAYOUT DOESN'T MATCH %u FIELDS !!!", arch.kind, static_cast<unsigned>(arch.fields.size()));
             return false;
         }
         pos += c.size();
@@ -372,8 +361,7 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::
         // off the hour grid, means the meter's archive is not what we think it
         // is: stop before it rather than store it.
         if (rec.timestamp <= last || (arch.period && (rec.timestamp % 3600) != 0)) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: RECORD TIME %lld OUT OF ORDER AFTER %lld !!!",
-                    id, nm, arch.kind, static_cast<long long>(rec.timestamp), static_cast<long long>(last));
+            MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: RECORD TIME %lld OUT OF ORDER AFTER %lld !!!", arch.kind, static_cast<long long>(rec.timestamp), static_cast<long long>(last));
             return false;
         }
         // A hole inside one transfer ends it before the hole. The next read then
@@ -381,46 +369,36 @@ bool CmtdSpgM4::parseArchive(const SArchive& arch, time_t from, time_t to, std::
         // record after the hole first, the hole is its own (a power cut) and
         // the archive goes on from there.
         if (arch.period && last >= from && last > 0 && rec.timestamp - last > arch.period) {
-            MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: NO RECORDS FROM %lld TO %lld, READ AGAIN",
-                    id, nm, arch.kind, static_cast<long long>(last + arch.period),
+            MTD_DLOG(Warning, "CmtdSpgM4::get_arch_values() - %s: NO RECORDS FROM %lld TO %lld, READ AGAIN", arch.kind, static_cast<long long>(last + arch.period),
                     static_cast<long long>(rec.timestamp - arch.period));
             return false;
         }
         last = rec.timestamp;
         if (rec.timestamp < from || rec.timestamp > to) {
-            MTD_LOG(Debug, "[%lld][%s] CmtdSpgM4::get_arch_values() - record timestamp %lld is out of %lld...%lld. Skip it.",
-                    id, nm, static_cast<long long>(rec.timestamp), static_cast<long long>(from),
+            MTD_DLOG(Debug, "CmtdSpgM4::get_arch_values() - record timestamp %lld is out of %lld...%lld. Skip it.", static_cast<long long>(rec.timestamp), static_cast<long long>(from),
                     static_cast<long long>(to));
             continue;
         }
-        out.push_back(std::move(rec));
+        if (sink.add(std::move(rec)) == CArchiveSink::Stop)
+            return false;
     }
     return true;
 }
 
-void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) {
-    const long long id = logId();
-    const char* nm = driverName();
-    const SArchive* arch = nullptr;
+const CmtdSpgM4::SArchive* CmtdSpgM4::findArchive(int archType) {
     for (const auto& a : kArchives)
         if (a.archType == archType)
-            arch = &a;
-    if (!arch) {
-        MTD_LOG(Warning, "[%lld][%s] CmtdSpgM4::get_arch_values() - ARCHIVE TYPE %d (%s) NOT SUPPORTED !!!", id, nm,
-                archType, archTypeName(archType));
-        return;
-    }
-    MTD_LOG(Info, "[%lld][%s] --- CmtdSpgM4::get_arch_values(%s) ------------------------------------", id, nm,
-            archTypeName(archType));
-    time_t now = 0;
-    int rateHour = 0;
-    GetTimestamps(now, rateHour);
-    if (to > now) {
-        MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_arch_values() - end_dt = curr_dt because end_dt > curr_dt = %lld", id,
-                nm, static_cast<long long>(now));
-        to = now;
-    }
-    MTD_LOG(Info, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s from %lld to %lld", id, nm, arch->kind,
+            return &a;
+    return nullptr;
+}
+
+bool CmtdSpgM4::hasArchive(int archType) const { return findArchive(archType) != nullptr; }
+
+void CmtdSpgM4::get_arch_values(CArchiveSink& sink) {
+    const SArchive* arch = findArchive(sink.type());
+    const time_t from = sink.from();
+    const time_t to = sink.to();
+    MTD_DLOG(Info, "CmtdSpgM4::get_arch_values() - %s from %lld to %lld", arch->kind,
             static_cast<long long>(from), static_cast<long long>(to));
     time_t start = from;
     time_t last = 0;
@@ -435,14 +413,13 @@ void CmtdSpgM4::get_arch_values(int archType, time_t from, time_t to, std::vecto
         if (!m_proto->SendRequest(r))
             throw CDisconnectException("archive request not answered");
         if (m_proto->isError()) {
-            MTD_LOG(Err, "[%lld][%s] CmtdSpgM4::get_arch_values() - %s: METER REFUSED THE REQUEST (0x%02X) !!!", id, nm,
+            MTD_DLOG(Err, "CmtdSpgM4::get_arch_values() - %s: METER REFUSED THE REQUEST (0x%02X) !!!",
                     arch->kind, m_proto->errorCode());
             return;
         }
         size_t records = 0;
-        const bool whole = parseArchive(*arch, from, to, out, records, last);
-        flushArchive(out);
-        if (!whole || records < arch->perRequest)
+        const bool whole = parseArchive(*arch, from, to, sink, records, last);
+        if (!sink.endBlock() || !whole || records < arch->perRequest)
             return;
         start = last + 1;
     }

@@ -27,7 +27,8 @@ public:
     bool init() override;
     std::vector<CValueRecord> get_all_curtime_cur_integ_values() override;
     std::vector<CValueRecord> get_all_system_values() override;
-    void get_arch_values(int archType, time_t from, time_t to, std::vector<ArchiveRecord>& out) override;
+    bool hasArchive(int archType) const override;
+    void get_arch_values(CArchiveSink& sink) override;
     bool GetTimestamps(time_t& deviceTime, int& rateHour) override;
     void cycle_end() override;
     void writeGasPasport() override;
@@ -39,6 +40,7 @@ public:
     struct SParam;
     // One archive: M4 archive code, channel, record period and the record's fields.
     struct SArchive;
+    static const SArchive* findArchive(int archType);
 
 private:
     // Reads one parameter; false when it did not come or the meter refused it.
@@ -46,7 +48,7 @@ private:
     bool deviceTime(time_t& t, std::string& text);
     // Takes the records of one archive reply apart; false at the first record
     // that must not be stored (damaged, out of order, off the period grid).
-    bool parseArchive(const SArchive& arch, time_t from, time_t to, std::vector<ArchiveRecord>& out,
+    bool parseArchive(const SArchive& arch, time_t from, time_t to, CArchiveSink& sink,
                       size_t& records, time_t& last);
     bool parseRecord(const SArchive& arch, const uint8_t* data, size_t size, ArchiveRecord& rec);
     // Pressure in the meter's unit to kgf/cm2; false for an unknown unit code.

@@ -4,6 +4,8 @@
 #include "app/CMtdMainLoop.h"
 
 #include <gtest/gtest.h>
+
+#include "support/TempDir.h"
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -97,14 +99,7 @@ private:
     bool m_stopped = false;
 };
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mtd_mainloop_XXXXXX";
-        path = std::string(mkdtemp(tmpl)) + "/";
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
+using test_support::TempDir;
 
 // Two drivers started on one line: `a` is held in its device operation until released.
 struct TwoDrivers {

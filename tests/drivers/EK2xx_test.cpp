@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
 #include "storage/GasFileConnector.h"
 #include "core/logger.h"
 #include "tools/metersim/CMeterSim.h"
@@ -161,7 +162,7 @@ TEST(EK2xx, Ek270SessionSystemAndCurrentValues) {
     cfg.errorRegisters = {"12:314.0"};
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
     ASSERT_TRUE(rig.driver.init());
-    EXPECT_EQ(rig.conn->GetParam("speed"), "19200");
+    EXPECT_EQ(rig.conn->settings().speed, 19200);
     EXPECT_EQ(rig.sim.currentBaud(), 19200);
     EXPECT_EQ(rig.sim.registerValue("4:170.0"), "1");
 
@@ -197,7 +198,7 @@ TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
     rig.driver.get_all_system_values();
 
     std::vector<ArchiveRecord> hourly;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 5 * 3600, kStart + 3600, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 5 * 3600, kStart + 3600, hourly);
     ASSERT_EQ(hourly.size(), 5u);  // 06:00 .. 10:00; the end is clipped to the device time
     EXPECT_EQ(hourly.front().timestamp, kStart - 4 * 3600 - 900);
     EXPECT_EQ(hourly.back().timestamp, kStart - 900);
@@ -209,12 +210,12 @@ TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
     EXPECT_EQ(rig.log.count("stop by device !!!"), 1);
 
     std::vector<ArchiveRecord> daily;
-    rig.driver.get_arch_values(ARCH_DAILY, kStart - 2 * 86400, kStart, daily);
+    test_support::readArchive(rig.driver, ARCH_DAILY, kStart - 2 * 86400, kStart, daily);
     ASSERT_EQ(daily.size(), 2u);
     EXPECT_EQ(daily.back().timestamp, kStart - 4 * 3600 - 900);  // 06:00, the rate hour
 
     std::vector<ArchiveRecord> events;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
     ASSERT_FALSE(events.empty());
     for (const auto& e : events) {
         ASSERT_EQ(e.fields.size(), 8u);
@@ -223,7 +224,7 @@ TEST(EK2xx, ArchivesInWindowWithCheckedRecordsAndEvents) {
     EXPECT_EQ(rig.log.count("this archive doen't support units !!!"), 1);
 
     std::vector<ArchiveRecord> none;
-    rig.driver.get_arch_values(ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
     EXPECT_TRUE(none.empty());
     EXPECT_EQ(rig.log.count("ARCHIVE TYPE 3 (Journal_Intervent_JSONRPC) NOT SUPPORTED !!!"), 1);
 }
@@ -270,7 +271,7 @@ TEST(EK2xx, LineFaultsInAnArchiveTransferLoseAndRepeatNothing) {
         rig.driver.get_all_system_values();
         std::vector<ArchiveRecord> hourly;
         const time_t from = kStart - 900 - 29 * 3600;
-        rig.driver.get_arch_values(ARCH_HOURLY, from, kStart, hourly);
+        test_support::readArchive(rig.driver, ARCH_HOURLY, from, kStart, hourly);
         expectWhole(hourly, 30, 3600, row.legend);
         if (!hourly.empty()) {
             EXPECT_EQ(hourly.front().timestamp, from) << row.legend;
@@ -289,7 +290,7 @@ TEST(EK2xx, JournalKeepsOddCodesAndWholeSecondsOnABrokenLine) {
         Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
         ASSERT_TRUE(rig.driver.init());
         std::vector<ArchiveRecord> events;
-        rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+        test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
         ASSERT_EQ(events.size(), rig.sim.archiveRecords(4, kStart - 2 * 86400, kStart).size());
         int odd = 0;
         for (const auto& e : events) {
@@ -307,7 +308,7 @@ TEST(EK2xx, JournalKeepsOddCodesAndWholeSecondsOnABrokenLine) {
     Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> events;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
     EXPECT_EQ(rig.log.count("ARCHIVE TRANSFER BROKEN"), 1);
     ASSERT_EQ(events.size(), 2u);  // the third entry's partner never came
     EXPECT_EQ(events[0].timestamp, events[1].timestamp);
@@ -322,7 +323,7 @@ TEST(EK2xx, TransferIsBoundedAndStopsBetweenBlocks) {
         Rig rig(cfg, CmtdEK2xxTC2xx::EK270);
         ASSERT_TRUE(rig.driver.init());
         std::vector<ArchiveRecord> hourly;
-        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 900 - 4 * 3600, kStart, hourly);
+        test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 900 - 4 * 3600, kStart, hourly);
         expectWhole(hourly, 5, 3600, "endless");
         EXPECT_EQ(rig.log.count("MORE THAN 15 BLOCKS FOR THIS WINDOW - TRANSFER STOPPED !!!"), 1);
     }
@@ -339,7 +340,7 @@ TEST(EK2xx, TransferIsBoundedAndStopsBetweenBlocks) {
         rig.driver.StopPolling();
     });
     std::vector<ArchiveRecord> hourly;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 900 - 400 * 3600, kStart, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 900 - 400 * 3600, kStart, hourly);
     stopper.join();
     ASSERT_FALSE(hourly.empty());
     EXPECT_LT(hourly.size(), 100u);
@@ -366,10 +367,10 @@ TEST(EK2xx, WrongSerialThrowsAndTc220HasItsOwnTable) {
                                                     "PassS"}));
     EXPECT_NEAR(std::stod(byName(cur)["P"].value), 170.0 * 0.0101972, 1e-3);
     std::vector<ArchiveRecord> hourly, daily;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 3 * 3600, kStart, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 3 * 3600, kStart, hourly);
     ASSERT_EQ(hourly.size(), 3u);
     EXPECT_EQ(hourly[0].fields.size(), 11u);
-    rig.driver.get_arch_values(ARCH_DAILY, kStart - 3 * 86400, kStart, daily);
+    test_support::readArchive(rig.driver, ARCH_DAILY, kStart - 3 * 86400, kStart, daily);
     EXPECT_TRUE(daily.empty());  // a TC2xx archives hourly or daily, this one hourly
 }
 
@@ -493,7 +494,7 @@ TEST(EK2xx, MeterTimeZoneOffsetBothWays) {
 
         // 07:00 .. 09:00 on the device clock, asked for in Unix time.
         std::vector<ArchiveRecord> hourly;
-        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 900 - 3 * 3600 - offset, kStart - 900 - 3600 - offset, hourly);
+        test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 900 - 3 * 3600 - offset, kStart - 900 - 3600 - offset, hourly);
         ASSERT_EQ(hourly.size(), 3u);
         EXPECT_EQ(hourly.front().timestamp, kStart - 900 - 3 * 3600 - offset);
         EXPECT_EQ(hourly.back().timestamp, kStart - 900 - 3600 - offset);

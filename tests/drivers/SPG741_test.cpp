@@ -11,6 +11,7 @@
 #include <map>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
 #include "protocols/LogikaTestKit.h"
 
 using logika_test::Bytes;
@@ -202,7 +203,7 @@ TEST(SPG741, HourlyWindowAcrossTheRingEnd) {
     Rig rig(meter);
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
-    rig.driver.get_arch_values(ARCH_HOURLY, t0 + 5 * 3600, t0 + 25 * 3600, out);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, t0 + 5 * 3600, t0 + 25 * 3600, out);
     ASSERT_EQ(out.size(), 21u);
     for (size_t i = 0; i < out.size(); ++i)
         EXPECT_EQ(out[i].timestamp, t0 + static_cast<time_t>(5 + i) * 3600);
@@ -214,8 +215,8 @@ TEST(SPG741, HourlyWindowAcrossTheRingEnd) {
 
     // Nothing newer than the newest record; an empty ring reads nothing.
     out.clear();
-    rig.driver.get_arch_values(ARCH_HOURLY, kNow, kNow + 3600, out);
-    rig.driver.get_arch_values(ARCH_DAILY, 0, kNow, out);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kNow, kNow + 3600, out);
+    test_support::readArchive(rig.driver, ARCH_DAILY, 0, kNow, out);
     EXPECT_TRUE(out.empty());
 }
 
@@ -240,9 +241,9 @@ TEST(SPG741, LineFaultsRetryRefuseOrEndBeforeAHole) {
         ASSERT_TRUE(rig.driver.init());
         std::vector<ArchiveRecord> out;
         if (c.throws)
-            EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, t0, kNow, out), CDisconnectException);
+            EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, t0, kNow, out), CDisconnectException);
         else
-            rig.driver.get_arch_values(ARCH_HOURLY, t0, kNow, out);
+            test_support::readArchive(rig.driver, ARCH_HOURLY, t0, kNow, out);
         ASSERT_EQ(out.size(), c.records);
         for (size_t i = 0; i < out.size(); ++i)
             EXPECT_EQ(out[i].timestamp, t0 + static_cast<time_t>(i) * 3600);  // no hole
@@ -262,7 +263,7 @@ TEST(SPG741, JournalAndRefusal) {
     Rig rig(meter);
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kNow - 2500, kNow, out);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kNow - 2500, kNow, out);
     ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(out[0].timestamp, kNow - 2000);
     EXPECT_EQ(out[0].fields[1].second, "5");
@@ -270,7 +271,7 @@ TEST(SPG741, JournalAndRefusal) {
     EXPECT_EQ(out[1].fields[2].second, "on");
 
     out.clear();
-    rig.driver.get_arch_values(ARCH_HOURLY, 0, kNow, out);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, 0, kNow, out);
     EXPECT_TRUE(out.empty());
     EXPECT_TRUE(rig.log.contains("WRONG Hourly INDEX 4096 OF 1080"));
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
 #include "protocols/Crc16.h"
 #include "protocols/LogikaTestKit.h"
 #include "tools/spbussim/CSpbusSim.h"
@@ -132,7 +133,7 @@ TEST(SPG761, ArchivesMatchTheMeterAcrossRepliesAndWrongSerialThrows) {
 
     // 13 hours in replies of 4; the end is clipped to the device clock.
     std::vector<ArchiveRecord> hourly;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 12 * 3600 - 900, kStart + 7200, hourly);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 12 * 3600 - 900, kStart + 7200, hourly);
     EXPECT_EQ(asDump(hourly), simDump(rig.sim, 65, kStart - 12 * 3600 - 900, kStart));
     ASSERT_EQ(hourly.size(), 12u);
     EXPECT_EQ(hourly.back().timestamp, kStart - 3600 - 900);  // 09:00, closed at 10:00
@@ -141,19 +142,19 @@ TEST(SPG761, ArchivesMatchTheMeterAcrossRepliesAndWrongSerialThrows) {
     EXPECT_TRUE(rig.log.contains("end_dt = curr_dt because end_dt > curr_dt"));
 
     std::vector<ArchiveRecord> daily;
-    rig.driver.get_arch_values(ARCH_DAILY, kStart - 3 * 86400, kStart, daily);
+    test_support::readArchive(rig.driver, ARCH_DAILY, kStart - 3 * 86400, kStart, daily);
     EXPECT_EQ(asDump(daily), simDump(rig.sim, 66, kStart - 3 * 86400, kStart));
     ASSERT_EQ(daily.size(), 2u);  // days from the contract hour 10:00
     EXPECT_EQ(daily.back().timestamp, kStart - 86400 - 900);
 
     // Journal entries come in replies of 4 and may share a second: each once.
     std::vector<ArchiveRecord> events;
-    rig.driver.get_arch_values(ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_EVENT, kStart - 2 * 86400, kStart, events);
     EXPECT_EQ(asDump(events), simDump(rig.sim, 96, kStart - 2 * 86400, kStart));
     EXPECT_GT(events.size(), 4u);
 
     std::vector<ArchiveRecord> none;
-    rig.driver.get_arch_values(ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
+    test_support::readArchive(rig.driver, ARCH_JOURNAL_INTERVENT, kStart - 86400, kStart, none);
     EXPECT_TRUE(none.empty());
 
     Rig wrong(SSpbusSimConfig(), 0, "99999999");
@@ -169,7 +170,7 @@ TEST(SPG761, SilentMeterMidArchiveKeepsTheRecordsBefore) {
     Rig rig(cfg);
     ASSERT_TRUE(rig.driver.init());  // request 1
     std::vector<ArchiveRecord> hourly;
-    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, kStart - 24 * 3600, kStart, hourly), CDisconnectException);
+    EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 24 * 3600, kStart, hourly), CDisconnectException);
     EXPECT_EQ(asDump(hourly), simDump(rig.sim, 65, kStart - 24 * 3600, kStart - 18 * 3600));
 }
 
@@ -257,7 +258,7 @@ TEST(SPG761, ArchiveRepliesThatBreakTheOrderEndTheTransfer) {
         std::vector<ArchiveRecord> out;
         bool threw = false;
         try {
-            driver.get_arch_values(c.arch, kStart - 4 * 3600 - 900, kStart, out);
+            test_support::readArchive(driver, c.arch, kStart - 4 * 3600 - 900, kStart, out);
         } catch (const CDisconnectException&) {
             threw = true;
         }

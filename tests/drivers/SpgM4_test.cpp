@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "core/Exceptions.h"
+#include "support/ArchiveCollector.h"
+#include "support/DriverRig.h"
 #include "tools/m4sim/CM4Sim.h"
 #include "transport/CConnector.h"
 
@@ -23,10 +25,9 @@ namespace {
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 
 struct Rig {
-    std::string dir;
     M4SimOptions options;
     CM4Sim sim;
-    std::unique_ptr<CConnector> conn;
+    std::unique_ptr<test_support::DriverLine> line;
     CmtdSpgM4 driver{CmtdSpgM4::SPG742};
 
     static M4SimOptions meter(int tzHours) {
@@ -56,28 +57,16 @@ struct Rig {
               return o;
           }()),
           sim(makeM4SimModel("spg742", options), options, server(silentAfterArchive)) {
-        char tmpl[] = "/tmp/mtd_spgm4_XXXXXX";
-        dir = mkdtemp(tmpl);
         EXPECT_TRUE(sim.open());
         EXPECT_TRUE(sim.start());
-        LedPaths leds;
-        leds.transmit = leds.receive = dir + "/led";
-        conn = std::make_unique<CConnector>(PortParams{{"name", sim.slavePath()}, {"speed", "9600"}, {"timeout", "300"}},
-                                            leds);
-        EXPECT_TRUE(conn->open_device());
+        line = std::make_unique<test_support::DriverLine>(sim.slavePath(), "9600");
+        EXPECT_TRUE(line->opened);
         CDeviceConfig config;
-        config.meter_id = "42";
         config.params = {{"address", "3"}, {"systems", "1;"}, {"manufacturer", "spg742"},
                          {"pu_TZ", std::to_string(tzHours)}};
         config.serial_text = serial;
-        driver.save_init_params(config);
-        DriverPaths paths;
-        paths.controlDir = dir + "/";
-        paths.storageRoot = dir + "/storage/";
-        driver.setPaths(paths);
-        driver.SaveConnector(conn.get());
+        line->attach(driver, config);
     }
-    ~Rig() { std::system(("rm -rf '" + dir + "'").c_str()); }
 
     // The meter's own list of an archive, "<time> name=value ..." a line.
     std::vector<std::string> dump(int archive, time_t until) const {
@@ -156,7 +145,7 @@ TEST(SpgM4, ArchivesEqualTheMetersRecords) {
                      {ARCH_JOURNAL_EVENT, CM4SimModel::Events, 4}};
         for (const auto& k : kinds) {
             std::vector<ArchiveRecord> out;
-            rig.driver.get_arch_values(k.arch, kStart - 10 * 86400, kStart + 86400, out);
+            test_support::readArchive(rig.driver, k.arch, kStart - 10 * 86400, kStart + 86400, out);
             std::vector<std::string> got;
             for (const auto& r : out)
                 got.push_back(line(r));
@@ -177,7 +166,7 @@ TEST(SpgM4, SilentMeterMidArchiveKeepsTheFirstBlock) {
     Rig rig(0, "74212", 1);
     ASSERT_TRUE(rig.driver.init());
     std::vector<ArchiveRecord> out;
-    EXPECT_THROW(rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out), CDisconnectException);
+    EXPECT_THROW(test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, out), CDisconnectException);
     const auto all = rig.dump(CM4SimModel::Hourly, kStart);
     ASSERT_EQ(out.size(), 32u);
     for (size_t i = 0; i < out.size(); ++i)
@@ -191,10 +180,10 @@ TEST(SpgM4, HoleStopsTheTransferOnceThenIsReadPast) {
     ASSERT_TRUE(rig.driver.init());
     const time_t hole = (kStart / 3600 - 10) * 3600;
     std::vector<ArchiveRecord> first, second;
-    rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, first);
     ASSERT_FALSE(first.empty());
     EXPECT_EQ(first.back().timestamp, hole - 3600);
-    rig.driver.get_arch_values(ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
+    test_support::readArchive(rig.driver, ARCH_HOURLY, first.back().timestamp + 1, kStart, second);
     ASSERT_FALSE(second.empty());
     EXPECT_EQ(second.front().timestamp, hole + 3600);
     std::vector<std::string> got;
@@ -213,16 +202,16 @@ TEST(SpgM4, StopOnASilentLineIsNotHeldByThePausesBetweenAttempts) {
     Rig rig(0, "74212", 1);
     ASSERT_TRUE(rig.driver.init());
     std::atomic<bool> abort{true};
-    rig.conn->SetAbortFlag(&abort);
+    rig.line->conn->SetAbortFlag(&abort);
     rig.driver.StopPolling();
     const auto began = std::chrono::steady_clock::now();
     std::vector<ArchiveRecord> out;
     try {
-        rig.driver.get_arch_values(ARCH_HOURLY, kStart - 10 * 86400, kStart, out);
+        test_support::readArchive(rig.driver, ARCH_HOURLY, kStart - 10 * 86400, kStart, out);
     } catch (const std::exception&) {
         // how the cycle ends does not matter here, only how soon
     }
-    rig.conn->SetAbortFlag(nullptr);
+    rig.line->conn->SetAbortFlag(nullptr);
     // Three pauses of a whole second without the fix; a loaded machine needs
     // far less than that for a few aborted reads.
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1500));

@@ -3,10 +3,7 @@
 # An EK270 given a gas passport through /tmp/gmd_set_value_<id>, and an EK270
 # whose replies carry wrong check bytes and error codes in place of values:
 # ek_faults.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ek_faults.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 DEV=$(ek_device_start 10)

@@ -4,10 +4,7 @@
 # EK_ONLY=EK270|EK260|TC220 runs one model.
 # mtd_metersim and mtd_hostsim, then a second cycle that reads only what the
 # meter recorded since: ek_read.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ek_read.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 # One meter per model; the device clock runs at 720 s per second, so the

@@ -3,10 +3,7 @@
 # An EK270 that ends cycles early, then recovers: a wrong serial number, and a
 # meter that goes silent in the middle of an archive transfer. Nothing is lost
 # or stored twice. ek_recover.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ek_recover.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 DEV=$(ek_device_start 10)

@@ -8,13 +8,10 @@
 # stored twice, no hole, every field the meter's, the daemon caught up; and no
 # published current value differs from the meter's.
 #   ek_soak.sh BUILD_DIR [SEEDS [CYCLES [SHARE]]]
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ek_soak.sh BUILD_DIR [SEEDS [CYCLES [SHARE]]]}
 SEEDS=${2:-"11 12 13"}
 CYCLES=${3:-3}
 SHARE=${4:-0.08}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 # 30 hours behind the wall clock at 360 times: the meter gains an hour every

@@ -5,10 +5,7 @@
 # cycle going, and stores every archive record once space comes back. Last, a
 # log path made of shell syntax is used as a plain file name.
 #   fault_disk.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_disk.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 ID=2501

@@ -9,11 +9,8 @@
 # 0..0.1 s later. The meter's clock runs 720 times fast, so every round finds
 # new hourly records to read and store.
 #   fault_kill.sh BUILD_DIR [ROUNDS]
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_kill.sh BUILD_DIR [ROUNDS]}
 ROUNDS=${2:-20}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 ID=2201

@@ -5,10 +5,7 @@
 # batches as soon as the lock is gone and leaves no lock of its own behind.
 # Runs at real time (the wait is a minute per look), in parallel with others.
 #   fault_lock.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_lock.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 ID=2301

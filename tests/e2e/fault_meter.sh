@@ -7,10 +7,7 @@
 # daemon must keep running, name the fault in its log, and after the next
 # cycles hold every hourly and daily record exactly once.
 #   fault_meter.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: fault_meter.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 # MTD_FAULT_CASES picks cases when one is looked at alone.

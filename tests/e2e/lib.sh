@@ -19,7 +19,10 @@
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
 
-: "${BUILD_DIR:?BUILD_DIR must name the build directory}"
+# A case script is run as `<case>.sh BUILD_DIR [its own arguments]` and sources
+# this file first; a caller that sources it for its helpers sets BUILD_DIR itself.
+set -uo pipefail
+export BUILD_DIR=${BUILD_DIR:-${1:?usage: $0 BUILD_DIR}}
 MTD_MAIN="$BUILD_DIR/mtd_main"
 # Physical paths of the checkout and the build folder, to keep them in view in the namespace.
 E2E_SOURCE_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
@@ -127,6 +130,31 @@ wait_exit() {
     done
     EXIT_STATUS=
     return 1
+}
+
+# e2e_private_etc: a private, empty /etc/mtd_main for the units' line files; the
+# rest of /etc is a tmpfs of links to the real entries, which stay untouched.
+e2e_private_etc() {
+    local entry
+    mkdir "$WORK/etc.real"
+    mount --rbind /etc "$WORK/etc.real"
+    mount -t tmpfs tmpfs /etc
+    for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
+        [ -e "$entry" ] || [ -L "$entry" ] || continue
+        [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
+    done
+    mkdir /etc/mtd_main
+}
+
+# start_line LINE OUTFILE: runs the ExecStart of mtd_main@LINE.service (the starter
+# taken from the checkout, the daemon from the build); sets BG_PID.
+start_line() {
+    local cmd
+    cmd=$(sed -n 's/^ExecStart=//p' "$E2E_SOURCE_DIR/packaging/mtd_main@.service")
+    cmd=${cmd//%i/$1}
+    cmd=${cmd//\/usr\/libexec\/mtd_main\//$E2E_SOURCE_DIR/packaging/}
+    # shellcheck disable=SC2086  # split into words as systemd does
+    start_bg "$2" env MTD_MAIN_BIN="$MTD_MAIN" $cmd
 }
 
 check() {

@@ -5,10 +5,7 @@
 # force-update file cuts a 300 s wait short, mtd_status reports and alerts, also
 # as Prometheus figures (checked with promtool).
 # ops_controls.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: ops_controls.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 STATUS_TOOL="$BUILD_DIR/mtd_status"
 ID=21

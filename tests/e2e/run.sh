@@ -2,10 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # End-to-end cases of the real mtd_main: run.sh BUILD_DIR
 # Re-runs itself inside `unshare -rmn` (own loopback, private /tmp and /mnt/storage).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: run.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 # ---- command line ----

@@ -7,10 +7,7 @@
 # that goes silent in the middle of an archive; a wrong serial number.
 # spg741_read.sh BUILD_DIR (re-runs itself in `unshare -rmn`); SPG741_CASES=faults
 # runs the noisy and the silent meter instead of the clean and the wrong serial.
-set -uo pipefail
-export BUILD_DIR=${1:?usage: spg741_read.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 
 M4SIM="$BUILD_DIR/mtd_m4sim"

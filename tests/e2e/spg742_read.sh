@@ -8,10 +8,7 @@
 #   silent  the meter falls silent in the middle of an archive transfer
 #   serial  the meter's serial number is not the configured one
 #   spg742_read.sh BUILD_DIR
-set -uo pipefail
-export BUILD_DIR=${1:?usage: spg742_read.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 M4SIM="$BUILD_DIR/mtd_m4sim"
 

@@ -5,10 +5,7 @@
 # once, a second cycle that reads only what is new, a wrong serial number, a
 # meter silent mid-archive and a noisy line: spg761_read.sh BUILD_DIR
 # (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: spg761_read.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
 SPBUSSIM="$BUILD_DIR/mtd_spbussim"
 

@@ -5,34 +5,9 @@
 # one process; a line without a usable file stops with a clear message and the
 # status that keeps the unit from restarting.
 # unit_line.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
-set -uo pipefail
-export BUILD_DIR=${1:?usage: unit_line.sh BUILD_DIR}
-HERE=$(cd "$(dirname "$0")" && pwd)
-. "$HERE/lib.sh"
+. "$(dirname "$0")/lib.sh"
 e2e_case "$@"
-UNIT="$E2E_SOURCE_DIR/packaging/mtd_main@.service"
-
-# A private, empty /etc/mtd_main: /etc is covered by a tmpfs that links to every
-# entry of the real one, which stays untouched.
-mkdir "$WORK/etc.real"
-mount --rbind /etc "$WORK/etc.real"
-mount -t tmpfs tmpfs /etc
-for entry in "$WORK"/etc.real/* "$WORK"/etc.real/.[!.]*; do
-    [ -e "$entry" ] || [ -L "$entry" ] || continue
-    [ "${entry##*/}" = mtd_main ] || ln -s "$entry" "/etc/${entry##*/}"
-done
-mkdir /etc/mtd_main
-
-# start_line LINE OUTFILE: runs the unit's ExecStart for instance LINE (the starter
-# taken from the checkout, the daemon from the build); sets BG_PID.
-start_line() {
-    local cmd
-    cmd=$(sed -n 's/^ExecStart=//p' "$UNIT")
-    cmd=${cmd//%i/$1}
-    cmd=${cmd//\/usr\/libexec\/mtd_main\//$E2E_SOURCE_DIR/packaging/}
-    # shellcheck disable=SC2086  # split into words as systemd does
-    start_bg "$2" env MTD_MAIN_BIN="$MTD_MAIN" $cmd
-}
+e2e_private_etc
 
 # ---- a line with two meters: one process reads both, in the order listed ----
 dev=$(ek_device_start 2)

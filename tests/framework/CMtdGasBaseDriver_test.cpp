@@ -3,6 +3,8 @@
 #include "framework/CMtdGasBaseDriver.h"
 
 #include <gtest/gtest.h>
+
+#include "support/TempDir.h"
 #include <stdlib.h>
 
 #include <cstdlib>
@@ -44,8 +46,8 @@ struct Lines {
 };
 
 TEST(GasBaseDriver, RemovePasportFileLogsEveryOutcome) {
-    char tmpl[] = "/tmp/mtd_passport_XXXXXX";
-    const std::string dir = std::string(mkdtemp(tmpl)) + "/";
+    test_support::TempDir tmp("mtd_passport");
+    const std::string& dir = tmp.path;
     // A control directory so deep that the passport path passes 256 bytes.
     const std::string deep = dir + std::string(200, 'd') + "/";
     std::system(("mkdir -p '" + deep + "'").c_str());
@@ -80,7 +82,6 @@ TEST(GasBaseDriver, RemovePasportFileLogsEveryOutcome) {
         }
     }
     EXPECT_FALSE(std::ifstream(dir + "gmd_set_value_7").good());
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 }  // namespace

@@ -3,6 +3,9 @@
 // that only counts what the polling thread asks of it and a hand-moved clock.
 // The main loop's 5 s step is played by calling GetArchActual().
 #include <gtest/gtest.h>
+
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
 #include <json/json.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -51,60 +54,31 @@ public:
         v.dim = "m3";
         return {v};
     }
-    void get_arch_values(int type, time_t from, time_t, std::vector<ArchiveRecord>& out) override {
-        if (type != ARCH_HOURLY)
+    void get_arch_values(CArchiveSink& sink) override {
+        if (sink.type() != ARCH_HOURLY)
             return;
-        hourlyFrom.push_back(from);
+        hourlyFrom.push_back(sink.from());
         ArchiveRecord r;
         r.timestamp = kNow - kNow % 3600 - 3600;
         r.fields = {{"V", "1.0"}};
-        out.push_back(r);
+        sink.add(r);
     }
     std::atomic<int> lineUses{0};
     std::atomic<bool> throwInInit{false};
     std::vector<time_t> hourlyFrom;  // read only while the driver holds no turn
 };
 
-class Log {
-public:
-    explicit Log(const std::string& file) : m_log(file.c_str(), false) {
-        m_log.setLevel(logger::DEBUG);
-        m_log.setObserver([this](int severity, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (severity == logger::NOTICE)
-                m_notices.push_back(text);
-        });
-        g_logger = &m_log;
-    }
-    ~Log() { g_logger = nullptr; }
-    int notices(const std::string& part) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const std::string& t : m_notices)
-            n += t.find(part) != std::string::npos;
-        return n;
-    }
-
-private:
-    logger m_log;
-    std::mutex m_mutex;
-    std::vector<std::string> m_notices;
-};
 
 struct Fixture {
-    std::string dir;
-    std::unique_ptr<Log> log;
+    test_support::TempDir tmp{"mtd_ops"};
+    std::string dir = tmp.path;
+    std::unique_ptr<test_support::LogCapture> log;
     Fixture() {
-        char tmpl[] = "/tmp/mtd_ops_XXXXXX";
-        dir = std::string(mkdtemp(tmpl)) + "/";
         mkdir((dir + "control").c_str(), 0700);
         mkdir((dir + "store").c_str(), 0700);
-        log = std::make_unique<Log>(dir + "log");
+        log = std::make_unique<test_support::LogCapture>(dir + "log");
     }
-    ~Fixture() {
-        log.reset();
-        std::system(("rm -rf '" + dir + "'").c_str());
-    }
+    ~Fixture() { log.reset(); }
     std::string control(const std::string& name) const { return dir + "control/" + name; }
     void touch(const std::string& name) const { std::ofstream(control(name)).put('\n'); }
     bool exists(const std::string& name) const {
@@ -148,14 +122,14 @@ TEST(OperatorControls, PauseFileKeepsTheLineQuietAndTheScheduleInPlace) {
             ASSERT_TRUE(turn(d)) << file;
         EXPECT_EQ(d.lineUses.load(), 0) << file;
         EXPECT_TRUE(d.Paused()) << file;
-        EXPECT_EQ(f.log->notices("paused by a control file"), 1) << file;
+        EXPECT_EQ(f.log->countContaining("paused by a control file", logger::NOTICE), 1) << file;
         EXPECT_EQ(f.status("3001")["state"].asString(), "paused") << file;
         EXPECT_TRUE(f.status("3001")["paused"].asBool()) << file;
 
         std::remove(f.control(file).c_str());
         ASSERT_TRUE(turn(d)) << file;
         EXPECT_EQ(d.lineUses.load(), 1) << file;
-        EXPECT_EQ(f.log->notices("pause ended"), 1) << file;
+        EXPECT_EQ(f.log->countContaining("pause ended", logger::NOTICE), 1) << file;
         // Read from where the schedule stood before the pause: nothing skipped.
         ASSERT_EQ(d.hourlyFrom.size(), 1u) << file;
         EXPECT_EQ(d.hourlyFrom[0], kNow - kNow % 86400 - 15 * 86400) << file;
@@ -169,7 +143,7 @@ TEST(OperatorControls, PauseOfAnotherMeterDoesNotHoldThisOne) {
     f.start(d, "3002", "0");
     ASSERT_TRUE(turn(d));
     EXPECT_EQ(d.lineUses.load(), 1);
-    EXPECT_EQ(f.log->notices("paused"), 0);
+    EXPECT_EQ(f.log->countContaining("paused", logger::NOTICE), 0);
 }
 
 TEST(OperatorControls, ForceUpdateFileEndsTheDataRateWaitAndIsRemoved) {
@@ -184,7 +158,7 @@ TEST(OperatorControls, ForceUpdateFileEndsTheDataRateWaitAndIsRemoved) {
     ASSERT_TRUE(turn(d));
     EXPECT_EQ(d.lineUses.load(), 2);
     EXPECT_FALSE(f.exists("gmd_force_update_3003"));
-    EXPECT_EQ(f.log->notices("force-update file removed"), 1);
+    EXPECT_EQ(f.log->countContaining("force-update file removed", logger::NOTICE), 1);
 }
 
 TEST(OperatorControls, StatusFileAfterGoodAndFailedCycles) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Shared helpers of the host-link tests: a logger whose lines can be awaited,
-// and a loopback port that refuses connections until it is released.
+// a loopback port that refuses connections until it is released, a host
+// service that comes up late on such a port, and a clock whose pauses take no time.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,11 +11,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "core/logger.h"
+#include "hostlink/CHostLinkClock.h"
+#include "tools/hostsim/CHostSim.h"
 
 class LogWatch {
 public:
@@ -106,4 +110,78 @@ public:
 private:
     int m_fd = -1;
     int m_port = 0;
+};
+
+// The host service (a CHostSim with `config`) on a port that refuses
+// connections until up() is called, typically from a StepClock's onPause.
+class LateHostService {
+public:
+    explicit LateHostService(const char* config = nullptr) : m_sim(options(m_down.port()))
+    {
+        if (config != nullptr && !m_sim.loadConfigText(config, m_error))
+            m_error = "bad configuration: " + m_error;
+    }
+    void up()
+    {
+        if (m_started)
+            return;
+        m_down.release();
+        m_started = m_sim.Start(m_error);
+    }
+    bool started() const { return m_started; }
+    const std::string& error() const { return m_error; }
+    std::string url() const { return m_down.url(); }
+    CHostSim& sim() { return m_sim; }
+
+private:
+    static CHostSimOptions options(int port)
+    {
+        CHostSimOptions o;
+        o.hostPort = port;
+        o.sensorsPort = 0;
+        return o;
+    }
+
+    RefusingPort m_down;
+    CHostSim m_sim;
+    std::string m_error;
+    bool m_started = false;
+};
+
+// Pauses of the retry loop move this clock on at once and are written down;
+// `onPause` runs in the retrying thread after each, with the time since the
+// clock was made (a test brings a service up or raises the stop flag there).
+class StepClock : public CHostLinkClock {
+public:
+    time_point now() const override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_now;
+    }
+    bool sleepFor(std::chrono::milliseconds d, const std::atomic<bool>* cancel) override
+    {
+        std::chrono::milliseconds elapsed;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_now += d;
+            m_pauses.push_back(d);
+            elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(m_now - m_start);
+        }
+        if (onPause)
+            onPause(elapsed);
+        return !(cancel != nullptr && cancel->load());
+    }
+    std::vector<std::chrono::milliseconds> pauses() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_pauses;
+    }
+
+    std::function<void(std::chrono::milliseconds)> onPause;
+
+private:
+    mutable std::mutex m_mutex;
+    const time_point m_start = std::chrono::steady_clock::now();
+    time_point m_now = m_start;
+    std::vector<std::chrono::milliseconds> m_pauses;
 };

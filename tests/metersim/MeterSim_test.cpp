@@ -187,7 +187,7 @@ TEST(MeterSim, LineTimingFollowsTheBaudRate) {
     cfg.timing = true;
     cfg.baud = 1200;
     Session s(cfg);
-    s.conn->SetParam("speed", "1200");
+    s.conn->setSpeed(1200);
     ASSERT_TRUE(s.send(SGost61107Request::SignOn));
     s.master->setSpeedSymbol('2');
     ASSERT_TRUE(s.send(SGost61107Request::OptionSelect));

@@ -301,7 +301,7 @@ TEST(Gost61107Io, ChangeBaudRateReopensThePort) {
     EXPECT_TRUE(p.ChangeBaudRate('5'));
     EXPECT_TRUE(log.contains("CURRENT BAUD RATE 9600 == DESIRED BAUD RATE 9600. NO ACTION."));
     EXPECT_TRUE(p.ChangeBaudRate('6'));
-    EXPECT_EQ(conn.GetParam("speed"), "19200");
+    EXPECT_EQ(conn.settings().speed, 19200);
     EXPECT_TRUE(log.contains("CGost61107::ChangeSpeed() - CHANGE BAUD RATE FROM 9600 TO 19200 - Ok"));
     int fd = ::open(meter.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
@@ -313,8 +313,8 @@ TEST(Gost61107Io, ChangeBaudRateReopensThePort) {
     EXPECT_TRUE(p.ChangeBaudRate('9'));
     EXPECT_TRUE(log.contains("SpeedSymbolToBaudRate('9') - UNKNOWN SPEED SYMBOL !!! WILL RETURN 0."));
     EXPECT_TRUE(log.contains("UNKNOWN SPEED SYMBOL '9'. CHANGING IS IMPOSSIBLE"));
-    EXPECT_EQ(conn.GetParam("speed"), "19200");
-    conn.SetParam("speed", "");
+    EXPECT_EQ(conn.settings().speed, 19200);
+    conn.setSpeed(0);
     EXPECT_TRUE(p.ChangeBaudRate(4800));
     EXPECT_TRUE(log.contains("ZERO DEVICE BAUD RATE. CHANGING IS IMPOSSIBLE"));
 }

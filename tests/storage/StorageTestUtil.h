@@ -18,18 +18,12 @@
 #include <vector>
 
 #include "core/logger.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 namespace storage_test {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mtd_storage_XXXXXX";
-        path = mkdtemp(tmpl);
-        path += '/';
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
+using TempDir = test_support::TempDir;
 
 inline bool exists(const std::string& path) {
     struct stat st;
@@ -61,46 +55,6 @@ inline std::vector<std::string> listDir(const std::string& dir) {
 }
 
 // Installs a logger for the test's lifetime and keeps every message it sees.
-class LogCapture {
-public:
-    explicit LogCapture(const std::string& file) : m_log(file.c_str(), false) {
-        m_log.setLevel(logger::DEBUG);
-        m_log.setObserver([this](int severity, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_messages.emplace_back(severity, text);
-            m_cv.notify_all();
-        });
-        g_logger = &m_log;
-    }
-    ~LogCapture() { g_logger = nullptr; }
-
-    int count(int severity, const std::string& prefix) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<int>(std::count_if(m_messages.begin(), m_messages.end(), [&](const auto& m) {
-            return m.first == severity && m.second.compare(0, prefix.size(), prefix) == 0;
-        }));
-    }
-    bool contains(const std::string& part) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return std::any_of(m_messages.begin(), m_messages.end(),
-                           [&](const auto& m) { return m.second.find(part) != std::string::npos; });
-    }
-    // Blocks until a message of this severity starting with `prefix` was seen
-    // (false after 10 s, so a broken test fails instead of hanging).
-    bool waitFor(int severity, const std::string& prefix) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, std::chrono::seconds(10), [&] {
-            return std::any_of(m_messages.begin(), m_messages.end(), [&](const auto& m) {
-                return m.first == severity && m.second.compare(0, prefix.size(), prefix) == 0;
-            });
-        });
-    }
-
-private:
-    logger m_log;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_cv;
-    std::vector<std::pair<int, std::string>> m_messages;
-};
+using LogCapture = test_support::LogCapture;
 
 }  // namespace storage_test

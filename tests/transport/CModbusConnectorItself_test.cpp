@@ -79,7 +79,7 @@ class ModbusConnectorTest : public ::testing::Test {
 protected:
     void SetUp() override {
         modbus = std::make_unique<CModbusConnectorItself>(
-            PortParams{{"protocol", "modbus"}, {"name", pty.slavePath}, {"timeout", "100"}}, ledsIn(dir));
+            PortSettings::parse({{"protocol", "modbus"}, {"name", pty.slavePath}, {"timeout", "100"}}), ledsIn(dir));
         ASSERT_TRUE(modbus->open_device());
         slave = std::make_unique<ModbusSlave>(pty.master.get());
     }
@@ -180,7 +180,7 @@ TEST(ModbusConnector, TimeoutFigures) {
         PortParams params{{"name", pty.slavePath}};
         if (row.timeout)
             params["timeout"] = row.timeout;
-        CModbusConnectorItself c(params, ledsIn(dir));
+        CModbusConnectorItself c(PortSettings::parse(params), ledsIn(dir));
         CModbusConnectorItself::LibTimeouts t;
         EXPECT_FALSE(c.ReadBackTimeouts(t));
         ASSERT_TRUE(c.open_device());
@@ -199,7 +199,7 @@ std::string stdoutOfRequestAtLevel(int level) {
     TempDir dir;
     PtyPair pty;
     LogCapture log(level);
-    CModbusConnectorItself c({{"name", pty.slavePath}, {"timeout", "100"}}, ledsIn(dir));
+    CModbusConnectorItself c(PortSettings::parse({{"name", pty.slavePath}, {"timeout", "100"}}), ledsIn(dir));
     std::fflush(stdout);
     CUniqueFd saved(dup(STDOUT_FILENO));
     CUniqueFd capture(::open(dir.file("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -222,13 +222,13 @@ TEST(ModbusConnector, OpenFailureAndClosedContext) {
     TempDir dir;
     LogCapture log;
     const std::string path = dir.file("no_such_tty");
-    CModbusConnectorItself c({{"name", path}}, ledsIn(dir));
+    CModbusConnectorItself c(PortSettings::parse({{"name", path}}), ledsIn(dir));
     EXPECT_FALSE(c.open_device());
     EXPECT_FALSE(c.is_open());
     EXPECT_EQ(1, log.count(logger::CRIT, "CModbusConnectorItself::open_device - Connection failed. Unable to open device " +
                                              path + "."));
 
-    CModbusConnectorItself empty({{"name", ""}}, ledsIn(dir));
+    CModbusConnectorItself empty(PortSettings::parse({{"name", ""}}), ledsIn(dir));
     EXPECT_FALSE(empty.open_device());
     EXPECT_EQ(1, log.count(logger::CRIT,
                            "CModbusConnectorItself::open_device - Unable to allocate libmodbus context and open device ."));

@@ -31,7 +31,7 @@ protected:
         return extra;
     }
     std::unique_ptr<CRSConnector> openWith(PortParams extra) {
-        auto c = std::make_unique<CRSConnector>(paramsWith(std::move(extra)), ledsIn(dir));
+        auto c = std::make_unique<CRSConnector>(PortSettings::parse(paramsWith(std::move(extra))), ledsIn(dir));
         EXPECT_TRUE(c->open_device());
         return c;
     }
@@ -69,7 +69,7 @@ TEST(RSConnectorLine, CharacterFormatFromDataParityStop) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.legend);
         termios tio;
-        CRSConnector::lineSettings(row.params, 5000, tio);
+        CRSConnector::lineSettings(PortSettings::parse(row.params), 5000, tio);
         EXPECT_EQ(row.size, tio.c_cflag & CSIZE);
         EXPECT_EQ(row.parity, tio.c_cflag & (PARENB | PARODD));
         EXPECT_EQ(row.stop, tio.c_cflag & CSTOPB);
@@ -234,7 +234,7 @@ TEST_F(RSConnectorTest, WriteFlushDrainAndTheTransmitLed) {
 
 TEST_F(RSConnectorTest, OpenFailureAndClosedPort) {
     PortParams params{{"name", dir.file("no_such_tty")}, {"timeout", "5000"}};
-    CRSConnector c(params, ledsIn(dir));
+    CRSConnector c(PortSettings::parse(params), ledsIn(dir));
     EXPECT_FALSE(c.open_device());
     EXPECT_FALSE(c.is_open());
     EXPECT_EQ(1, log.count(logger::CRIT, "CRSConnector::open_device - Unable open device " + params["name"] + "."));
@@ -281,14 +281,13 @@ TEST_F(RSConnectorTest, ConnectorChoosesTheTransportAndReopensAtANewSpeed) {
 
     CConnector c(paramsWith({{"speed", "9600"}}), ledsIn(dir));
     ASSERT_TRUE(c.open_device());
-    EXPECT_EQ("9600", c.GetParam("speed"));
-    EXPECT_EQ("", c.GetParam("no_such_key"));
-    c.SetParam("speed", "19200");
+    EXPECT_EQ(9600, c.settings().speed);
+    c.setSpeed(19200);
     c.close_device();
     ASSERT_TRUE(c.open_device());
     termios tio = lineSettings();
     EXPECT_EQ(B19200, cfgetospeed(&tio));
-    EXPECT_EQ("19200", c.params().at("speed"));
+    EXPECT_EQ(19200, c.settings().speed);
 }
 
 }  // namespace

@@ -77,7 +77,20 @@ public:
     explicit Listener(CHostSim& sim) : m_sim(sim)
     {
         auto serve = [this](const httplib::Request& req, httplib::Response& res) {
-            res.set_content(m_sim.handle(req.body), "application/json-rpc");
+            bool endless = false;
+            std::string answer = m_sim.handle(req.body, &endless);
+            if (!endless) {
+                res.set_content(answer, "application/json-rpc");
+                return;
+            }
+            // The answer's start, then blanks in 64 KiB chunks until the client gives up.
+            res.set_chunked_content_provider("application/json-rpc",
+                                             [answer](size_t offset, httplib::DataSink& sink) {
+                                                 static const std::string blanks(64 * 1024, ' ');
+                                                 if (offset == 0)
+                                                     return sink.write(answer.data(), answer.size() - 1);
+                                                 return sink.is_writable() && sink.write(blanks.data(), blanks.size());
+                                             });
         };
         m_server.Post("/.*", serve);
         // httplib's stop() does nothing until the accept loop has marked itself
@@ -264,7 +277,7 @@ bool CHostSim::waitForRequests(size_t count, std::chrono::milliseconds timeout) 
     return m_impl->arrived.wait_for(lock, timeout, [&] { return m_impl->requests.size() >= count; });
 }
 
-std::string CHostSim::handle(const std::string& body)
+std::string CHostSim::handle(const std::string& body, bool* endless)
 {
     Impl& d = *m_impl;
     Json::Reader reader;
@@ -281,8 +294,11 @@ std::string CHostSim::handle(const std::string& body)
     }
     d.arrived.notify_all();
 
-    if (number <= static_cast<size_t>(d.options.garbage > 0 ? d.options.garbage : 0))
+    const size_t garbage = static_cast<size_t>(d.options.garbage > 0 ? d.options.garbage : 0);
+    if (number <= garbage)
         return kGarbageReply;
+    if (endless)
+        *endless = number <= garbage + static_cast<size_t>(d.options.endless > 0 ? d.options.endless : 0);
 
     if (!parsed)
         return errorReply(Json::Value(), -32700, "Parse error");

@@ -24,6 +24,7 @@ struct CHostSimOptions {
     std::string recordFile;  // "" keeps requests in memory only
     int garbage = 0;         // the first N requests are answered with kGarbageReply
     bool rpcError = false;   // every valid request gets a JSON-RPC error object
+    int endless = 0;         // the first N requests get an answer whose body never ends
 };
 
 class CHostSim {
@@ -58,7 +59,8 @@ public:
     bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
 
     // The JSON-RPC answer to one request body (also counts and records it).
-    std::string handle(const std::string& body);
+    // `endless`, when given, tells whether the endless fault mode takes this request.
+    std::string handle(const std::string& body, bool* endless = nullptr);
 
 private:
     struct Impl;

@@ -20,7 +20,7 @@ void usage(FILE* out)
 {
     std::fprintf(out,
                  "usage: mtd_hostsim [--config FILE] [--record FILE] [--port N] [--sensors-port N]\n"
-                 "                   [--bind ADDR] [--garbage N] [--refuse S] [--rpc-error]\n"
+                 "                   [--bind ADDR] [--garbage N] [--refuse S] [--rpc-error] [--endless N]\n"
                  "  --config FILE       {\"meters\": {\"<id>\": <get_config result>}, \"config2\": <get_config2 result>}\n"
                  "  --record FILE       append every request body as one JSON line\n"
                  "  --port N            host service port (8082; 0 = any free port)\n"
@@ -28,7 +28,8 @@ void usage(FILE* out)
                  "  --bind ADDR         listen address (127.0.0.1)\n"
                  "  --garbage N         answer the first N requests with text that is not JSON\n"
                  "  --refuse S          do not listen during the first S seconds\n"
-                 "  --rpc-error         answer every valid request with a JSON-RPC error\n");
+                 "  --rpc-error         answer every valid request with a JSON-RPC error\n"
+                 "  --endless N         answer the first N requests with a body that never ends\n");
 }
 
 bool parseInt(const char* text, long low, long high, long& out)
@@ -86,10 +87,11 @@ int main(int argc, char** argv)
         {"port", required_argument, nullptr, 'p'},        {"sensors-port", required_argument, nullptr, 's'},
         {"bind", required_argument, nullptr, 'b'},        {"garbage", required_argument, nullptr, 'g'},
         {"refuse", required_argument, nullptr, 'f'},      {"rpc-error", no_argument, nullptr, 'e'},
+        {"endless", required_argument, nullptr, 'n'},
         {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
     };
     int opt;
-    while ((opt = getopt_long(argc, argv, "c:r:p:s:b:g:f:eh", longOptions, nullptr)) != -1) {
+    while ((opt = getopt_long(argc, argv, "c:r:p:s:b:g:f:n:eh", longOptions, nullptr)) != -1) {
         long v = 0;
         switch (opt) {
         case 'c': configFile = optarg; break;
@@ -106,12 +108,15 @@ int main(int argc, char** argv)
             break;
         case 'g':
         case 'f':
+        case 'n':
             if (!parseInt(optarg, 0, 1000000, v)) {
                 std::fprintf(stderr, "mtd_hostsim: bad count \"%s\"\n", optarg);
                 return 2;
             }
             if (opt == 'g')
                 options.garbage = static_cast<int>(v);
+            else if (opt == 'n')
+                options.endless = static_cast<int>(v);
             else
                 refuse = v;
             break;

@@ -5,22 +5,6 @@
 
 namespace {
 
-TEST(DataCodes, NamesKeepTheirQuirks) {
-    EXPECT_STREQ(dataTypeName(0), "ignored!");
-    EXPECT_STREQ(dataTypeName(4), "datetime");
-    EXPECT_STREQ(dataTypeName(5), "unknown data type");
-    EXPECT_STREQ(dataTypeName(6), "unknown data type");
-    EXPECT_STREQ(dataTypeName(18), "bits_32");
-    EXPECT_STREQ(dataTypeName(19), "unknown data type");
-    EXPECT_STREQ(dataUnitName(0), "unknown data type");
-    EXPECT_STREQ(dataUnitName(4), "kgs/sm2 (atm)");
-    EXPECT_STREQ(dataUnitName(5), "absolute unknown data unit");
-    EXPECT_STREQ(dataUnitName(17), "absolute unknown data unit");
-    EXPECT_STREQ(dataUnitName(19), "MEW*h");
-    EXPECT_STREQ(dataUnitName(20), "absolute unknown data unit");
-    EXPECT_STREQ(dataUnitName(0xFFFFFFFFu), "absolute unknown data unit");
-}
-
 // Factors checked against the physical definitions rather than the table:
 // 1 kgf/cm2 = 98066.5 Pa, 1 bar = 1e5 Pa, 1 mmHg = 133.322387415 Pa, 1 atm = 101325 Pa.
 TEST(DataCodes, PressureFactorsMatchPhysics) {
