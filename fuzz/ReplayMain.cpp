@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // mtd_fuzz_replay TARGET FILE... : runs the inputs through one fuzz target's
-// entry point, built without libFuzzer, and prints per input the log lines of
+// entry point, built without libFuzzer (--list names the targets), and prints per input the log lines of
 // the code under test and what its parsers returned. Built for the controller
 // and run under qemu, its output must equal the build machine's: a difference
 // is a parser that depends on the width of time_t, long or size_t, on alignment
@@ -20,8 +20,13 @@
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: mtd_fuzz_replay TARGET FILE...\n");
+        std::fprintf(stderr, "usage: mtd_fuzz_replay TARGET FILE... | --list\n");
         return 2;
+    }
+    if (std::strcmp(argv[1], "--list") == 0) {
+        for (const auto& t : kReplayTargets)
+            std::printf("%s\n", t.name);
+        return 0;
     }
     int (*entry)(const uint8_t*, size_t) = nullptr;
     for (const auto& t : kReplayTargets)

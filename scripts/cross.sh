@@ -44,8 +44,8 @@ export QEMU_LD_PREFIX="$sysroot"
 # sign of char. The passport target's scratch folder is named at random, and
 # the drivers' greeting carries the time they were compiled.
 replay() {
-  for corpus in fuzz/corpus/*/; do
-    TZ=UTC "$@" "$(basename "$corpus")" "$corpus"*
+  for target in $("$host/mtd_fuzz_replay" --list); do
+    TZ=UTC "$@" "$target" fuzz/corpus/"$target"/*
   done | sed -E -e 's#(/tmp/mtd_fuzz_passport_)[^/]*/#\1X/#g' -e 's/, compiled: .*$/, compiled: -/'
 }
 host="$dir/host-replay"
