@@ -29,7 +29,7 @@ const DriverModelRow kModelTable[] = {
     {"micont186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
     {"mikont-186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
     {"spg761.1", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &CmtdSPG761::create},
-    {"spg761.2", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &CmtdSPG761::create},
+    {"spg761.2", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &CmtdSPG761::create},
     {"spg761", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &CmtdSPG761::create},
     // "ek88" is tested twice; the second row can never decide. Kept as the
     // table has always been.

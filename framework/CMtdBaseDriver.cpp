@@ -36,6 +36,12 @@ struct TimeText {
     }
 };
 
+// One of the "+++ CMtdBaseDriver::functionThread(): <label> = <t> (<ctime>)"
+// lines of the schedule; their "=" stands in one column.
+void logScheduleTime(const std::string& label, time_t t) {
+    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): %-22s= %d (%s)", label.c_str(), (int)t, TimeText(t).text);
+}
+
 // A paused driver looks at its pause file again at the main loop's next step,
 // or after this long if no step comes.
 constexpr auto kPauseRecheck = std::chrono::seconds(5);
@@ -217,18 +223,12 @@ void CMtdBaseDriver::initSchedule() {
     when_next_arch_journal_event = std::max(eventLast + 1, dailyBegin);
     when_next_arch_journal_intervent = std::max(interventLast + 1, dailyBegin);
 
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_hourly_begin     = %d (%s)", (int)hourlyBegin,
-            TimeText(hourlyBegin).text);
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_hourly_last      = %d (%s)", (int)hourlyLast,
-            TimeText(hourlyLast).text);
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_daily_begin      = %d (%s)", (int)dailyBegin,
-            TimeText(dailyBegin).text);
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_daily_last       = %d (%s)", (int)dailyLast,
-            TimeText(dailyLast).text);
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_event_last       = %d (%s)", (int)eventLast,
-            TimeText(eventLast).text);
-    MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): arch_intervent_last   = %d (%s)", (int)interventLast,
-            TimeText(interventLast).text);
+    logScheduleTime("arch_hourly_begin", hourlyBegin);
+    logScheduleTime("arch_hourly_last", hourlyLast);
+    logScheduleTime("arch_daily_begin", dailyBegin);
+    logScheduleTime("arch_daily_last", dailyLast);
+    logScheduleTime("arch_event_last", eventLast);
+    logScheduleTime("arch_intervent_last", interventLast);
     MTD_LOG(Debug,
             "when_next_arch_hourly = %d, when_next_arch_daily = %d, when_next_arch_journal_event = %d, "
             "when_next_arch_journal_intervent = %d, now = %d",
@@ -390,30 +390,12 @@ void CMtdBaseDriver::cycleBody() {
     MTD_LOG(Info, "CMtdBaseDriver::functionThread end all current values.");
     checkStop();
 
-    time_t t = now();
-    if (when_next_arch_daily + kArchiveMargin < t) {
-        const time_t last = m_store->GetLastTimestamp(ARCH_DAILY);
-        const time_t next = when_next_arch_daily;
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: current time   = %d (%s)", (int)t,
-                TimeText(t).text);
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: last time      = %d (%s)", (int)last,
-                TimeText(last).text);
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): DAILY: next time      = %d (%s)", (int)next,
-                TimeText(next).text);
+    if (archiveDue(ARCH_DAILY, when_next_arch_daily)) {
         ReadDailyArch();
         checkStop();
     }
 
-    t = now();
-    if (when_next_arch_hourly + kArchiveMargin < t) {
-        const time_t last = m_store->GetLastTimestamp(ARCH_HOURLY);
-        const time_t next = when_next_arch_hourly;
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: current time  = %d (%s)", (int)t,
-                TimeText(t).text);
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: last time     = %d (%s)", (int)last,
-                TimeText(last).text);
-        MTD_LOG(Info, "+++ CMtdBaseDriver::functionThread(): HOURLY: next time     = %d (%s)", (int)next,
-                TimeText(next).text);
+    if (archiveDue(ARCH_HOURLY, when_next_arch_hourly)) {
         ReadHourlyArch();
         checkStop();
         ReadJournalEventArch();
@@ -450,6 +432,18 @@ void CMtdBaseDriver::cycleBody() {
 }
 
 // ---- archive readers ----
+
+bool CMtdBaseDriver::archiveDue(int archType, time_t next) {
+    const time_t t = now();
+    if (next + kArchiveMargin >= t)
+        return false;
+    const time_t last = m_store->GetLastTimestamp(archType);
+    const char* kind = archType == ARCH_DAILY ? "DAILY" : "HOURLY";
+    logScheduleTime(std::string(kind) + ": current time", t);
+    logScheduleTime(std::string(kind) + ": last time", last);
+    logScheduleTime(std::string(kind) + ": next time", next);
+    return true;
+}
 
 time_t CMtdBaseDriver::GetMaxTimestampIn(int archType, time_t start) {
     const time_t last = m_store ? m_store->GetLastTimestamp(archType) : 0;

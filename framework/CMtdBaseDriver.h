@@ -220,6 +220,9 @@ private:
     // sink took, also when it throws; returns the number of records taken.
     size_t readAndStore(int archType, time_t from, time_t to);
     int readJournal(int archType, std::atomic<time_t>& next, const char* absentText);
+    // True (after the three schedule lines) when the hourly or daily read
+    // starting at `next` is due: its interval closed 119 s ago or more.
+    bool archiveDue(int archType, time_t next);
 
     // The archive files as the sink sees them.
     class StoreOfDriver : public ArchiveStore {

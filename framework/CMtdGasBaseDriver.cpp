@@ -42,7 +42,8 @@ void CMtdGasBaseDriver::SetRs232State(int n, bool state) {
 bool CMtdGasBaseDriver::GetGasPassportParams(std::map<std::string, std::string>& values) {
     CControlFiles control(paths().controlDir);
     // A refused file (not a JSON object, too large, ...) is logged and removed
-    // by the reader; nothing of it is written into the device.
+    // by the reader, one from an untrusted owner logged and left in place;
+    // nothing of either is written into the device.
     if (control.readPassport(m_config.meter_id, values) != CControlFiles::PASSPORT_OK)
         return false;
     RemovePasportFile();

@@ -22,7 +22,8 @@ protected:
     // Switches relay output n (1 or 2) through the sensors service.
     void SetRs232State(int n, bool state);
     // Reads the passport file "/tmp/gmd_set_value_<id>" (name -> value text) and
-    // removes it. False when there is no file or it was refused (logged, removed).
+    // removes it. False when there is no file or it was refused (logged; removed,
+    // unless it came from an untrusted owner).
     bool GetGasPassportParams(std::map<std::string, std::string>& values);
     void RemovePasportFile();
 

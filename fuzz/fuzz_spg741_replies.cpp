@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The SPG741 driver against a meter that answers with the fuzz input: session
-// start, system block, clock, current values and the three archive rings, so
-// the memory-read frames, the Microchip floats, the ring indexes and the
-// record dates all see hostile bytes. The input is the whole stream of replies.
+// start, settings, clock, current values and the three archives, so the
+// memory-read frames (a flash block being one frame a page), the settings
+// texts, the Microchip floats, the ring indexes, the headers and the journal
+// records all see hostile bytes. The input is the whole stream of replies.
 
 #include <cstddef>
 #include <cstdint>

@@ -16,15 +16,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     fuzzLogAll();
     LogikaRequest request;
-    switch (data[0] % 3) {
+    switch (data[0] % 5) {
     case 0:
         request = {"Read Param", SpNet::kFnReadParam, 0, 0, {0, 65, 0, 0}};
         break;
     case 1:
         request = {"Read Array", SpNet::kFnReadArray, 0, 0, {0, 65, 1, 5}};
         break;
+    case 2:
+        request = {"Read Archive", SpNet::kFnReadArchive, 0, 0, {0, 96, 1714600000, 1714000000}};
+        break;
+    case 3:
+        request = {"Read Slice Columns", SpNet::kFnReadTableDescriptor, 0, 0, {0, 65, 0, 0}};
+        break;
     default:
-        request = {"Read Archive", SpNet::kFnReadArchive, 0, 0, {0, 65, 1714000000, 1714600000}};
+        request = {"Read Slice", SpNet::kFnReadTableRow, 0, 0, {0, 65, 1714600000, 0}};
         break;
     }
     CConnector conn{std::make_unique<CReplayTransport>(data + 1, size - 1)};

@@ -8,27 +8,15 @@
 # its own namespaces like the end-to-end cases; a relay on a second
 # pseudo-terminal sits between the daemon and the simulator and keeps the
 # meter's bytes. Regenerate with this one command and review the diff.
-set -uo pipefail
-export BUILD_DIR=${1:?usage: record_ek_session.sh BUILD_DIR}
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
-. "$ROOT/tests/e2e/lib.sh"
+. "$(dirname "$0")/record_lib.sh" "$@"
 OUT="$ROOT/fuzz/corpus"
-e2e_enter_ns
-trap stop_started EXIT
 
 record() {  # record MODEL SELECTOR
     local model=$1 selector=$2
     local low=${model,,}
     start_metersim "$WORK/$model.sim" --link "$WORK/$model.meter" --no-timing --archive-days 1 --seed 3 \
         --model "$model" --now "$(ek_device_start 10)" || return 1
-    # The relay (fuzz/line_relay.py): the daemon opens the link of a new
-    # pseudo-terminal, every byte is passed on both ways, the meter's side is
-    # written to a file.
-    start_bg "$WORK/$model.relay" python3 "$ROOT/fuzz/line_relay.py" "$WORK/$model.meter" "$WORK/$model.line" "$WORK/$model.bytes"
-    wait_for "$WORK/$model.relay" '^ready' 5 || { cat "$WORK/$model.relay"; return 1; }
+    start_relay "$WORK/$model.meter" "$WORK/$model.line" "$WORK/$model.bytes" "$WORK/$model.relay" || return 1
     write_ek_model_config "$WORK/$model.json" 2400 "$low" "$WORK/$model.line" 12345678 600
     start_hostsim "$WORK/$model.json" "$WORK/$model.rec" || return 1
     start_bg "$WORK/$model.log" "$MTD_MAIN" -e -v 7 -i 2400

@@ -7,22 +7,13 @@
 # (the body of an archive reply). Runs in its own namespaces like the
 # end-to-end cases, with a relay between the daemon and the simulator that
 # keeps the meter's bytes. Regenerate with this one command and review the diff.
-set -uo pipefail
-export BUILD_DIR=${1:?usage: record_m4_session.sh BUILD_DIR}
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
-. "$ROOT/tests/e2e/lib.sh"
+. "$(dirname "$0")/record_lib.sh" "$@"
 OUT="$ROOT/fuzz/corpus"
-e2e_enter_ns
-trap stop_started EXIT
 
 start_bg "$WORK/sim" "$BUILD_DIR/mtd_m4sim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 \
     --address 1 --serial 74200 --now "$(ek_device_start 10)"
 wait_for "$WORK/sim" '^ready' 5 || { cat "$WORK/sim"; exit 1; }
-start_bg "$WORK/relay" python3 "$ROOT/fuzz/line_relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
-wait_for "$WORK/relay" '^ready' 5 || { cat "$WORK/relay"; exit 1; }
+start_relay "$WORK/meter" "$WORK/line" "$WORK/bytes" "$WORK/relay" || exit 1
 cat >"$WORK/host.json" <<JSON
 {"meters": {"7400": {"port_params": {"manufacturer": "spg742", "name": "$WORK/line", "speed": "9600",
   "data": "8", "parity": "N", "stop": "1", "timeout": "300", "serial": "74200", "address": "1",

@@ -1,31 +1,23 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # fuzz/record_spg761_session.sh BUILD_DIR : records what mtd_spbussim answers
-# to a real mtd_main session of an SPG761 (system and current values, hourly
-# and daily archives) and writes seeds for fuzz_spnet_reply from it:
-# fuzz/corpus/spnet_reply/session_param, session_array, session_archive (the
-# first byte picks the request kind as the target does, then one reply).
+# to a real mtd_main session of an SPG761.1 (system and current values, hourly
+# and daily slices, the journal) and writes seeds for fuzz_spnet_reply from it:
+# fuzz/corpus/spnet_reply/session_param, session_array, session_archive,
+# session_columns, session_slice (the first byte picks the request kind as the
+# target does, then one reply).
 # Runs in its own namespaces like the end-to-end cases, with the relay of
 # fuzz/line_relay.py keeping the meter's bytes. Regenerate with this one
 # command and review the diff.
-set -uo pipefail
-export BUILD_DIR=${1:?usage: record_spg761_session.sh BUILD_DIR}
-ROOT=$(cd "$(dirname "$0")/.." && pwd)
-if [ -z "${MTD_E2E_IN_NS:-}" ]; then
-    MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
-. "$ROOT/tests/e2e/lib.sh"
+. "$(dirname "$0")/record_lib.sh" "$@"
 OUT="$ROOT/fuzz/corpus/spnet_reply"
-e2e_enter_ns
-trap stop_started EXIT
 
-start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 \
+start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --no-timing --archive-days 1 --seed 3 --model spg761.1 \
     --now "$(ek_device_start 10)"
 wait_for "$WORK/sim.out" '^ready' 5 || { cat "$WORK/sim.out"; exit 1; }
-start_bg "$WORK/relay.out" python3 "$ROOT/fuzz/line_relay.py" "$WORK/meter" "$WORK/line" "$WORK/bytes"
-wait_for "$WORK/relay.out" '^ready' 5 || { cat "$WORK/relay.out"; exit 1; }
+start_relay "$WORK/meter" "$WORK/line" "$WORK/bytes" "$WORK/relay.out" || exit 1
 cat >"$WORK/host.json" <<JSON
-{"meters": {"7610": {"port_params": {"manufacturer": "spg761", "name": "$WORK/line", "speed": "9600",
+{"meters": {"7610": {"port_params": {"manufacturer": "spg761.1", "name": "$WORK/line", "speed": "9600",
   "timeout": "300", "serial": "76100042", "data_rate": "600"}, "systems": ["1"]}}}
 JSON
 start_hostsim "$WORK/host.json" "$WORK/host.rec" || exit 1
@@ -47,7 +39,8 @@ while True:
         break
     replies.append(data[start:end + 4])
     pos = end + 4
-want = {"session_param": (0, 0x03), "session_array": (1, 0x14), "session_archive": (2, 0x16)}
+want = {"session_param": (0, 0x03), "session_array": (1, 0x14), "session_archive": (2, 0x16),
+        "session_columns": (3, 0x21), "session_slice": (4, 0x20)}
 for name, (sel, fn) in want.items():
     of_kind = [r for r in replies if r[4] == fn]
     if not of_kind:

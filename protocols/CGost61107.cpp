@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 #include "core/logger.h"
 #include "transport/CConnector.h"
@@ -45,7 +46,15 @@ CGost61107::CGost61107(CConnector& connector, long long id, std::string name)
 
 bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8_t>& reply) {
     const char* rq = request.name.c_str();
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    // Lets the rest of a damaged reply (or a check byte that comes late)
+    // arrive before the flush of the next attempt.
+    policy.pause = kPause;
+    policy.countRetries = true;
+    policy.failedAttempt = "CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!";
+    policy.gaveUp = "CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!";
+    const bool ok = exchange::run(policy, m_log, rq, [&](int attempt) {
         // A block that did not come whole and checked is never acknowledged: the
         // meter would take the ACK for "next block" and the lost one would never
         // be read. NAK makes it send the same block again.
@@ -53,7 +62,7 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
         if (attempt > 0 && request.kind == SGost61107Request::Acknowledge)
             sent.kind = SGost61107Request::Repeat;
         if (!makePacket(sent))
-            return false;
+            return exchange::Outcome::Final;
         if (debugOn()) {
             std::string shownTx = printable(m_tx, m_txLength, (m_tx[0] & 0xFD) == SOH);
             MTD_CLOG(m_log, Debug, "CGost61107::send('%s'): Send: %s", rq,
@@ -66,18 +75,11 @@ bool CGost61107::SendRequest(const SGost61107Request& request, std::vector<uint8
         m_connector.FlushBuffers();
         dropReadAhead();
         m_connector.WriteBuffer(m_tx, static_cast<uint16_t>(m_txLength), true);
-        bool got = receive(request, reply);
+        const bool got = receive(request, reply);
         m_lastRx = std::chrono::steady_clock::now();
-        if (got)
-            return processReply(request, reply);
-        // Let the rest of a damaged reply (or a check byte that comes late)
-        // arrive before the flush of the next attempt.
-        pause(kPause);
-        CLinkStats::noteRetry();
-        MTD_CLOG(m_log, Warning, "CGost61107::SendRequest('%s') - ATTEMPT N%d IS FAILED !!!", rq, attempt);
-    }
-    MTD_CLOG(m_log, Err, "CGost61107::SendRequest('%s') - CAN'T SEND REQUEST !!!", rq);
-    return false;
+        return got ? exchange::Outcome::Ok : exchange::Outcome::Failed;
+    }, [this](std::chrono::milliseconds d) { pause(d); });
+    return ok && processReply(request, reply);
 }
 
 void CGost61107::keepQuietGap() {

@@ -16,7 +16,7 @@ struct LogikaRequest {
     uint16_t param = 0;      // parameter number (M4 sends 15 bits of it)
     // M4 archive read: [0], [1] archive selector bytes, [2] start, [3] end (Unix seconds, local time).
     // SPbus: [0] channel digit, [1] parameter number, [2], [3] by function (array index and
-    // count, or archive start and end in Unix seconds).
+    // count; the two times of a journal read, end first; the time of a slice).
     std::array<uint32_t, 4> args{};
 };
 

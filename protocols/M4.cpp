@@ -7,6 +7,7 @@
 #include <thread>
 #include <utility>
 
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 #include "core/Exceptions.h"
 #include "protocols/Crc16.h"
@@ -289,17 +290,16 @@ CM4::Attempt CM4::attempt(const LogikaRequest& request) {
 }
 
 bool CM4::SendRequest(const LogikaRequest& request) {
-    for (int i = 0; i < kAttempts; ++i) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    policy.pause = m_timing.betweenAttempts;
+    policy.gaveUp = "M4::SendRequest('%s'): CAN'T SEND REQUEST !!!";
+    return exchange::run(policy, m_log, request.name.c_str(), [&](int) {
         // Each attempt is a fresh frame, so it carries a fresh packet identifier.
         if (!makePacket(request))
-            return false;
-        if (attempt(request) == Attempt::Ok)
-            return true;
-        pause(m_timing.betweenAttempts);
-    }
-    MTD_CLOG(m_log, Err, "M4::SendRequest('%s'): CAN'T SEND REQUEST !!!",
-            request.name.c_str());
-    return false;
+            return exchange::Outcome::Final;
+        return attempt(request) == Attempt::Ok ? exchange::Outcome::Ok : exchange::Outcome::Failed;
+    }, [this](std::chrono::milliseconds d) { pause(d); });
 }
 
 bool CM4::decodeLength(const uint8_t* data, size_t avail, uint32_t& length, size_t& fieldSize) {

@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "core/logger.h"
@@ -204,19 +205,22 @@ bool ModBus::SendRequest(const ModBusRequest& r) {
     m_exception = 0;
     if (!makePacket(r))
         return false;
-    for (int i = 0; i < kAttempts; ++i) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    policy.pause = m_betweenAttempts;
+    policy.pauseAfterLast = false;
+    policy.gaveUp = "ModBus::SendRequest('%s') - NO VALID REPLY AFTER %d ATTEMPTS";
+    return exchange::run(policy, m_log, r.name.c_str(), [&](int) {
         switch (attempt(r)) {
-        case Attempt::Ok: return true;
-        case Attempt::Final: return false;
+        case Attempt::Ok: return exchange::Outcome::Ok;
+        case Attempt::Final: return exchange::Outcome::Final;
         case Attempt::Failed: break;
         }
-        if (i + 1 < kAttempts) {
-            if (m_sleep)
-                m_sleep(m_betweenAttempts);
-            else
-                std::this_thread::sleep_until(std::chrono::steady_clock::now() + m_betweenAttempts);
-        }
-    }
-    MTD_CLOG(m_log, Err, "ModBus::SendRequest('%s') - NO VALID REPLY AFTER %d ATTEMPTS", r.name.c_str(), kAttempts);
-    return false;
+        return exchange::Outcome::Failed;
+    }, [this](std::chrono::milliseconds d) {
+        if (m_sleep)
+            m_sleep(d);
+        else
+            std::this_thread::sleep_until(std::chrono::steady_clock::now() + d);
+    });
 }

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include "protocols/Exchange.h"
 #include "transport/CLinkStats.h"
 #include "protocols/Crc16.h"
 #include "core/logger.h"
@@ -17,7 +18,7 @@ namespace {
 constexpr int kAttempts = 3;
 constexpr uint8_t SOH = 0x01, STX = 0x02, ETX = 0x03, HT = 0x09, FF = 0x0C, DLE = 0x10, ISI = 0x1F;
 // Reading stops here, leaving room for the two CRC bytes.
-constexpr size_t kReplyLimit = 4094;
+constexpr size_t kReplyLimit = CSpNet::kRecvBufferSize - 2;
 constexpr size_t kLogChunk = 75;
 
 class Writer {
@@ -92,6 +93,8 @@ uint8_t CSpNet::replyFunction(uint32_t requestFunction) {
     case kFnReadParam: return 0x03;
     case kFnReadArray: return 0x14;
     case kFnReadArchive: return 0x16;
+    case kFnReadTableRow: return 0x20;
+    case kFnReadTableDescriptor: return 0x21;
     default: return 0;
     }
 }
@@ -122,6 +125,7 @@ bool CSpNet::makePacket(const LogikaRequest& request) {
     w.field(request.args[1], 3);
     switch (request.function) {
     case kFnReadParam:
+    case kFnReadTableDescriptor:
         w.byte(FF);
         break;
     case kFnReadArray:
@@ -133,6 +137,10 @@ bool CSpNet::makePacket(const LogikaRequest& request) {
         w.byte(FF);
         w.dateTime(request.args[2]);
         w.dateTime(request.args[3]);
+        break;
+    case kFnReadTableRow:
+        w.byte(FF);
+        w.dateTime(request.args[2]);
         break;
     }
     w.byte(DLE);
@@ -227,18 +235,16 @@ bool CSpNet::attempt(const LogikaRequest& request) {
 }
 
 bool CSpNet::SendRequest(const LogikaRequest& request) {
-    for (int i = 0; i < kAttempts; ++i) {
+    exchange::Policy policy;
+    policy.attempts = kAttempts;
+    policy.countRetries = true;
+    policy.failedAttempt = "SpNet::SendRequest('%s') - WRONG ATTEMPT N %d";
+    policy.gaveUp = "SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!";
+    return exchange::run(policy, m_log, request.name.c_str(), [&](int) {
         if (!makePacket(request))
-            return false;
-        if (attempt(request))
-            return true;
-        CLinkStats::noteRetry();
-        MTD_CLOG(m_log, Warning, "SpNet::SendRequest('%s') - WRONG ATTEMPT N %d",
-                request.name.c_str(), i);
-    }
-    MTD_CLOG(m_log, Err, "SpNet::SendRequest('%s'): CAN'T SEND REQUEST !!!",
-            request.name.c_str());
-    return false;
+            return exchange::Outcome::Final;
+        return attempt(request) ? exchange::Outcome::Ok : exchange::Outcome::Failed;
+    }, {});
 }
 
 }  // namespace SpNet

@@ -8,8 +8,13 @@
 //
 // Fields are ASCII digits separated by HT, a block ends with FF. The CRC is
 // CRC-16/XMODEM over DLE ISI .. ETX. Replies carry their own function code
-// (0x1D -> 0x03, 0x0C -> 0x14, 0x0E -> 0x16) and end with DLE ETX and the CRC.
-// No pause is needed between a failed attempt and the next one.
+// (0x1D -> 0x03, 0x0C -> 0x14, 0x0E -> 0x16, 0x18 -> 0x20, 0x19 -> 0x21) and
+// end with DLE ETX and the CRC. No pause is needed between a failed attempt
+// and the next one.
+//
+// The meters cap a reply near 5500 bytes (an archive or journal reply that
+// reaches it is cut after its last whole entry), so the receive buffer holds
+// 8 KiB.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,13 +30,19 @@ namespace SpNet {
 enum : uint32_t {
     kFnReadParam = 0x1D,    // args: channel, parameter
     kFnReadArray = 0x0C,    // args: channel, parameter, first index (2 digits), count (1 digit)
-    kFnReadArchive = 0x0E,  // args: channel, parameter, start, end (Unix seconds, local time)
+    // args: channel, parameter, then two times (Unix seconds, local time) in
+    // the order they go on the line; the meter wants the END of the window
+    // first and the START second.
+    kFnReadArchive = 0x0E,
+    // Slice archives (hourly, daily): args 0, archive number.
+    kFnReadTableDescriptor = 0x19,  // the column list
+    kFnReadTableRow = 0x18,         // args 0, archive number, time: the slice at that time
 };
 
 class CSpNet {
 public:
     static constexpr size_t kSendBufferSize = 64;
-    static constexpr size_t kRecvBufferSize = 4096;
+    static constexpr size_t kRecvBufferSize = 8192;
 
     CSpNet(CConnector& connector, long long logId, std::string logName);
 

@@ -52,7 +52,7 @@ export BUILD_DIR QUICK
 
 if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
     if ((BUILD)); then
-        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_bench_floor >/dev/null || exit 2
+        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor >/dev/null || exit 2
     fi
     MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
 fi
@@ -446,6 +446,53 @@ if ! grep -q CmtdEK2xxTC2xx "$MTD_MAIN"; then
 else
     ek_runs
 fi
+
+# ---------------------------------------------------------------- SPG741 first run
+# A first read of an SPG741 at the meter's 2400 Bd with the simulator's line
+# timing on: the settings, the current values, a week of hourly records, the
+# daily ring and the fault journal, against the bytes on the line (both ways).
+# The dialect asks for no pause between a reply and the next request.
+spg741_runs() {
+    local id=7419 link="$WORK/spg741.tty" days=7
+    ((QUICK)) && days=2
+    start_bg "$WORK/spg741.sim" "$BUILD_DIR/mtd_m4sim" --model spg741 --link "$link" --baud 2400 --frame-bits 10 \
+        --archive-days "$days" --serial 741005 --now "$(ek_device_start 10)"
+    local simpid=$BG_PID
+    wait_for "$WORK/spg741.sim" '^ready' 5 || { echo "bench.sh: mtd_m4sim did not start" >&2; return; }
+    write_ek_model_config "$WORK/spg741.json" "$id" spg741 "$link" 741005 600
+    start_hostsim "$WORK/spg741.json" "$WORK/spg741.rec" || return
+    local b0 b1 first_send last_recv measured bytes ideal requests
+    b0=$(io_bytes "$simpid")
+    start_daemon spg741 7 "$id"
+    if ! wait_for "$LOG" 'Journal ring read up to' 600; then
+        echo "bench.sh: the SPG741 first run did not finish" >&2
+        return
+    fi
+    b1=$(io_bytes "$simpid")
+    requests=$(count_in "$LOG" "\\[CmtdSPG741\\] .*: Send ")
+    first_send=$(log_seconds "$(grep -m1 -E "\\[CmtdSPG741\\] .*: Send " "$LOG")")
+    last_recv=$(log_seconds "$(grep -E "\\[CmtdSPG741\\] .*: Recv " "$LOG" | tail -1)")
+    measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
+    bytes=$((b1 - b0))
+    ideal=$(calc "$bytes * 10 / 2400" 3)
+    put spg741_line baud 2400
+    put spg741_line history_days "$days"
+    put spg741_line requests "$requests"
+    put spg741_line line_bytes "$bytes"
+    put spg741_line bytes_time_s "$ideal"
+    put spg741_line measured_s "$measured"
+    put spg741_line efficiency "$(calc "$ideal / $measured" 3)"
+    echo "SPG741 line efficiency (bytes time / measured): $(calc "$ideal / $measured" 2)"
+    stop_pid "$PID"
+    stop_pid "$HOSTSIM_PID"
+    stop_pid "$simpid"
+}
+if [ -x "$BUILD_DIR/mtd_m4sim" ]; then
+    spg741_runs
+fi
+# The SPG761 first read (scripts/bench-spg761.sh).
+. "$HERE/bench-spg761.sh"
+spg761_line
 
 write_json "$BUILD_DIR/bench-results.json"
 print_table

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <mutex>
+#include <tuple>
 
 #include "core/logger.h"
 #include "core/CUniqueFd.h"
@@ -28,9 +30,39 @@ const char* const kPassportNames[] = {"PassCO", "PassCO2", "PassH2", "PassN2",
                                       "PassS",  "PassP",   "PassT",  "PassDateTime"};
 constexpr size_t kMaxPassportValueLength = 64;
 
-bool pathExists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
+// The untrusted files already reported, by path, with what made them so: the
+// pause and force-update files are looked at every few seconds, and a file
+// left in place must not write a line each time. A changed file is reported
+// again. Shared by every CControlFiles of the process (they are short-lived).
+class UntrustedReports {
+public:
+    // True when this state of `path` has not been reported yet.
+    bool firstReport(const std::string& path, const struct stat& st) {
+        const Seen seen{st.st_dev, st.st_ino, st.st_uid, st.st_gid, st.st_mode};
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_seen.find(path);
+        if (it != m_seen.end() && it->second == seen)
+            return false;
+        if (m_seen.size() >= kMaxPaths)
+            m_seen.clear();  // bounded: a flood of names only costs repeated lines
+        m_seen[path] = seen;
+        return true;
+    }
+    void forget(const std::string& path) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_seen.erase(path);
+    }
+
+private:
+    using Seen = std::tuple<dev_t, ino_t, uid_t, gid_t, mode_t>;
+    static constexpr size_t kMaxPaths = 256;
+    std::mutex m_mutex;
+    std::map<std::string, Seen> m_seen;
+};
+
+UntrustedReports& untrustedReports() {
+    static UntrustedReports reports;
+    return reports;
 }
 
 bool isKnownPassportName(const std::string& name) {
@@ -58,9 +90,55 @@ bool isSafeMeterId(const std::string& meterId) {
     return true;
 }
 
-CControlFiles::CControlFiles(std::string controlDir) : m_dir(std::move(controlDir)) {
+ControlFileOwners ControlFileOwners::ofProcess() {
+    ControlFileOwners owners;
+    owners.user = ::geteuid();
+    owners.group = ::getegid();
+    owners.hasGroup = owners.group != 0;
+    return owners;
+}
+
+bool ControlFileOwners::trusts(const struct stat& st) const {
+    if (!S_ISREG(st.st_mode) || (st.st_mode & S_IWOTH))
+        return false;
+    return st.st_uid == 0 || st.st_uid == user || (hasGroup && st.st_gid == group);
+}
+
+CControlFiles::CControlFiles(std::string controlDir, ControlFileOwners owners)
+    : m_dir(std::move(controlDir)), m_owners(owners) {
     if (!m_dir.empty() && m_dir.back() != '/')
         m_dir += '/';
+}
+
+bool CControlFiles::trustedDescriptor(int fd, const std::string& path, struct stat& st) const {
+    if (::fstat(fd, &st) != 0) {
+        MTD_LOG(Warning, "%s: control file ignored, fstat failed: %s", path.c_str(), strerror(errno));
+        return false;
+    }
+    if (m_owners.trusts(st)) {
+        untrustedReports().forget(path);
+        return true;
+    }
+    // The name comes first: lines are cut at 127 characters.
+    if (untrustedReports().firstReport(path, st))
+        MTD_LOG(Warning, "%s: untrusted control file ignored, owner %u:%u mode %06o", path.c_str(),
+                static_cast<unsigned>(st.st_uid), static_cast<unsigned>(st.st_gid),
+                static_cast<unsigned>(st.st_mode));
+    return false;
+}
+
+bool CControlFiles::trustedExists(const std::string& path) const {
+    // O_PATH opens nothing for reading (no side effect, even on a FIFO or a
+    // device) and with O_NOFOLLOW yields the symlink itself, which fstat then
+    // shows as not a regular file.
+    CUniqueFd fd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno == ENOENT)
+            untrustedReports().forget(path);
+        return false;
+    }
+    struct stat st;
+    return trustedDescriptor(fd.get(), path, st);
 }
 
 std::string CControlFiles::lockPath(int kind, const std::string& name) const {
@@ -77,7 +155,7 @@ void CControlFiles::createLock(int kind, const std::string& name) const {
 }
 
 bool CControlFiles::lockExists(int kind, const std::string& name) const {
-    return pathExists(lockPath(kind, name));
+    return trustedExists(lockPath(kind, name));
 }
 
 void CControlFiles::removeLock(int kind, const std::string& name) const {
@@ -85,19 +163,22 @@ void CControlFiles::removeLock(int kind, const std::string& name) const {
 }
 
 bool CControlFiles::pauseActive(const std::string& meterId) const {
-    if (pathExists(m_dir + "pause_gmd_all") || pathExists(m_dir + "pause_gmd"))
+    if (trustedExists(m_dir + "pause_gmd_all") || trustedExists(m_dir + "pause_gmd"))
         return true;
-    return isSafeMeterId(meterId) && pathExists(m_dir + "pause_gmd_" + meterId);
+    return isSafeMeterId(meterId) && trustedExists(m_dir + "pause_gmd_" + meterId);
 }
 
 bool CControlFiles::forceUpdateRequested(const std::string& meterId) const {
-    return isSafeMeterId(meterId) && pathExists(m_dir + "gmd_force_update_" + meterId);
+    return isSafeMeterId(meterId) && trustedExists(m_dir + "gmd_force_update_" + meterId);
 }
 
 bool CControlFiles::takeForceUpdate(const std::string& meterId) const {
     if (!isSafeMeterId(meterId))
         return false;
-    return ::unlink((m_dir + "gmd_force_update_" + meterId).c_str()) == 0;
+    // Only a trusted file is taken (and removed): in the sticky "/tmp/" nobody
+    // else can swap a root-owned file between the look and the unlink.
+    const std::string path = m_dir + "gmd_force_update_" + meterId;
+    return trustedExists(path) && ::unlink(path.c_str()) == 0;
 }
 
 std::string CControlFiles::passportPath(const std::string& meterId) const {
@@ -122,19 +203,23 @@ CControlFiles::PassportResult CControlFiles::readPassport(const std::string& met
     };
 
     // O_NONBLOCK: a FIFO planted under the name must not block the polling thread in open().
+    // The owner and mode are judged on the descriptor that is read. A symlink
+    // is judged as itself (O_PATH), then left alone like any untrusted file.
     CUniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid()) {
         if (errno == ENOENT)
             return PASSPORT_NONE;
-        if (errno == ELOOP)
-            return refuse("symbolic link");
+        if (errno == ELOOP) {
+            trustedExists(path);
+            return PASSPORT_REFUSED;
+        }
         MTD_LOG(Err, "CControlFiles::readPassport passport file not readable [%s]: %s", path.c_str(),
                 strerror(errno));
         return PASSPORT_REFUSED;
     }
     struct stat st;
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return refuse("not a regular file");
+    if (!trustedDescriptor(fd.get(), path, st))
+        return PASSPORT_REFUSED;  // an untrusted file stays where it is, unread
     if (st.st_size > kMaxPassportBytes)
         return refuse("too large");
 

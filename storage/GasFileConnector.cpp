@@ -36,9 +36,10 @@ bool endsWith(const std::string& s, const char* suffix) {
     return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
 }
 
-// Parses a whole decimal number; false for anything else (sign, blanks, overflow).
+// Parses a whole decimal number in its canonical form ("0" or no leading
+// zero); false for anything else (sign, blanks, overflow).
 bool parseDecimal(const std::string& text, long long& value) {
-    if (text.empty() || text.size() > 18)
+    if (text.empty() || text.size() > 18 || (text.size() > 1 && text[0] == '0'))
         return false;
     value = 0;
     for (char c : text) {
@@ -49,17 +50,19 @@ bool parseDecimal(const std::string& text, long long& value) {
     return true;
 }
 
-// "<kind>-<first>-<last>.jsonl" of the given kind: its <last>.
-bool batchLastTimestamp(const std::string& name, const std::string& kind, long long& last) {
-    if (name.compare(0, kind.size() + 1, kind + "-") != 0 || !endsWith(name, kBatchSuffix))
-        return false;
-    std::string range = name.substr(kind.size() + 1, name.size() - kind.size() - 1 - std::strlen(kBatchSuffix));
-    size_t dash = range.find('-');
-    long long first = 0;
-    if (dash == std::string::npos || !parseDecimal(range.substr(0, dash), first))
-        return false;
-    return parseDecimal(range.substr(dash + 1), last);
+// CRC-32 (IEEE 802.3, reflected 0xEDB88320) of a short text.
+uint32_t crc32(const std::string& text) {
+    uint32_t crc = 0xFFFFFFFFu;
+    for (unsigned char c : text) {
+        crc ^= c;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
 }
+
+// Longest state file read; anything longer is not one.
+constexpr size_t kMaxStateBytes = 64;
 
 // Names of the entries of a folder, without "." and ".."; false when it cannot be opened.
 bool listDir(const std::string& dir, std::vector<std::string>& names) {
@@ -79,30 +82,6 @@ bool listDir(const std::string& dir, std::vector<std::string>& names) {
 bool isRegularFile(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// A rename only reaches the disk once the folder holding the entry is synced.
-bool syncDir(const std::string& dir) {
-    CUniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd.valid() && ::fsync(fd.get()) == 0;
-}
-
-// Creates `path` and its parents below `base` (which must exist: an unmounted
-// storage card must not be replaced by folders on the controller's own flash).
-bool makeDirs(const std::string& base, const std::string& path) {
-    struct stat st;
-    if (::stat(base.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return false;
-    for (size_t pos = base.size(); pos < path.size();) {
-        size_t slash = path.find('/', pos);
-        if (slash == std::string::npos)
-            slash = path.size();
-        std::string part = path.substr(0, slash);
-        if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-        pos = slash + 1;
-    }
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Length of the valid UTF-8 sequence at s[i], or 0.
@@ -272,6 +251,98 @@ int GasFileConnector::renameFile(const std::string& from, const std::string& to)
     return ::rename(from.c_str(), to.c_str());
 }
 
+int GasFileConnector::syncFile(int fd, const std::string& /*path*/) {
+    return ::fsync(fd);
+}
+
+// A rename or a new entry only reaches the disk once the folder holding it is synced.
+bool GasFileConnector::syncFolder(const std::string& dir) {
+    CUniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && syncFile(fd.get(), dir) == 0;
+}
+
+// The root must exist: an unmounted storage card must not be replaced by
+// folders on the controller's own flash. Each folder made here is synced in
+// its parent, or a power cut could take it (and the batch in it) away on a
+// file system without a journal (the FAT cards of some controllers).
+bool GasFileConnector::makeDirs(const std::string& path) {
+    struct stat st;
+    if (::stat(m_root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return false;
+    // A folder made by an earlier call whose parent could not be synced then:
+    // it exists now, but is not on the disk until its parent is synced.
+    for (auto it = m_unsyncedParents.begin(); it != m_unsyncedParents.end();) {
+        if (!syncFolder(*it)) {
+            MTD_LOG(Err, "GasFileConnector: cannot sync folder [%s]: %s", it->c_str(), strerror(errno));
+            return false;
+        }
+        it = m_unsyncedParents.erase(it);
+    }
+    for (size_t pos = m_root.size(); pos < path.size();) {
+        size_t slash = path.find('/', pos);
+        if (slash == std::string::npos)
+            slash = path.size();
+        const std::string part = path.substr(0, slash);
+        if (::mkdir(part.c_str(), 0755) == 0) {
+            const std::string parent = path.substr(0, pos);
+            if (!syncFolder(parent)) {
+                MTD_LOG(Err, "GasFileConnector: cannot sync folder [%s]: %s", parent.c_str(), strerror(errno));
+                m_unsyncedParents.insert(parent);
+                return false;
+            }
+        } else if (errno != EEXIST) {
+            return false;
+        }
+        pos = slash + 1;
+    }
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string GasFileConnector::stateText(long long last) {
+    const std::string time = std::to_string(last);
+    char crc[9];
+    std::snprintf(crc, sizeof crc, "%08x", static_cast<unsigned>(crc32(time)));
+    return time + " " + crc + "\n";
+}
+
+GasFileConnector::StateCheck GasFileConnector::parseStateText(const std::string& text, long long& last) {
+    last = 0;
+    if (text.empty() || text.size() > kMaxStateBytes || text.back() != '\n')
+        return STATE_BAD;  // a file cut anywhere has lost its newline
+    const std::string line = text.substr(0, text.size() - 1);
+    const size_t blank = line.find(' ');
+    long long value = 0;
+    if (blank == std::string::npos) {
+        // The older form: the time alone. Zero was never written.
+        if (!parseDecimal(line, value) || value == 0)
+            return STATE_BAD;
+        last = value;
+        return STATE_OLD_FORMAT;
+    }
+    const std::string time = line.substr(0, blank);
+    const std::string crc = line.substr(blank + 1);
+    if (!parseDecimal(time, value) || crc.size() != 8)
+        return STATE_BAD;
+    if (stateText(value) != text)
+        return STATE_BAD;
+    last = value;
+    return STATE_OK;
+}
+
+bool GasFileConnector::parseBatchName(const std::string& name, const std::string& kind, long long& first,
+                                      long long& last) {
+    const size_t suffix = std::strlen(kBatchSuffix);
+    if (name.size() <= kind.size() + 1 + suffix || name.compare(0, kind.size() + 1, kind + "-") != 0 ||
+        !endsWith(name, kBatchSuffix))
+        return false;
+    const std::string range = name.substr(kind.size() + 1, name.size() - kind.size() - 1 - suffix);
+    const size_t dash = range.find('-');
+    if (dash == std::string::npos || !parseDecimal(range.substr(0, dash), first) ||
+        !parseDecimal(range.substr(dash + 1), last))
+        return false;
+    return first > 0 && first <= last;
+}
+
 // The state file is the authority once the reporter has taken the files, but a
 // crash may come between a batch's rename and the state's: the names of the
 // batch files not yet released then tell the newer truth.
@@ -280,18 +351,23 @@ void GasFileConnector::recoverSystem(int sys) {
     for (int type : kArchTypes) {
         const std::string kind = archTypeName(type);
         long long last = 0;
+        StateCheck check = STATE_OK;
         const std::string statePath = base + "state/" + kind + ".last";
-        if (FILE* f = std::fopen(statePath.c_str(), "re")) {
-            char buf[32] = "";
-            size_t n = std::fread(buf, 1, sizeof buf - 1, f);
-            std::fclose(f);
-            std::string text(buf, n);
-            while (!text.empty() && text.back() == '\n')
-                text.pop_back();
-            if (!parseDecimal(text, last)) {
-                MTD_LOG(Err, "GasFileConnector: state file [%s] unreadable, using file names", statePath.c_str());
-                last = 0;
-            }
+        CUniqueFd fd(::open(statePath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        if (fd.valid()) {
+            char buf[kMaxStateBytes + 1];
+            ssize_t n;
+            do
+                n = ::read(fd.get(), buf, sizeof buf);
+            while (n < 0 && errno == EINTR);
+            check = parseStateText(n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string(), last);
+            if (check == STATE_BAD)
+                MTD_LOG(Err, "GasFileConnector: state file [%s] fails its check, rebuilt from the batch files",
+                        statePath.c_str());
+        } else if (errno != ENOENT) {
+            check = STATE_BAD;
+            MTD_LOG(Err, "GasFileConnector: state file [%s] unreadable, rebuilt from the batch files: %s",
+                    statePath.c_str(), strerror(errno));
         }
         long long fromNames = 0;
         const std::string folder = folderFor(type);
@@ -299,8 +375,8 @@ void GasFileConnector::recoverSystem(int sys) {
             std::vector<std::string> names;
             listDir(dir, names);
             for (const std::string& name : names) {
-                long long batchLast = 0;
-                if (batchLastTimestamp(name, kind, batchLast))
+                long long batchFirst = 0, batchLast = 0;
+                if (parseBatchName(name, kind, batchFirst, batchLast))
                     fromNames = std::max(fromNames, batchLast);
                 else if (name[0] == '.' && endsWith(name, ".tmp") && dir.find("/rotate/") != std::string::npos) {
                     // A batch that was being written when the process died; its
@@ -310,13 +386,15 @@ void GasFileConnector::recoverSystem(int sys) {
                 }
             }
         }
-        if (last == 0 && fromNames == 0)
+        if (last == 0 && fromNames == 0 && check == STATE_OK)
             continue;
         const Key key(sys, type);
         m_last[key] = static_cast<time_t>(std::max(last, fromNames));
-        if (fromNames > last) {
+        if (fromNames > last)
             MTD_LOG(Notice, "GasFileConnector: %s of system %d recovered from file names: %lld", kind.c_str(), sys,
                     fromNames);
+        // A lagging, damaged or older-form state file is written anew, checked.
+        if (fromNames > last || check != STATE_OK) {
             m_dirty.insert(key);
             saveState(sys, type);
         }
@@ -393,7 +471,7 @@ bool GasFileConnector::StoreRecords(int archType, const std::vector<ArchiveRecor
 bool GasFileConnector::writeBatch(int sys, int archType, const std::vector<std::string>& lines, long long first,
                                   long long last) {
     const std::string dir = sysDir(sys) + "rotate/" + folderFor(archType) + "/";
-    if (!makeDirs(m_root, dir)) {
+    if (!makeDirs(dir)) {
         MTD_LOG(Err, "GasFileConnector::StoreRecords cannot create [%s]: %s", dir.c_str(), strerror(errno));
         return false;
     }
@@ -433,15 +511,22 @@ bool GasFileConnector::writeFileDurably(const std::string& dir, const std::strin
             break;
         done += static_cast<size_t>(n);
     }
-    bool ok = done == content.size() && ::fsync(fd.get()) == 0;
+    bool ok = done == content.size() && syncFile(fd.get(), tmp) == 0;
     ok = fd.close() && ok;
     if (!ok || renameFile(tmp, target) != 0) {
         MTD_LOG(Err, "GasFileConnector: cannot write [%s]: %s", target.c_str(), strerror(errno));
         ::unlink(tmp.c_str());
         return false;
     }
-    if (!syncDir(dir))
-        MTD_LOG(Warning, "GasFileConnector: cannot sync folder [%s]: %s", dir.c_str(), strerror(errno));
+    // Until the folder is synced the new name may vanish in a power cut: the
+    // file is not stored. It is taken away again so that the retry, which may
+    // bring more records under another name, does not leave two copies.
+    if (!syncFolder(dir)) {
+        MTD_LOG(Err, "GasFileConnector: cannot sync folder [%s], [%s] not stored: %s", dir.c_str(), name.c_str(),
+                strerror(errno));
+        ::unlink(target.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -450,8 +535,8 @@ bool GasFileConnector::saveState(int sys, int archType) {
     if (!m_dirty.count(key))
         return true;
     const std::string dir = sysDir(sys) + "state/";
-    if (!makeDirs(m_root, dir) ||
-        !writeFileDurably(dir, std::string(archTypeName(archType)) + ".last", std::to_string(m_last[key]) + "\n")) {
+    if (!makeDirs(dir) ||
+        !writeFileDurably(dir, std::string(archTypeName(archType)) + ".last", stateText(m_last[key]))) {
         MTD_LOG(Err, "GasFileConnector: state of %s sys %d not saved, release held back", archTypeName(archType), sys);
         return false;
     }
@@ -527,7 +612,7 @@ bool GasFileConnector::moveIntoReporterFolder(int sys, const std::string& folder
     }
 
     DriverLockGuard guard(m_control, lock);
-    if (!makeDirs(m_root, to)) {
+    if (!makeDirs(to)) {
         MTD_LOG(Err, "GasFileConnector: cannot create [%s]: %s", to.c_str(), strerror(errno));
         return false;
     }
@@ -538,7 +623,11 @@ bool GasFileConnector::moveIntoReporterFolder(int sys, const std::string& folder
             ok = false;
         }
     }
-    if (!syncDir(to) || !syncDir(from))
-        MTD_LOG(Warning, "GasFileConnector: cannot sync folders of [%s]", to.c_str());
+    // Unsynced, a move may be undone by a power cut: the file is then back in
+    // rotate/ and released again, never lost.
+    if (!syncFolder(to) || !syncFolder(from)) {
+        MTD_LOG(Err, "GasFileConnector: cannot sync folders of [%s]", to.c_str());
+        ok = false;
+    }
     return ok;
 }

@@ -3,14 +3,22 @@
 // The archive store of one meter: records are written as JSON Lines files under
 // <root>/<id>/<sys>/<folder>/ and released to the reporter's folder under the
 // lock protocol. A batch becomes visible whole or not at all (temporary file,
-// fsync, rename, fsync of the folder), and the last stored timestamp of each
-// archive kind is recovered from disk, so records are never lost or stored twice.
+// fsync, rename, fsync of the folder; a new folder is synced in its parent),
+// and counts as stored only when every one of those steps succeeded. The last
+// stored timestamp of each archive kind is recovered from disk, so records are
+// never lost or stored twice.
 //
 // Layout below <root>/<id>/<sys>/ (docs/storage.md has the details):
 //   rotate/<folder>/   batches written by the driver, not yet released
 //   <folder>/          what the reporter reads ("tmp_archives": hourly and daily,
 //                      "tc_tmp_archives": event and intervention journals)
-//   state/<kind>.last  newest stored timestamp of a kind, as decimal text
+//   state/<kind>.last  newest stored timestamp of a kind: one line, the decimal
+//                      time, a blank and the CRC-32 of the time's text in eight
+//                      hex digits ("1700006400 5d1a0c3e\n"); read back strictly.
+//                      A file that fails the check is rebuilt from the batch
+//                      names (with an Err line), never taken as a smaller time.
+//                      The older form, the time alone and a newline, is still
+//                      read when whole, and rewritten in the checked form.
 // Batch files are named "<kind>-<first>-<last>.jsonl" (Unix seconds), so the
 // newest timestamp can also be recovered from the names of unreleased files.
 
@@ -66,15 +74,31 @@ public:
     // "<root>/<id>/<sys>/"
     std::string sysDir(int sys) const;
 
+    // The state file's text for a timestamp: "<time> <crc32 hex>\n".
+    static std::string stateText(long long last);
+    enum StateCheck { STATE_OK, STATE_OLD_FORMAT, STATE_BAD };
+    // Reads a state file's text strictly: the checked line, or the older
+    // "<time>\n" (STATE_OLD_FORMAT); anything else, a truncated or torn file
+    // included, is STATE_BAD and `last` is 0.
+    static StateCheck parseStateText(const std::string& text, long long& last);
+    // "<kind>-<first>-<last>.jsonl" with canonical decimals and first <= last.
+    static bool parseBatchName(const std::string& name, const std::string& kind, long long& first, long long& last);
+
 protected:
     // rename(2) for the commit of batch and state files; tests override it to
     // simulate a crash or a full disk at that very step.
     virtual int renameFile(const std::string& from, const std::string& to);
+    // fsync(2) of a file or a folder (`path` names it); tests override it to
+    // simulate a device that fails to write back.
+    virtual int syncFile(int fd, const std::string& path);
 
 private:
     using Key = std::pair<int, int>;  // (sys, archive kind)
 
     void recoverSystem(int sys);
+    // Creates `path` and its parents below the root, each new folder synced in its parent.
+    bool makeDirs(const std::string& path);
+    bool syncFolder(const std::string& dir);
     bool writeBatch(int sys, int archType, const std::vector<std::string>& lines, long long first, long long last);
     bool writeFileDurably(const std::string& dir, const std::string& name, const std::string& content);
     bool saveState(int sys, int archType);
@@ -91,5 +115,7 @@ private:
     // Kinds whose state file lags behind m_last (a failed write); released
     // files are held back until it is saved, or a restart could store them twice.
     std::set<Key> m_dirty;
+    // Folders holding a new folder that could not be synced yet (makeDirs).
+    std::set<std::string> m_unsyncedParents;
     LockWaiter m_waiter;
 };

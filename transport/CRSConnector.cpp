@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,7 +11,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <map>
+#include <utility>
 
 #include "core/logger.h"
 
@@ -21,6 +24,10 @@ constexpr uint32_t kLedOnTimeUs = 150000;
 constexpr int kDefaultBaud = 9600;
 // Longest stretch a read waits without looking at the abort flag.
 constexpr int kAbortSliceMs = 100;
+// A reply may take this many times its time at the line speed (converters,
+// meters that pause between blocks), plus twice the silence time-out.
+constexpr uint64_t kReplySlowFactor = 4;
+constexpr uint64_t kReplyTimeouts = 2;
 
 // Every rate the Linux termios interface has a code for; nothing else is accepted.
 const std::map<int, speed_t>& baudTable() {
@@ -101,9 +108,22 @@ bool CRSConnector::open_device() {
         MTD_LOG(Crit, "CRSConnector::open_device - Unable open device %s.", m_path.c_str());
         return false;
     }
+    // The name comes from the host configuration: pointed at a state file it
+    // would have the sign-on written over it. Judged on the open descriptor.
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISCHR(st.st_mode) || !::isatty(fd)) {
+        m_fd.reset();
+        if (m_refused != m_path)
+            MTD_LOG(Err, "CRSConnector::open_device - %s is not a serial port (no terminal device), not used.",
+                    m_path.c_str());
+        m_refused = m_path;
+        return false;
+    }
+    m_refused.clear();
 
     termios tio{};
     lineSettings(m_settings, m_timeoutMs, tio);
+    m_replyStarted = false;
     tcsetattr(fd, TCSAFLUSH, &tio);
     int flags = fcntl(fd, F_GETFL);
     if (flags >= 0)
@@ -119,7 +139,60 @@ void CRSConnector::close_device() {
 int CRSConnector::WriteBuffer(const unsigned char* buffer, uint16_t length, bool blink) {
     if (blink)
         m_ledTransmit.Blink(true);
-    return static_cast<int>(::write(m_fd.get(), buffer, length));
+    const int written = static_cast<int>(::write(m_fd.get(), buffer, length));
+    // The reply's clock starts at the first read: some protocols pause
+    // between request and reply on purpose (the M4 layer's 1 s).
+    m_replyStarted = false;
+    m_requestBytes = written > 0 ? static_cast<size_t>(written) : 0;
+    return written;
+}
+
+void CRSConnector::startReply() {
+    // From the settings as they are now: a protocol may have changed the speed.
+    termios tio{};
+    lineSettings(m_settings, m_timeoutMs, tio);
+    long baud = m_settings.speedOr(kDefaultBaud);
+    if (baud != static_cast<int>(baud) || baudTable().count(static_cast<int>(baud)) == 0)
+        baud = kDefaultBaud;
+    const tcflag_t size = tio.c_cflag & CSIZE;
+    const unsigned bits = 1 + (size == CS5 ? 5 : size == CS6 ? 6 : size == CS7 ? 7 : 8) +
+                          ((tio.c_cflag & PARENB) ? 1 : 0) + ((tio.c_cflag & CSTOPB) ? 2 : 1);
+    m_charUs = static_cast<uint32_t>(bits * 1000000L / baud) + 1;
+    m_replyStart = Clock::now();
+    m_replyStarted = true;
+    m_replyBytes = std::exchange(m_requestBytes, 0);
+}
+
+int CRSConnector::waitReply(uint32_t timeout_ms, uint16_t wanted) {
+    if (!m_replyStarted)
+        startReply();
+    for (;;) {
+        const uint64_t lineUs = (static_cast<uint64_t>(m_replyBytes) + wanted) * m_charUs * kReplySlowFactor;
+        const auto deadline = m_replyStart + std::chrono::milliseconds(kReplyTimeouts * timeout_ms) +
+                              std::chrono::microseconds(lineUs);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            const auto took =
+                std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_replyStart).count();
+            MTD_LOG(Err, "CRSConnector - reply too slow for the line, cut off: %zu bytes in %lld ms.", m_replyBytes,
+                    static_cast<long long>(took));
+            // What trickles in after the cut belongs to no request; the next
+            // read (normally after a new request) starts a new reply.
+            tcflush(m_fd.get(), TCIFLUSH);
+            m_replyStarted = false;
+            errno = ETIMEDOUT;
+            return 0;
+        }
+        const uint32_t waitMs = static_cast<uint32_t>(std::min<long long>(left, timeout_ms));
+        const int rc = waitReadable(waitMs);
+        if (rc != 0)
+            return rc;
+        if (waitMs == timeout_ms) {
+            m_replyStarted = false;  // a whole silence time-out ends the reply
+            return 0;
+        }
+        // Cut short by the deadline: the next turn reports it.
+    }
 }
 
 int CRSConnector::waitReadable(uint32_t timeout_ms) const {
@@ -159,14 +232,17 @@ int CRSConnector::waitReadable(uint32_t timeout_ms) const {
 }
 
 int CRSConnector::ReadBuffer(unsigned char* buffer, uint16_t length, bool blink) {
-    int rc = waitReadable(m_timeoutMs);
+    int rc = waitReply(m_timeoutMs, length);
     if (rc <= 0) {
         MTD_LOG(Err, "CRSConnector::ReadBuffer - Timeout receiving data. %d - %d", rc, errno);
         return -1;
     }
     if (blink)
         m_ledReceive.Blink(true);
-    return static_cast<int>(::read(m_fd.get(), buffer, length));
+    const int got = static_cast<int>(::read(m_fd.get(), buffer, length));
+    if (got > 0)
+        m_replyBytes += static_cast<size_t>(got);
+    return got;
 }
 
 int CRSConnector::ReadBufferCycle(unsigned char* buffer, uint16_t length, bool blink, uint32_t timeout_ms) {
@@ -176,8 +252,9 @@ int CRSConnector::ReadBufferCycle(unsigned char* buffer, uint16_t length, bool b
         return 0;
 
     int total = 0;
-    // The time-out measures silence: every wait starts it afresh.
-    while (waitReadable(timeout_ms) > 0) {
+    // The time-out measures silence: every wait starts it afresh, within the
+    // reply's deadline.
+    while (waitReply(timeout_ms, static_cast<uint16_t>(length - total)) > 0) {
         if (blink)
             m_ledReceive.Blink(true);
         ssize_t got = ::read(m_fd.get(), buffer + total, length - total);
@@ -186,6 +263,7 @@ int CRSConnector::ReadBufferCycle(unsigned char* buffer, uint16_t length, bool b
         if (got == 0)
             break;  // hang-up: readable but nothing will come
         total += static_cast<int>(got);
+        m_replyBytes += static_cast<size_t>(got);
         if (total >= length)
             return total;
         // Length-byte mode: byte 4 of the reply sizes it; return while the bytes

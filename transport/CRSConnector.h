@@ -8,8 +8,21 @@
 // time-out ("timeout", 5000 ms by default) and never longer; a time-out is a
 // -1 result with one Err line, not an exception. Transmit and receive traffic
 // flash LEDs A and B.
+//
+// Only a terminal is opened: "name" must lead (links such as
+// /dev/serial/by-id/... are fine) to a character device that answers isatty;
+// a regular file, a FIFO or /dev/null is refused with one Err line.
+//
+// The read time-out measures silence, so a meter (or a bad converter) that
+// trickles one byte just inside it could hold a reply open for hours. A reply
+// (the reads after a write) therefore also has a deadline, counted from its
+// first read: twice the read time-out plus four times the time the bytes
+// written, received and asked for take at the line speed. Past it the read
+// fails after one Err line and a flush of what came in; a whole silence
+// time-out or a write starts a new reply.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -51,14 +64,30 @@ public:
     const std::string& devicePath() const { return m_path; }
 
 private:
+    using Clock = std::chrono::steady_clock;
     // Waits up to `timeout_ms` for input: the poll result (1 readable, 0 time-out, -1 error).
     int waitReadable(uint32_t timeout_ms) const;
+    // waitReadable within the reply's deadline, for a read of `wanted` more
+    // bytes with silence time-out `timeout_ms`: 0 also (after one Err line and
+    // an input flush) when the reply has run out of time.
+    int waitReply(uint32_t timeout_ms, uint16_t wanted);
+    // Starts the deadline of a new reply, counting the request just sent.
+    void startReply();
 
     PortSettings m_settings;
     std::string m_path;
     CUniqueFd m_fd;
     uint32_t m_timeoutMs;
     int m_lengthByteMode = 0;
+    // Microseconds one character takes on the line (start, data, parity, stop bits).
+    uint32_t m_charUs = 1146;
+    // The reply in progress (polling thread only).
+    Clock::time_point m_replyStart{};
+    bool m_replyStarted = false;
+    size_t m_replyBytes = 0;    // request and reply bytes of the reply in progress
+    size_t m_requestBytes = 0;  // sent since the last reply started
+    // The last refused device, so that a retry every second logs once.
+    std::string m_refused;
     std::atomic<const std::atomic<bool>*> m_abort{nullptr};
     CLed m_ledTransmit;
     CLed m_ledReceive;

@@ -1,51 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "drivers/logika/CmtdSPG761.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 #include "core/DataCodes.h"
 #include "core/Exceptions.h"
 #include "core/logger.h"
+#include "drivers/logika/SPG761Table.h"
+#include "framework/CArchiveSink.h"
 #include "transport/CConnector.h"
 
-struct CmtdSPG761::SRequest {
-    const char* name;
-    uint32_t function;
-    uint8_t channel;  // 0 common; kPipe: the configured pipeline
-    uint16_t param;
-    uint32_t index;   // 0x0C: first element
-    uint32_t count;   // 0x0C: number of elements
+struct CmtdSPG761::Column {
+    size_t position;  // in the slice's values
+    const char* field;
 };
 
 namespace {
 
-using D = CmtdSPG761;
-constexpr uint8_t kPipe = 0xFF;
+using spg761::Channel;
 constexpr uint8_t FF = 0x0C, HT = 0x09;
-
-// All parameter numbers are assumed (see the opening notes of the header).
-const D::SRequest kTable[] = {
-    {"Read Identifier", SpNet::kFnReadParam, 0, 8, 0, 0},         // ИД
-    {"Read Model", SpNet::kFnReadParam, 0, 99, 0, 0},             // model and version
-    {"Read Rate Day", SpNet::kFnReadParam, 0, 24, 0, 0},          // СР
-    {"Read Rate Hour", SpNet::kFnReadParam, 0, 25, 0, 0},         // ЧР
-    {"Read Date", SpNet::kFnReadParam, 0, 60, 0, 0},              // ДТ dd-mm-yy
-    {"Read Time", SpNet::kFnReadParam, 0, 61, 0, 0},              // ВР hh-mm-ss
-    {"Read Gas Composition", SpNet::kFnReadArray, 0, 30, 0, 3},   // density, N2, CO2
-    {"Read Pressure", SpNet::kFnReadParam, kPipe, 150, 0, 0},
-    {"Read Temperature", SpNet::kFnReadParam, kPipe, 151, 0, 0},
-    {"Read Work Flow", SpNet::kFnReadParam, kPipe, 152, 0, 0},
-    {"Read Std. Flow", SpNet::kFnReadParam, kPipe, 153, 0, 0},
-    {"Read Correction", SpNet::kFnReadParam, kPipe, 154, 0, 0},
-    {"Read Std. Volume", SpNet::kFnReadParam, kPipe, 160, 0, 0},
-    {"Read Work Volume", SpNet::kFnReadParam, kPipe, 161, 0, 0},
-    {"Read Hourly Archive", SpNet::kFnReadArchive, kPipe, 65, 0, 0},
-    {"Read Daily Archive", SpNet::kFnReadArchive, kPipe, 66, 0, 0},
-    {"Read Event Journal", SpNet::kFnReadArchive, 0, 96, 0, 0},    // НС journal
-};
+// A journal reply this long was cut by the meter (it stops near 5500 bytes).
+constexpr size_t kFullReply = 5000;
+// Slices walked before the records so far are handed on: a transfer broken
+// later keeps them.
+constexpr int kSlicesPerBlock = 24;
 
 // Published current values, in this order; pressures converted to kgf/cm2.
 struct CurrentValue {
@@ -61,16 +43,6 @@ const CurrentValue kCurrent[] = {
     {"Read Correction", "Kcorr", DU_UNKNOWN, false},
 };
 
-// The gas composition array, element by element.
-const CurrentValue kComposition[] = {
-    {"", "PassS", DU_KG_M3, false}, {"", "PassN2", DU_PERCENT, false}, {"", "PassCO2", DU_PERCENT, false}};
-
-// The columns of the records after the time, as the meter orders them.
-const std::vector<const char*> kArchFields = {"Vstd", "Vw", "P", "T", "NS"};
-// Event journal: the number of the nonstandard situation and "+" when it
-// began, "-" when it ended.
-const std::vector<const char*> kEventFields = {"Event", "State"};
-
 // Pressure unit texts as the meter sends them (CP866 and Latin).
 struct PressureUnit {
     const char* text;
@@ -83,6 +55,23 @@ const PressureUnit kPressureUnits[] = {
     {"\xA1\xA0\xE0", DU_BAR},                       // бар
     {"MPa", DU_MPA}, {"kPa", DU_KPA}, {"kgf/cm2", DU_KGF_CM2}, {"bar", DU_BAR},
 };
+
+// "Дата/время?" in CP866: the meter could not take the window asked for.
+const char* const kNoWindow = "\x84\xA0\xE2\xA0/\xA2\xE0\xA5\xAC\xEF?";
+
+const spg761::Param* findParam(const std::string& name) {
+    for (const auto& row : spg761::kParams)
+        if (name == row.name)
+            return &row;
+    return nullptr;
+}
+
+const spg761::Archive* findArchive(int archType) {
+    for (const auto& row : spg761::kArchives)
+        if (row.archType == archType)
+            return &row;
+    return nullptr;
+}
 
 bool parseInt(const std::string& s, int lo, int hi, int& out) {
     if (s.empty() || s.size() > 4)
@@ -103,6 +92,53 @@ bool parseNumber(const std::string& s) {
     return *end == '\0';
 }
 
+// The meter's own diagnosis instead of a value ("...?"), or not a number it can give.
+bool noValue(const std::string& s) {
+    std::string low;
+    for (char c : s)
+        low += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    auto ends = [&](const char* tail) {
+        const size_t n = std::strlen(tail);
+        return low.size() >= n && low.compare(low.size() - n, n, tail) == 0;
+    };
+    return low.empty() || ends("?") || ends("nan") || ends("inf");
+}
+
+// Meter text (CP866) as UTF-8: Cyrillic letters, Ё ё and the degree sign;
+// any other byte above 0x7F becomes '?'.
+std::string fromCp866(const std::string& text) {
+    std::string out;
+    auto put = [&](unsigned cp) {
+        if (cp < 0x80) {
+            out += static_cast<char>(cp);
+            return;
+        }
+        out += static_cast<char>(0xC0 | (cp >> 6));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    };
+    for (char ch : text) {
+        const unsigned b = static_cast<unsigned char>(ch);
+        if (b < 0x80)
+            put(b);
+        else if (b < 0xB0)
+            put(0x410 + (b - 0x80));
+        else if (b >= 0xE0 && b < 0xF0)
+            put(0x440 + (b - 0xE0));
+        else if (b == 0xF0 || b == 0xF1)
+            put(b == 0xF0 ? 0x401 : 0x451);
+        else if (b == 0xF8)
+            put(0xB0);
+        else
+            put('?');
+    }
+    return out;
+}
+
+// Two-digit years are of this century; four digits are taken as they are.
+int fullYear(int y) {
+    return y < 100 ? 2000 + y : y;
+}
+
 }  // namespace
 
 CmtdSPG761::CmtdSPG761(int model) : m_model(model) {}
@@ -119,16 +155,16 @@ const char* CmtdSPG761::getMeterModelName() const {
     return m_model == 1 ? "SPG761.1" : "SPG761";
 }
 
+bool CmtdSPG761::newGeneration(const std::string& model) {
+    if (model.size() < 6)
+        return false;
+    const std::string sub = model.substr(3, 3);
+    return sub == ".1v" || sub == ".2v" || sub == ".1V" || sub == ".2V";
+}
+
 void CmtdSPG761::SaveConnector(CConnector* connector) {
     m_connector = connector;
     m_proto = connector ? std::make_unique<SpNet::CSpNet>(*connector, logId(), driverName()) : nullptr;
-}
-
-const CmtdSPG761::SRequest* CmtdSPG761::findRequest(const std::string& name) const {
-    for (const auto& row : kTable)
-        if (name == row.name)
-            return &row;
-    return nullptr;
 }
 
 CmtdSPG761::Blocks CmtdSPG761::splitBody(const uint8_t* reply, size_t length) {
@@ -158,41 +194,44 @@ CmtdSPG761::Blocks CmtdSPG761::splitBody(const uint8_t* reply, size_t length) {
     return blocks;
 }
 
-bool CmtdSPG761::sendRequest(const std::string& name, uint32_t a2, uint32_t a3) {
-    const SRequest* row = findRequest(name);
-    if (!m_proto || !row) {
-        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - CAN'T SEND REQUEST, NO SUCH ROW !!!", name.c_str());
-        return false;
-    }
-    LogikaRequest request;
-    request.name = row->name;
-    request.function = row->function;
-    request.channel = row->channel == kPipe ? static_cast<uint8_t>(m_pipe) : row->channel;
-    request.param = row->param;
-    request.args = {request.channel, row->param, row->function == SpNet::kFnReadArray ? row->index : a2,
-                    row->function == SpNet::kFnReadArray ? row->count : a3};
-    if (!m_proto->SendRequest(request))
+bool CmtdSPG761::sendRequest(const LogikaRequest& request) {
+    if (!m_proto || !m_proto->SendRequest(request))
         return false;
     // The pointer the meter echoes must be the one asked for: a reply to a
     // request that was garbled on its way is of no use.
     Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
     int ch = -1, param = -1;
     if (blocks.empty() || blocks[0].size() < 2 || !parseInt(blocks[0][0], 0, 9, ch) ||
-        !parseInt(blocks[0][1], 0, 999, param) || ch != request.channel || param != row->param) {
-        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - WRONG POINTER IN REPLY !!!",
-                name.c_str());
+        !parseInt(blocks[0][1], 0, 999, param) || ch != static_cast<int>(request.args[0]) ||
+        param != static_cast<int>(request.args[1])) {
+        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - WRONG POINTER IN REPLY !!!", request.name.c_str());
         return false;
     }
     return true;
+}
+
+bool CmtdSPG761::sendRequest(const std::string& name) {
+    const spg761::Param* row = findParam(name);
+    if (!row) {
+        MTD_DLOG(Err, "CmtdSPG761::sendRequest('%s') - CAN'T SEND REQUEST, NO SUCH ROW !!!", name.c_str());
+        return false;
+    }
+    LogikaRequest request;
+    request.name = row->name;
+    request.function = row->function;
+    request.channel = row->channel == Channel::Pipe ? static_cast<uint8_t>(m_pipe) : 0;
+    request.param = row->number;
+    request.args = {request.channel, row->number, row->index, row->count};
+    return sendRequest(request);
 }
 
 bool CmtdSPG761::readValue(const std::string& name, std::string& value, std::string& unit) {
     if (!sendRequest(name))
         return false;
     Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
-    if (blocks.size() < 2 || blocks[1].empty() || blocks[1][0].empty()) {
-        MTD_DLOG(Err, "CmtdSPG761::readValue('%s') - NO VALUE IN REPLY !!!",
-                name.c_str());
+    if (blocks.size() < 2 || blocks[1].empty() || noValue(blocks[1][0])) {
+        MTD_DLOG(Err, "CmtdSPG761::readValue('%s') - NO VALUE IN REPLY ('%s') !!!", name.c_str(),
+                 blocks.size() < 2 || blocks[1].empty() ? "" : blocks[1][0].c_str());
         return false;
     }
     value = blocks[1][0];
@@ -201,10 +240,10 @@ bool CmtdSPG761::readValue(const std::string& name, std::string& value, std::str
 }
 
 bool CmtdSPG761::init() {
-    MTD_DLOG(Info, "SPG761 driver version %02X.%02X, compiled: %s %s", 1, 0, __DATE__, __TIME__);
+    MTD_DLOG(Info, "SPG761 driver version %02X.%02X, compiled: %s %s", 1, 1, __DATE__, __TIME__);
     takeSystem();
     m_pipe = std::atoi(m_sys.c_str());
-    if (m_pipe < 1 || m_pipe > 9) {
+    if (m_pipe < 1 || m_pipe > 3) {
         MTD_DLOG(Warning, "CmtdSPG761::init() - WRONG PIPELINE '%s', USE 1", m_sys.c_str());
         m_pipe = 1;
     }
@@ -239,32 +278,41 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
     auto add = [&](const char* name, const std::string& value, uint32_t unit = DU_UNKNOWN) {
         out.push_back(makeValue(name, value, unit, now, m_sys));
     };
-    std::string value, unit;
-    if (!readValue("Read Identifier", value, unit)) {
+    auto missing = [&](const char* request) {
+        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!", request);
+    };
+    std::string value, unit, serial;
+    bool fresh = m_model == 1;
+    if (readValue("Read Model", value, unit)) {
+        fresh = newGeneration(value);
+        // "761" and what follows; on the new generation ".1v" / ".2v" and the version.
+        const std::string model = fresh ? value.substr(0, 5) : value.substr(0, 3);
+        std::string version = fresh ? value.substr(6) : value.substr(3);
+        version.erase(0, version.find_first_not_of(" "));
+        if (model.compare(0, 3, "761") != 0 || fresh != (m_model == 1))
+            MTD_DLOG(Warning, "CmtdSPG761::get_all_system_values() - METER REPORTS MODEL '%s', CONFIGURED %s",
+                     value.c_str(), getMeterModelName());
+        add("MeterModel", model);
+        if (!version.empty())
+            add("Firmware", version);
+    } else {
+        missing("Read Model");
+    }
+    if (fresh) {
+        Blocks blocks;
+        if (sendRequest("Read Model And Serial"))
+            blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+        if (blocks.size() >= 3 && !blocks[2].empty() && !noValue(blocks[2][0]))
+            serial = blocks[2][0];
+    } else if (readValue("Read Identifier", value, unit)) {
+        serial = value;
+    }
+    if (serial.empty()) {
         MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - CAN'T READ SERIAL NUMBER !!!");
     } else {
-        checkSerial(value);
-        add("SerialNumber", value);
+        checkSerial(serial);
+        add("SerialNumber", serial);
     }
-    if (readValue("Read Model", value, unit)) {
-        // "761" or "761.1" and the version after a blank, e.g. "761.1 02.03".
-        const std::string wanted = m_model == 1 ? "761.1" : "761";
-        const std::string model = value.substr(0, value.find(' '));
-        if (model != wanted && !(m_model == 0 && model == "761.2"))
-            MTD_DLOG(Warning, "CmtdSPG761::get_all_system_values() - METER REPORTS MODEL '%s', CONFIGURED %s", model.c_str(), getMeterModelName());
-        add("MeterModel", model);
-        if (value.find(' ') != std::string::npos)
-            add("Firmware", value.substr(value.find(' ') + 1));
-    } else {
-        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
-                "Read Model");
-    }
-    int day = 0;
-    if (readValue("Read Rate Day", value, unit) && parseInt(value, 1, 31, day))
-        add("RateDay", value);
-    else
-        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
-                "Read Rate Day");
     int hour = 0;
     if (readValue("Read Rate Hour", value, unit) && parseInt(value, 0, 23, hour)) {
         m_rateHour = hour;
@@ -272,15 +320,15 @@ std::vector<CValueRecord> CmtdSPG761::get_all_system_values() {
     } else {
         MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - WRONG RATE HOUR '%s' !!!", value.c_str());
     }
-    if (sendRequest("Read Gas Composition")) {
-        Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
-        for (size_t i = 0; i < 3 && i + 1 < blocks.size(); ++i)
-            if (!blocks[i + 1].empty() && parseNumber(blocks[i + 1][0]))
-                add(kComposition[i].name, blocks[i + 1][0], kComposition[i].unit);
-    } else {
-        MTD_DLOG(Err, "CmtdSPG761::get_all_system_values() - >>> CAN'T GET SYSTEM PARAMETER '%s' !!!",
-                "Read Gas Composition");
-    }
+    int day = 0;
+    if (readValue("Read Rate Day", value, unit) && parseInt(value, 1, 31, day))
+        add("RateDay", value);
+    else
+        missing("Read Rate Day");
+    if (readValue("Read Eng Units", value, unit))
+        add("EngUnits", value);
+    else
+        missing("Read Eng Units");
     return out;
 }
 
@@ -291,7 +339,7 @@ bool CmtdSPG761::deviceTime(time_t& t, std::string& text) {
     if (!readValue("Read Date", date, unit) || !readValue("Read Time", time, unit))
         return false;
     if (std::sscanf(date.c_str(), "%2d-%2d-%2d%c", &d, &mo, &y, &tail) != 3 ||
-        std::sscanf(time.c_str(), "%2d-%2d-%2d%c", &h, &mi, &s, &tail) != 3 || d < 1 || d > 31 || mo < 1 || mo > 12 ||
+        std::sscanf(time.c_str(), "%2d:%2d:%2d%c", &h, &mi, &s, &tail) != 3 || d < 1 || d > 31 || mo < 1 || mo > 12 ||
         y < 0 || h > 23 || h < 0 || mi < 0 || mi > 59 || s < 0 || s > 59) {
         MTD_DLOG(Err, "CmtdSPG761::deviceTime() - CAN'T PARSE '%s %s'", date.c_str(),
                 time.c_str());
@@ -351,98 +399,234 @@ std::vector<CValueRecord> CmtdSPG761::get_all_curtime_cur_integ_values() {
 }
 
 bool CmtdSPG761::hasArchive(int archType) const {
-    return archType == ARCH_HOURLY || archType == ARCH_DAILY || archType == ARCH_JOURNAL_EVENT;
+    return findArchive(archType) != nullptr;
 }
 
 void CmtdSPG761::get_arch_values(CArchiveSink& sink) {
-    if (!readArchiveWindow(sink))
+    const spg761::Archive& archive = *findArchive(sink.type());
+    const bool done = sink.journal() ? readJournal(archive, sink) : readSlices(archive, sink);
+    if (!done) {
+        sink.interrupted();
         throw CDisconnectException("archive transfer broken");
+    }
 }
 
-// Reads the window reply by reply. Interval records must sit on the archive's
-// grid (whole hours; days at the contract hour), after the one before it and
-// inside the window; a reply that breaks this ends the transfer before it, so
-// that no record is stored past a hole the line made. Journal entries only
-// must not go back in time; several may share a second, so the next request
-// starts at the second of the last entry and what was had is not taken twice.
-// A transfer broken between two entries of one second leaves the whole second
-// to the next cycle (the sink holds it back).
-bool CmtdSPG761::readArchiveWindow(CArchiveSink& sink) {
-    const int archType = sink.type();
-    const time_t from = sink.from();
-    const time_t to = sink.to();
-    const bool journal = archType == ARCH_JOURNAL_EVENT;
-    const time_t period = archType == ARCH_HOURLY ? 3600 : 86400;
-    const time_t gridOffset = archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0;
-    const time_t tzShift = static_cast<time_t>(deviceTzHours()) * 3600;
-    const char* request = journal ? "Read Event Journal"
-                          : archType == ARCH_HOURLY ? "Read Hourly Archive" : "Read Daily Archive";
-    const std::vector<const char*>& fields = journal ? kEventFields : kArchFields;
-    time_t last = from - 1;
-    std::vector<std::vector<std::string>> atLast;  // journal entries of the second `last`
-    for (time_t start = from; start <= to;) {
-        if (!sendRequest(request, protocolTimeArg(start), protocolTimeArg(to)))
+CmtdSPG761::HandOn CmtdSPG761::handOn(std::vector<ArchiveRecord>& records, CArchiveSink& sink) {
+    std::vector<ArchiveRecord> batch;
+    batch.swap(records);
+    for (auto& rec : batch) {
+        const long long ts = rec.timestamp;
+        // The walk asked for every interval in between: a hole is the meter's own.
+        CArchiveSink::Verdict verdict = sink.add(rec);
+        if (verdict == CArchiveSink::Gap) {
+            sink.resync();
+            verdict = sink.add(std::move(rec));
+        }
+        if (verdict == CArchiveSink::Stop)
+            return HandOn::Stop;
+        if (verdict == CArchiveSink::Gap) {
+            // Off the archive's grid even on its own.
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d - TRANSFER ENDS !!!", static_cast<int>(ts));
+            return HandOn::Broken;
+        }
+    }
+    return sink.endBlock() ? HandOn::Next : HandOn::Stop;
+}
+
+// The descriptor's columns of the configured pipeline and of the common
+// channel that the table knows, in the table's order.
+bool CmtdSPG761::readColumns(const spg761::Archive& archive, std::vector<Column>& columns) {
+    LogikaRequest request;
+    request.name = "Read Slice Columns";
+    request.function = SpNet::kFnReadTableDescriptor;
+    request.param = archive.number;
+    request.args = {0, archive.number, 0, 0};
+    if (!sendRequest(request))
+        return false;
+    const Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+    columns.clear();
+    for (const auto& want : spg761::kColumns) {
+        const int channel = want.channel == Channel::Pipe ? m_pipe : 0;
+        for (size_t i = 1; i < blocks.size(); ++i) {
+            int ch = -1, number = -1;
+            if (blocks[i].size() >= 4 && parseInt(blocks[i][2], 0, 9, ch) && parseInt(blocks[i][3], 0, 999, number) &&
+                ch == channel && number == want.number) {
+                columns.push_back({i - 1, want.field});
+                break;
+            }
+        }
+    }
+    if (columns.empty()) {
+        MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - NO KNOWN COLUMN IN ARCHIVE %03d OF %d COLUMNS !!!",
+                 archive.number, static_cast<int>(blocks.empty() ? 0 : blocks.size() - 1));
+        return false;
+    }
+    return true;
+}
+
+bool CmtdSPG761::readSlices(const spg761::Archive& archive, CArchiveSink& sink) {
+    std::vector<Column> columns;
+    if (!readColumns(archive, columns))
+        return false;
+    const time_t period = archive.archType == ARCH_HOURLY ? 3600 : 86400;
+    // Days close at the contract hour of the device clock.
+    const time_t gridOffset = (archive.archType == ARCH_DAILY ? static_cast<time_t>(m_rateHour < 0 ? 0 : m_rateHour) * 3600 : 0) -
+                              static_cast<time_t>(deviceTzHours()) * 3600;
+    sink.setInterval(period, true, gridOffset);
+    // Blocks of slices from the oldest: each block is walked back from its
+    // end and handed on whole, so a transfer broken later keeps it.
+    std::vector<ArchiveRecord> records;
+    for (time_t start = sink.from(); start <= sink.to();) {
+        const time_t end = std::min<time_t>(sink.to(), start + kSlicesPerBlock * period - 1);
+        if (!walkSlices(archive, columns, start, end, records))
             return false;
-        Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
-        if ((blocks.size() - 1) % 2 != 0) {
-            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BROKEN RECORD BLOCKS (%d) !!!",
-                    static_cast<int>(blocks.size()));
+        const HandOn next = handOn(records, sink);
+        if (next != HandOn::Next)
+            return next == HandOn::Stop;
+        start = end + 1;
+    }
+    return true;
+}
+
+// The slice at the time asked is the interval holding it; its pointer to the
+// interval before is followed until it leaves the block. Slice times must not
+// be later than the time asked and must go back strictly; a reply that breaks
+// this ends the transfer. (The sink checks the grid.)
+bool CmtdSPG761::walkSlices(const spg761::Archive& archive, const std::vector<Column>& columns, time_t from,
+                            time_t to, std::vector<ArchiveRecord>& records) {
+    const bool hourly = archive.archType == ARCH_HOURLY;
+    auto stamp = [&](const std::vector<std::string>& b, time_t& t) {
+        int d, mo, y, h, mi, s;
+        if (b.size() != 6 || !parseInt(b[0], 1, 31, d) || !parseInt(b[1], 1, 12, mo) || !parseInt(b[2], 0, 2099, y) ||
+            !parseInt(b[3], 0, 23, h) || !parseInt(b[4], 0, 59, mi) || !parseInt(b[5], 0, 59, s))
+            return false;
+        t = fromDeviceTime(fullYear(y), mo, d, h, mi, s);
+        return true;
+    };
+    std::vector<ArchiveRecord> walked;  // newest first
+    LogikaRequest request;
+    request.name = hourly ? "Read Hourly Slice" : "Read Daily Slice";
+    request.function = SpNet::kFnReadTableRow;
+    request.param = archive.number;
+    for (time_t at = to, newer = to + 1; at >= from;) {
+        request.args = {0, archive.number, protocolTimeArg(at), 0};
+        if (!sendRequest(request))
+            return false;
+        const Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+        time_t ts = 0, prev = 0;
+        if (blocks.size() < 5 || !stamp(blocks[2], ts) || !stamp(blocks[3], prev) || ts > at || ts >= newer ||
+            prev >= ts) {
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD SLICE %d AT %d - TRANSFER ENDS !!!", static_cast<int>(ts),
+                     static_cast<int>(at));
             return false;
         }
-        const size_t records = (blocks.size() - 1) / 2;
-        bool advanced = false;
-        for (size_t r = 0; r < records; ++r) {
-            const auto& stamp = blocks[1 + 2 * r];
-            const auto& values = blocks[2 + 2 * r];
-            int d, mo, y, h, mi, s;
-            bool good = stamp.size() == 6 && parseInt(stamp[0], 1, 31, d) && parseInt(stamp[1], 1, 12, mo) &&
-                        parseInt(stamp[2], 2000, 2099, y) && parseInt(stamp[3], 0, 23, h) &&
-                        parseInt(stamp[4], 0, 59, mi) && parseInt(stamp[5], 0, 59, s) && values.size() == fields.size();
-            const time_t ts = good ? fromDeviceTime(y, mo, d, h, mi, s) : 0;
-            const time_t onDevice = ts + tzShift;
-            if (good && !journal)
-                good = (onDevice - gridOffset) % period == 0 && ts > last;
-            // Nothing may come from before the start asked for: a meter that
-            // sent it would be asked the same again and again.
-            if (!good || ts < last || ts < start) {
-                MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD RECORD %d AFTER %d - TRANSFER ENDS !!!", static_cast<int>(ts), static_cast<int>(last));
-                return false;
-            }
-            if (ts > to) {
-                MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - STOP BY TIME !!!");
-                return true;
-            }
-            if (ts == last) {
-                bool had = false;
-                for (const auto& v : atLast)
-                    had = had || v == values;
-                if (had)
-                    continue;
-            } else {
-                atLast.clear();
-            }
-            atLast.push_back(values);
+        if (ts >= from) {
             ArchiveRecord rec;
             rec.sys = m_pipe;
             rec.timestamp = ts;
             rec.fields.emplace_back("DateTime", deviceTimeText(ts));
-            for (size_t i = 0; i < values.size(); ++i)
-                rec.fields.emplace_back(fields[i], values[i]);
-            sink.add(std::move(rec));
-            advanced = advanced || ts > start || !journal;
-            last = ts;
+            bool any = false;
+            for (const auto& c : columns) {
+                const size_t i = 4 + c.position;
+                if (i < blocks.size() && !blocks[i].empty() && !noValue(blocks[i][0])) {
+                    rec.fields.emplace_back(c.field, blocks[i][0]);
+                    any = true;
+                }
+            }
+            // An interval the meter holds nothing for (before its archive
+            // began, or while it was off) answers with diagnoses only.
+            if (any)
+                walked.push_back(std::move(rec));
         }
-        if (records == 0) {
-            MTD_DLOG(Info, "CmtdSPG761::get_arch_values() - stop by device !!!");
-            return true;
-        }
-        if (!sink.endBlock())
-            return true;
-        // A journal reply that brought nothing past its start second had the
-        // whole reply at one second: go on after it rather than ask again.
-        start = journal ? (advanced ? last : last + 1) : last + period;
+        newer = ts;
+        at = prev;
     }
+    records.insert(records.end(), std::make_move_iterator(walked.rbegin()), std::make_move_iterator(walked.rend()));
     return true;
+}
+
+// The window is read from its end: a reply holds the newest entries that fit.
+// When the meter had to cut it, the entries of its oldest second are read
+// again with the next reply, which ends at that second. Nothing is handed on
+// before the whole window is in, oldest first.
+bool CmtdSPG761::readJournal(const spg761::Archive& archive, CArchiveSink& sink) {
+    const time_t from = sink.from();
+    std::vector<ArchiveRecord> walked;  // newest first
+    LogikaRequest request;
+    request.name = "Read Event Journal";
+    request.function = SpNet::kFnReadArchive;
+    request.channel = archive.channel == Channel::Pipe ? static_cast<uint8_t>(m_pipe) : 0;
+    request.param = archive.number;
+    for (time_t end = sink.to(); end >= from;) {
+        request.args = {request.channel, archive.number, protocolTimeArg(end), protocolTimeArg(from)};
+        if (!sendRequest(request))
+            return false;
+        const Blocks blocks = splitBody(m_proto->reply(), m_proto->replyLength());
+        if (blocks.size() < 3) {
+            MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BROKEN JOURNAL REPLY (%d BLOCKS) !!!",
+                     static_cast<int>(blocks.size()));
+            return false;
+        }
+        if (blocks.size() == 4 && blocks[3].size() == 1 && blocks[3][0] == kNoWindow) {
+            MTD_DLOG(Warning, "CmtdSPG761::get_arch_values() - METER CAN'T READ THE JOURNAL FROM %s TO %s !!!",
+                     deviceTimeText(from).c_str(), deviceTimeText(end).c_str());
+            break;
+        }
+        std::vector<ArchiveRecord> reply;
+        std::string unit;
+        time_t before = 0;  // the time of the entry before, 0 at the first
+        for (size_t i = 3; i < blocks.size(); ++i) {
+            const auto& b = blocks[i];
+            int d, mo, y, h, mi, s;
+            char tail = 0;
+            if (b.size() != 3 || std::sscanf(b[2].c_str(), "%2d-%2d-%2d/%2d:%2d:%2d%c", &d, &mo, &y, &h, &mi, &s, &tail) != 6 ||
+                d < 1 || d > 31 || mo < 1 || mo > 12 || y < 0 || h < 0 || h > 23 || mi < 0 || mi > 59 || s < 0 || s > 59) {
+                MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - BAD JOURNAL ENTRY %d - TRANSFER ENDS !!!",
+                         static_cast<int>(i - 3));
+                return false;
+            }
+            const time_t ts = fromDeviceTime(fullYear(y), mo, d, h, mi, s);
+            if (before != 0 && ts > before) {
+                MTD_DLOG(Err, "CmtdSPG761::get_arch_values() - JOURNAL ENTRY %d AFTER %d - TRANSFER ENDS !!!",
+                         static_cast<int>(ts), static_cast<int>(before));
+                return false;
+            }
+            before = ts;
+            if (!b[1].empty())
+                unit = b[1];
+            // The meter may add the entry after the end asked as a hint: a
+            // reply before this one had it.
+            if (ts > end)
+                continue;
+            ArchiveRecord rec;
+            rec.sys = m_pipe;
+            rec.timestamp = ts;
+            rec.fields.emplace_back("DateTime", deviceTimeText(ts));
+            rec.fields.emplace_back("Event", fromCp866(b[0]));
+            rec.fields.emplace_back("Description", fromCp866(unit));
+            reply.push_back(std::move(rec));
+        }
+        const bool full = m_proto->replyLength() > kFullReply;
+        if (!full || reply.empty()) {
+            walked.insert(walked.end(), std::make_move_iterator(reply.begin()), std::make_move_iterator(reply.end()));
+            break;
+        }
+        const time_t newest = reply.front().timestamp, oldest = reply.back().timestamp;
+        if (oldest == newest) {
+            // A whole reply of one second: what else that second holds is lost to it.
+            MTD_DLOG(Warning, "CmtdSPG761::get_arch_values() - JOURNAL REPLY FULL OF ONE SECOND %s !!!",
+                     deviceTimeText(oldest).c_str());
+            walked.insert(walked.end(), std::make_move_iterator(reply.begin()), std::make_move_iterator(reply.end()));
+            end = oldest - 1;
+            continue;
+        }
+        for (auto& rec : reply)
+            if (rec.timestamp > oldest)
+                walked.push_back(std::move(rec));
+        end = oldest;
+    }
+    std::vector<ArchiveRecord> records(std::make_move_iterator(walked.rbegin()), std::make_move_iterator(walked.rend()));
+    return handOn(records, sink) != HandOn::Broken;
 }
 
 void CmtdSPG761::writeGasPasport() {

@@ -16,6 +16,7 @@
 
 #include "core/Exceptions.h"
 #include "support/ArchiveCollector.h"
+#include "support/DriverRig.h"
 #include "storage/GasFileConnector.h"
 #include "core/logger.h"
 #include "tools/metersim/CMeterSim.h"
@@ -52,20 +53,6 @@ private:
     logger* m_previous;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
-};
-
-// The polling thread's clock for a device whose clock stands still: a wait
-// for a later time only ends when the thread is stopped.
-class StillClock : public CMtdClock {
-public:
-    explicit StillClock(time_t t) : m_now(t) {}
-    time_t now() const override { return m_now; }
-    std::chrono::system_clock::time_point deadlineFor(time_t) const override {
-        return std::chrono::system_clock::now() + std::chrono::hours(1);
-    }
-
-private:
-    time_t m_now;
 };
 
 struct Rig {
@@ -121,7 +108,7 @@ struct Rig {
     // one (the queue flushed before each send could otherwise cut one short).
     void startThread(bool pauses = false) {
         std::system(("mkdir -p '" + dir + "/storage'").c_str());
-        driver.setClock(std::make_shared<StillClock>(kStart));
+        driver.setClock(std::make_shared<test_support::StillClock>(kStart));
         if (!pauses)
             noPauses();
         driver.Start();

@@ -6,7 +6,10 @@
 # real line timing. Each meter's daemon is killed with SIGKILL twice during its
 # archive reads and runs on for several cycles. Then, per archive: no record
 # stored twice, no hole, every field the meter's, the daemon caught up; and no
-# published current value differs from the meter's.
+# published current value differs from the meter's. Every process is checked
+# to end as it should: a daemon only by our SIGKILL (137) or the final SIGINT
+# (0), the simulators with 0; a sanitizer's halt (66) or a crash shows as such,
+# and a failed run keeps its files (see keep_work in lib.sh).
 #   ek_soak.sh BUILD_DIR [SEEDS [CYCLES [SHARE]]]
 SEEDS=${2:-"11 12 13"}
 CYCLES=${3:-3}
@@ -67,8 +70,15 @@ for round in 1 2; do
         killers+=($!)
     done
     wait "${killers[@]}"
-    for seed in $SEEDS; do wait "${pid[$seed]}" 2>/dev/null; done  # gone before the next one starts
-    for seed in $SEEDS; do run_daemon "$seed"; done
+    for seed in $SEEDS; do  # gone before the next one starts, and by our SIGKILL, not on its own
+        wait "${pid[$seed]}" 2>/dev/null
+        status=$?
+        check "$seed: round $round: the daemon ran until killed (status $status)" test "$status" = 137
+    done
+    for seed in $SEEDS; do
+        check "$seed: round $round: simulator alive" kill -0 "${sim_pid[$seed]}"
+        run_daemon "$seed"
+    done
 done
 for seed in $SEEDS; do
     check "$seed: $CYCLES cycles after the restarts" \
@@ -77,6 +87,7 @@ done
 for seed in $SEEDS; do
     kill -INT "${pid[$seed]}"
     check "$seed: daemon stops" wait_exit "${pid[$seed]}" 10
+    check "$seed: daemon's exit status 0 (${EXIT_STATUS:-running})" test "${EXIT_STATUS:-x}" = 0
     cat "$WORK/$seed.run" >>"$WORK/$seed.log"
 done
 for seed in $SEEDS; do
@@ -87,9 +98,12 @@ done
 check "current values are the meter's" ek_check_current_every "$WORK/rec" bar "${CURRENT[@]}"
 # What the line did, per seed and in all ("faults exchanges=N changed_byte=N ..." on the simulator's exit).
 for seed in $SEEDS; do
-    stop_pid "${sim_pid[$seed]}"
+    kill -TERM "${sim_pid[$seed]}" 2>/dev/null
+    check "$seed: simulator stops" wait_exit "${sim_pid[$seed]}" 10
+    check "$seed: simulator's exit status 0 (${EXIT_STATUS:-running})" test "${EXIT_STATUS:-x}" = 0
     echo "seed $seed: $(grep '^faults ' "$WORK/$seed.sim" | tail -1)"
 done
+check "host simulator alive to the end" kill -0 "$HOSTSIM_PID"
 cat "$WORK"/*.sim | grep '^faults ' | tr ' =' '\n\n' | awk '
     /^[a-z_]+$/ { k = $0; next } k != "" && /^[0-9]+$/ { sum[k] += $0; k = "" }
     END { damaged = 0; for (k in sum) if (k != "exchanges") damaged += sum[k]

@@ -5,6 +5,7 @@
 #
 #   e2e_case "$@"                first line of a case: re-runs the script inside
 #                                `unshare -rmn`, enters the namespace, cleans up on exit
+#   e2e_case_two_users "$@"      the same with a real second user at hand (as_other_user)
 #   e2e_enter_ns                 bring up lo, tmpfs over /tmp and /mnt/storage (a checkout
 #                                or build folder below them stays in view)
 #   start_hostsim CONFIG RECORD  run mtd_hostsim with a config file, record requests
@@ -14,7 +15,8 @@
 #   wait_exit PID [SECS]         sets EXIT_STATUS; false when still running
 #   check NAME COND...           runs COND, counts a failure with NAME
 #   stop_started                 ends every process started through these helpers
-#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set) for a look after the run
+#   keep_work                    copies the case's files to $MTD_E2E_KEEP (when set, or below
+#                                $BUILD_DIR/e2e-failed/ when the case failed) for a look after the run
 #
 # A driver case adds its own meter simulator with start_bg and a config whose
 # "port_params" "name" is the simulator's pseudo-terminal.
@@ -34,6 +36,23 @@ STARTED_PIDS=()
 e2e_case() {
     if [ -z "${MTD_E2E_IN_NS:-}" ]; then
         MTD_E2E_IN_NS=1 exec unshare -rmn "$0" "$@"
+    fi
+    e2e_enter_ns
+    trap 'stop_started; keep_work' EXIT
+}
+
+# e2e_case_two_users "$@": like e2e_case, for a case that needs a second, real
+# unprivileged user (65534) next to the daemon's root. A user namespace maps
+# one id without newuidmap, so this runs as the machine's root (as the CI
+# does) in private mount and network namespaces only; otherwise it skips (77).
+E2E_OTHER_UID=65534
+e2e_case_two_users() {
+    if [ -z "${MTD_E2E_IN_NS:-}" ]; then
+        if [ "$(id -u)" != 0 ]; then
+            echo "skip: a second user needs the machine's root (unshare -mn, setpriv)"
+            exit 77
+        fi
+        MTD_E2E_IN_NS=1 exec unshare -mn "$0" "$@"
     fi
     e2e_enter_ns
     trap 'stop_started; keep_work' EXIT
@@ -69,6 +88,11 @@ e2e_private_mount() {
         mount --no-canonicalize --rbind "/proc/$$/fd/$fd/${p#"$dir"/}" "$p"
     done
     exec {fd}<&-
+}
+
+# as_other_user CMD ARGS... : CMD as the unprivileged second user (e2e_case_two_users).
+as_other_user() {
+    setpriv --reuid="$E2E_OTHER_UID" --regid="$E2E_OTHER_UID" --clear-groups "$@"
 }
 
 # start_bg OUTFILE CMD ARGS... : runs CMD in the background, sets BG_PID.
@@ -178,6 +202,12 @@ stop_started() {
 }
 
 keep_work() {
+    # A failed case keeps its files anyway, below the build folder (which
+    # outlives the namespace): a rare failure must not vanish with its logs.
+    if [ -z "${MTD_E2E_KEEP:-}" ] && [ "${FAILURES:-0}" -gt 0 ]; then
+        MTD_E2E_KEEP="$E2E_BUILD_DIR/e2e-failed/$(basename "$0" .sh).$(date +%Y%m%d-%H%M%S).$$"
+        echo "files of the failed case kept in $MTD_E2E_KEEP"
+    fi
     [ -n "${MTD_E2E_KEEP:-}" ] || return 0
     mkdir -p "$MTD_E2E_KEEP" && cp -r "$WORK" /mnt/storage "$MTD_E2E_KEEP/" 2>/dev/null
     return 0
@@ -477,28 +507,39 @@ sys.exit(1 if bad else 0)
 PY
 }
 
+# Python for the checks of published values: last_put(RECORD, length) gives the
+# last put_all_current_values the host service got (of `length` values when
+# given), or ends the check with "no put_all_current_values"; TO_KGF_CM2 turns
+# a pressure unit of the meter into the published kgf/cm2.
+CURRENT_PY='
+import json, sys
+TO_KGF_CM2 = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}
+def last_put(record, length=None):
+    last = None
+    for line in open(record):
+        req = json.loads(line)
+        if req.get("method") == "put_all_current_values" and (length is None or len(req["params"]) == length):
+            last = req["params"]
+    if last is None:
+        sys.exit("  no put_all_current_values")
+    return last
+'
+
 # ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last
 # put_all_current_values the host service got holds the model's current values
 # in table order, each with its unit name, quality 192 and the meter's time;
 # NAME=VALUE gives the meter's text (P and PassP in PRESSURE_UNIT, published in
 # kgf/cm2). A name given as NAME=- must be absent.
 ek_check_current() {
-    python3 - "$@" <<'PY'
-import json, sys
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$@"
 record, model, unit = sys.argv[1:4]
 given = dict(a.split("=", 1) for a in sys.argv[4:])
-to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+to_at = TO_KGF_CM2[unit]
 dims = {"DateTime": "", "Vstd": "m3", "Vw": "m3", "Vstd.crash": "m3", "Vw.crash": "m3", "Vstd.sum": "m3",
         "Vw.sum": "m3", "T": "grad", "P": "kgs/sm2 (atm)", "Kcorr": "", "Kcomp": "", "PassT": "grad",
         "PassP": "kgs/sm2 (atm)", "PassCO2": "procent", "PassH2": "procent", "PassN2": "procent", "PassS": "kg/m3"}
 order = [n for n in dims if given.get(n) != "-"]
-last = None
-for line in open(record):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values":
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
+last = last_put(record)
 bad = []
 names = [v["name"] for v in last]
 if names != order:
@@ -576,11 +617,10 @@ PY
 # put_all_current_values the host service got carries, for each NAME it holds,
 # the meter's VALUE (P and PassP given in PRESSURE_UNIT, published in kgf/cm2).
 ek_check_current_every() {
-    python3 - "$@" <<'PY'
-import json, sys
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$@"
 record, unit = sys.argv[1:3]
 given = dict(a.split("=", 1) for a in sys.argv[3:])
-to_at = {"bar": 1.0197162129779, "kPa": 0.01019716212978, "MPa": 10.197162129787, "atm": 1.0332274528}[unit]
+to_at = TO_KGF_CM2[unit]
 puts, bad = 0, []
 for line in open(record):
     req = json.loads(line)

@@ -98,20 +98,12 @@ PY
 # unit, the meter's time and quality 192 (the records do not name the meter,
 # so the last complete list of any of them is looked at).
 spg_check_current() {
-    python3 - "$WORK/rec" <<'PY'
-import json, sys
+    { echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$WORK/rec"
 record = sys.argv[1]
 dims = {"DateTime": "", "Vstd": "m3", "OperatingTime": "hour",
         "Vw1": "m3", "Vstd1": "m3", "P1": "kgs/sm2 (atm)", "T1": "grad", "Qw1": "m3/h", "Qstd1": "m3/h", "K1": "",
         "Vw2": "m3", "Vstd2": "m3", "P2": "kgs/sm2 (atm)", "T2": "grad", "Qw2": "m3/h", "Qstd2": "m3/h", "K2": ""}
-last = None
-for line in open(record):
-    req = json.loads(line)
-    if req.get("method") == "put_all_current_values" and len(req["params"]) == len(dims):
-        last = req["params"]
-if last is None:
-    sys.exit("  no put_all_current_values")
-vals = last
+vals = last_put(record, len(dims))
 names = [v["name"] for v in vals]
 bad = [] if names == list(dims) else ["names %s" % names]
 for v in vals:

@@ -9,6 +9,7 @@
 #include "support/TempDir.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <stdlib.h>
@@ -286,6 +287,34 @@ TEST(PollingThread, ExceptionEndsTheCycleAndKeepsWhatWasStoredAndTheSchedule) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].from, kMidnight + 12 * 3600);
     EXPECT_EQ(f.lastStored("1005", ARCH_HOURLY), kMidnight + 11 * 3600);
+}
+
+// A store that fails (here: the storage card gone) leaves the schedule where
+// it was: the same window is read again until the records are on disk.
+TEST(PollingThread, FailedStoreDoesNotMoveTheSchedule) {
+    const time_t eleven = kMidnight + 11 * 3600;
+    Fixture f(kMidnight + 12 * 3600 + 1800);
+    f.storeRecord("1010", ARCH_HOURLY, kMidnight + 10 * 3600);
+    ScriptedDriver d;
+    f.start(d, "1010", {{"data_rate", "0"}});
+    ASSERT_TRUE(runCycle(d));  // nothing new yet; the store is set up
+    ASSERT_EQ(d.nextHourly(), eleven);
+
+    const std::string root = f.store.path.substr(0, f.store.path.size() - 1);
+    ASSERT_EQ(0, ::rename(root.c_str(), (root + ".away").c_str()));
+    d.hourlyRecords = {eleven};
+    for (int cycle = 0; cycle < 2; ++cycle) {
+        ASSERT_TRUE(runCycle(d));
+        EXPECT_EQ(d.nextHourly(), eleven) << cycle;
+    }
+    ASSERT_EQ(0, ::rename((root + ".away").c_str(), root.c_str()));
+    ASSERT_TRUE(runCycle(d));
+    EXPECT_EQ(d.nextHourly(), kMidnight + 12 * 3600);
+    EXPECT_EQ(f.lastStored("1010", ARCH_HOURLY), eleven);
+    auto calls = d.callsOf(ARCH_HOURLY);
+    ASSERT_EQ(calls.size(), 4u);
+    for (size_t i = 1; i < calls.size(); ++i)
+        EXPECT_EQ(calls[i].from, eleven) << i;
 }
 
 TEST(PollingThread, BrokenJournalReadKeepsTheNewestSecondForTheNextRead) {

@@ -84,6 +84,18 @@ TEST(SpNetPacket, Frames) {
     crc = Crc16::xmodem(f.data() + 2, 56);
     EXPECT_EQ(crc, f[58] << 8 | f[59]);
 
+    // the slice functions: the column list of an archive, the slice at a time
+    LogikaRequest columns{"columns", SpNet::kFnReadTableDescriptor, 0, 0, {0, 65, 0, 0}};
+    ASSERT_TRUE(sp.makePacket(columns));
+    EXPECT_EQ("<DLE><SOH><DLE><ISI><19><DLE><STX><HT>0<HT>065<FF><DLE><ETX>",
+              SpNet::CSpNet::printable(sp.sendBuffer(), sp.sendLength() - 2));
+    LogikaRequest row{"slice", SpNet::kFnReadTableRow, 0, 0, {0, 66, t, 0}};
+    ASSERT_TRUE(sp.makePacket(row));
+    f = frameOf(sp);
+    EXPECT_EQ("<DLE><SOH><DLE><ISI><18><DLE><STX><HT>0<HT>066<FF><HT>02<HT>01<HT>2025<HT>03<HT>04<HT>05<FF><DLE><ETX>",
+              SpNet::CSpNet::printable(f.data(), f.size() - 2));
+    EXPECT_EQ(Crc16::xmodem(f.data() + 2, f.size() - 4), f[f.size() - 2] << 8 | f.back());
+
     // an unknown function leaves the frame as it was
     LogCapture log;
     LogikaRequest bad{"bogus", 0x1E, 0, 0, {}};
@@ -116,7 +128,7 @@ TEST(SpNetLine, BadReplyIsRetriedWithoutPause) {
         {"no crc", [] { Bytes r = spReply(0x03, "\t1\x0c"); r.pop_back(); return r; }(),
          "[5][spg741] CSpNet::SendRequest(pressure) - CAN'T GET CRC"},
         {"silence", Bytes{0x10, 0x01}, "[5][spg741] CSpNet::SendRequest(pressure) - RECEIVING TIMEOUT"},
-        {"overflow", Bytes(4100, 'x'), "[5][spg741] CSpNet::SendRequest(pressure) - OVERFLOW RESPONSE BUFFER"},
+        {"overflow", Bytes(8200, 'x'), "[5][spg741] CSpNet::SendRequest(pressure) - OVERFLOW RESPONSE BUFFER"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.legend);
@@ -126,6 +138,19 @@ TEST(SpNetLine, BadReplyIsRetriedWithoutPause) {
         EXPECT_TRUE(line.log.contains("[5][spg741] SpNet::SendRequest('pressure') - WRONG ATTEMPT N 0", logger::WARNING));
         EXPECT_EQ(2u, line.meter.requests().size());
     }
+}
+
+TEST(SpNetLine, SliceRepliesAndRepliesLongerThan4KiB) {
+    // 0x19 is answered with 0x21, 0x18 with 0x20; a journal reply may run to about 5500 bytes
+    const std::string big = "\t0\t096\f" + std::string(5600, '1') + "\f";
+    Line line([&](const Bytes& req, int) {
+        return req[4] == 0x19 ? spReply(0x21, "\t0\t065\f") : req[4] == 0x18 ? spReply(0x20, "\t0\t065\f") : spReply(0x16, big);
+    });
+    EXPECT_TRUE(line.sp.SendRequest(LogikaRequest{"columns", SpNet::kFnReadTableDescriptor, 0, 0, {0, 65, 0, 0}}));
+    EXPECT_TRUE(line.sp.SendRequest(LogikaRequest{"slice", SpNet::kFnReadTableRow, 0, 0, {0, 65, 0, 0}}));
+    ASSERT_TRUE(line.sp.SendRequest(LogikaRequest{"journal", SpNet::kFnReadArchive, 0, 0, {0, 96, 0, 0}}));
+    EXPECT_EQ(spReply(0x16, big), Bytes(line.sp.reply(), line.sp.reply() + line.sp.replyLength()));
+    EXPECT_EQ(3u, line.meter.requests().size());
 }
 
 TEST(SpNetLine, ThreeFailuresGiveUp) {

@@ -48,6 +48,29 @@ protected:
     }
 };
 
+// Fails every fsync whose file or folder path ends with `failSuffix`, as a
+// storage card that cannot write back would; notes every folder synced.
+class SyncFailingStore : public GasFileConnector {
+public:
+    using GasFileConnector::GasFileConnector;
+    std::string failSuffix;
+    std::vector<std::string> syncedFolders;
+
+protected:
+    int syncFile(int fd, const std::string& path) override {
+        if (!path.empty() && path.back() == '/')
+            syncedFolders.push_back(path);
+        if (!failSuffix.empty() && endsWith(path, failSuffix)) {
+            errno = EIO;
+            return -1;
+        }
+        return GasFileConnector::syncFile(fd, path);
+    }
+    static bool endsWith(const std::string& s, const std::string& tail) {
+        return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+    }
+};
+
 class Store : public ::testing::Test {
 protected:
     TempDir root, ctl;
@@ -154,13 +177,13 @@ TEST_F(Store, StateRecoveredFromBatchNamesAfterLostStateWrite) {
     ASSERT_TRUE(store.StoreRecords(ARCH_HOURLY, {rec(3600)}));
     store.failPattern = ".last";
     ASSERT_TRUE(store.StoreRecords(ARCH_HOURLY, {rec(7200), rec(10800)}));
-    EXPECT_EQ("3600\n", readFile(root.path + "7/1/state/Hourly_JSONRPC.last"));
+    EXPECT_EQ("3600 1aa3172e\n", readFile(root.path + "7/1/state/Hourly_JSONRPC.last"));
     EXPECT_FALSE(store.ReleaseArchives(1, "tmp_archives"));
     EXPECT_TRUE(listDir(released(1, "tmp_archives")).empty());
 
     GasFileConnector again("7", root.path, ctl.path);
     EXPECT_EQ(10800, again.GetLastTimestamp(ARCH_HOURLY));
-    EXPECT_EQ("10800\n", readFile(root.path + "7/1/state/Hourly_JSONRPC.last"));
+    EXPECT_EQ("10800 79af2cfd\n", readFile(root.path + "7/1/state/Hourly_JSONRPC.last"));
     EXPECT_TRUE(again.ReleaseArchives(1, "tmp_archives"));
     EXPECT_EQ(2u, listDir(released(1, "tmp_archives")).size());
 }
@@ -242,6 +265,136 @@ TEST_F(Store, UnsafeMeterIdStoresNothing) {
     EXPECT_FALSE(store.StoreRecords(ARCH_HOURLY, {rec(3600)}));
     EXPECT_FALSE(store.ReleaseArchives(1, "tmp_archives"));
     EXPECT_TRUE(listDir(root.path).empty());
+}
+
+// A failed fsync of the batch, of its folder or of a new folder's parent is a
+// failed store: nothing visible, the stored time unchanged (so the reader's
+// window is read again), before and after a restart; healed, the retry stores.
+TEST_F(Store, FailedSyncIsAFailedStore) {
+    const std::string sys1 = root.path + "7/1/";
+    struct {
+        const char* legend;
+        std::string failSuffix;
+    } rows[] = {
+        {"new folder not synced in its parent", "7/1/"},
+        {"batch file", ".jsonl.tmp"},
+        {"batch folder", "rotate/tmp_archives/"},
+    };
+    long long t = 3600;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.legend);
+        std::system(("rm -rf '" + root.path + "7'").c_str());
+        SyncFailingStore store("7", root.path, ctl.path);
+        store.failSuffix = row.failSuffix;
+        t += 3600;
+        EXPECT_FALSE(store.StoreRecords(ARCH_HOURLY, {rec(t), rec(t + 3600)}));
+        EXPECT_EQ(0, store.GetLastTimestamp(ARCH_HOURLY));
+        EXPECT_TRUE(listDir(staging(1, "tmp_archives")).empty());
+        EXPECT_EQ(0, GasFileConnector("7", root.path, ctl.path).GetLastTimestamp(ARCH_HOURLY));
+        EXPECT_GE(log.count(logger::ERR, "GasFileConnector: cannot sync folder ") +
+                      log.count(logger::ERR, "GasFileConnector: cannot write "),
+                  1);
+
+        store.failSuffix.clear();
+        store.syncedFolders.clear();
+        ASSERT_TRUE(store.StoreRecords(ARCH_HOURLY, {rec(t), rec(t + 3600)}));
+        EXPECT_EQ(t + 3600, store.GetLastTimestamp(ARCH_HOURLY));
+        EXPECT_EQ(1u, listDir(staging(1, "tmp_archives")).size());
+        // The folder made by the failed attempt is synced in its parent now.
+        if (row.failSuffix == "7/1/") {
+            EXPECT_NE(store.syncedFolders.end(), std::find(store.syncedFolders.begin(), store.syncedFolders.end(), sys1));
+        }
+    }
+
+    // Every folder made for a batch is synced in its parent.
+    std::system(("rm -rf '" + root.path + "7'").c_str());
+    SyncFailingStore store("7", root.path, ctl.path);
+    ASSERT_TRUE(store.StoreRecords(ARCH_DAILY, {rec(86400)}));
+    for (const std::string& parent : {root.path, root.path + "7/", sys1, sys1 + "rotate/"})
+        EXPECT_NE(store.syncedFolders.end(),
+                  std::find(store.syncedFolders.begin(), store.syncedFolders.end(), parent))
+            << parent;
+}
+
+TEST(StoreState, CheckedLineReadStrictly) {
+    const std::string good = GasFileConnector::stateText(1700006400);
+    ASSERT_EQ(good.size(), std::string("1700006400 ").size() + 9);
+    struct {
+        const char* legend;
+        std::string text;
+        GasFileConnector::StateCheck check;
+        long long last;
+    } rows[] = {
+        {"checked", good, GasFileConnector::STATE_OK, 1700006400},
+        {"zero, checked", GasFileConnector::stateText(0), GasFileConnector::STATE_OK, 0},
+        {"older form", "1700006400\n", GasFileConnector::STATE_OLD_FORMAT, 1700006400},
+        {"older form cut before its newline", "1700006400", GasFileConnector::STATE_BAD, 0},
+        {"older form zero", "0\n", GasFileConnector::STATE_BAD, 0},
+        {"leading zero", "01700006400\n", GasFileConnector::STATE_BAD, 0},
+        {"wrong check", "1700006401" + good.substr(10), GasFileConnector::STATE_BAD, 0},
+        {"check in capitals", "1700006400 " + [&] {
+             std::string crc = good.substr(11, 8);
+             for (char& c : crc)
+                 c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+             return crc;
+         }() + "\n",
+         GasFileConnector::STATE_BAD, 0},
+        {"two blanks", "1700006400  " + good.substr(11), GasFileConnector::STATE_BAD, 0},
+        {"second line", good + good, GasFileConnector::STATE_BAD, 0},
+        {"sign", "-1\n", GasFileConnector::STATE_BAD, 0},
+        {"empty", "", GasFileConnector::STATE_BAD, 0},
+        {"carriage return", "1700006400\r\n", GasFileConnector::STATE_BAD, 0},
+    };
+    for (const auto& row : rows) {
+        long long last = -1;
+        EXPECT_EQ(row.check, GasFileConnector::parseStateText(row.text, last)) << row.legend;
+        EXPECT_EQ(row.last, last) << row.legend;
+    }
+    // Cut at any byte, the checked line is never taken.
+    for (size_t cut = 0; cut < good.size(); ++cut) {
+        long long last = -1;
+        EXPECT_EQ(GasFileConnector::STATE_BAD, GasFileConnector::parseStateText(good.substr(0, cut), last)) << cut;
+    }
+}
+
+// A state file cut at any byte is rebuilt from the batch files present, with
+// an Err line, and written anew; the older form is read and rewritten checked.
+TEST_F(Store, DamagedStateFileRebuiltFromBatchFiles) {
+    const std::string state = root.path + "7/1/state/Hourly_JSONRPC.last";
+    {
+        GasFileConnector store("7", root.path, ctl.path);
+        ASSERT_TRUE(store.StoreRecords(ARCH_HOURLY, {rec(1700002800), rec(1700006400)}));
+        ASSERT_TRUE(store.StoreRecords(ARCH_JOURNAL_EVENT, {rec(1700000001)}));
+    }
+    const std::string good = readFile(state);
+    ASSERT_EQ(GasFileConnector::stateText(1700006400), good);
+    for (size_t cut = 0; cut < good.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        writeFile(state, good.substr(0, cut));
+        const int errors = log.count(logger::ERR, "GasFileConnector: state file [" + state + "] fails its check");
+        GasFileConnector again("7", root.path, ctl.path);
+        EXPECT_EQ(1700006400, again.GetLastTimestamp(ARCH_HOURLY));
+        EXPECT_EQ(1700000001, again.GetLastTimestamp(ARCH_JOURNAL_EVENT));
+        EXPECT_EQ(errors + 1, log.count(logger::ERR, "GasFileConnector: state file [" + state + "] fails its check"));
+        EXPECT_EQ(good, readFile(state));
+    }
+
+    // The reporter took the files: with no name left to rebuild from, a
+    // damaged file gives no time at all rather than a wrong one.
+    {
+        GasFileConnector store("7", root.path, ctl.path);
+        ASSERT_TRUE(store.ReleaseArchives(1, "tmp_archives"));
+    }
+    std::system(("rm -f " + released(1, "tmp_archives") + "*").c_str());
+    writeFile(state, good.substr(0, 5));  // "17000": 1970 if taken as it stands
+    EXPECT_EQ(0, GasFileConnector("7", root.path, ctl.path).GetLastTimestamp(ARCH_HOURLY));
+
+    // A controller updated from the older form keeps its place.
+    writeFile(state, "1700006400\n");
+    const int errors = log.count(logger::ERR, "GasFileConnector: state file [");
+    EXPECT_EQ(1700006400, GasFileConnector("7", root.path, ctl.path).GetLastTimestamp(ARCH_HOURLY));
+    EXPECT_EQ(errors, log.count(logger::ERR, "GasFileConnector: state file ["));
+    EXPECT_EQ(good, readFile(state));
 }
 
 }  // namespace

@@ -2,11 +2,13 @@
 #include "transport/CRSConnector.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <termios.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -291,3 +293,72 @@ TEST_F(RSConnectorTest, ConnectorChoosesTheTransportAndReopensAtANewSpeed) {
 }
 
 }  // namespace
+
+// "name" comes from the host configuration: only a terminal is opened, and a
+// file given instead is never written to. A link to the port is fine.
+TEST_F(RSConnectorTest, OpensOnlyATerminal) {
+    const std::string state = dir.file("state.last");
+    {
+        std::ofstream(state) << "1700000000\n";
+    }
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    for (const std::string& path : {state, fifo, std::string("/dev/null")}) {
+        SCOPED_TRACE(path);
+        log.clear();
+        CRSConnector c(PortSettings::parse({{"name", path}}), ledsIn(dir));
+        EXPECT_FALSE(c.open_device());
+        EXPECT_FALSE(c.open_device());  // the base retries every second: one line, not one a second
+        EXPECT_FALSE(c.is_open());
+        const unsigned char signOn[] = {'/', '?', '!', '\r', '\n'};
+        EXPECT_EQ(-1, c.WriteBuffer(signOn, sizeof signOn, false));
+        EXPECT_EQ(1, log.countStarting(logger::ERR, "CRSConnector::open_device - " + path + " is not a serial port"));
+    }
+    EXPECT_EQ("1700000000\n", readFile(state));
+
+    const std::string link = dir.file("by-id-link");
+    ASSERT_EQ(0, ::symlink(pty.slavePath.c_str(), link.c_str()));
+    CRSConnector viaLink(PortSettings::parse({{"name", link}}), ledsIn(dir));
+    EXPECT_TRUE(viaLink.open_device());
+}
+
+// A meter that sends one byte just inside the silence time-out: the reply is
+// cut off after its deadline (twice the time-out plus the bytes' line time),
+// whether it is read in one call or byte by byte as the Logika layers do.
+TEST_F(RSConnectorTest, TricklingReplyIsCutOff) {
+    auto c = openWith({{"speed", "9600"}, {"timeout", "200"}});
+    std::atomic<bool> stop{false};
+    std::thread trickle([&] {
+        // 150 ms apart: always inside the 200 ms silence time-out.
+        for (auto next = Clock::now(); !stop.load(); next += std::chrono::milliseconds(150)) {
+            std::this_thread::sleep_until(next);
+            pty.send({0x55});
+        }
+    });
+    const unsigned char request[] = {0x10, 0x01};
+    unsigned char buf[64];
+
+    // 2 x 200 ms + (2 + 64) bytes x 4 x 1.15 ms = about 700 ms.
+    ASSERT_EQ(2, c->WriteBuffer(request, sizeof request, false));
+    auto start = Clock::now();
+    const int got = c->ReadBufferCycle(buf, sizeof buf, false, 0);
+    const long cycleMs = elapsedMs(start);
+    EXPECT_GT(got, 0);
+    EXPECT_LT(got, 10);
+
+    // Byte by byte, until the first failed read.
+    ASSERT_EQ(2, c->WriteBuffer(request, sizeof request, false));
+    start = Clock::now();
+    int bytes = 0;
+    while (c->ReadBuffer(buf, 1, false) == 1 && bytes < 1000)
+        ++bytes;
+    const long byteMs = elapsedMs(start);
+    stop.store(true);
+    trickle.join();
+
+    EXPECT_GE(cycleMs, 400);
+    EXPECT_LT(cycleMs, 1500);
+    EXPECT_LT(byteMs, 1500);
+    EXPECT_LT(bytes, 10);
+    EXPECT_EQ(2, log.countStarting(logger::ERR, "CRSConnector - reply too slow for the line, cut off"));
+}

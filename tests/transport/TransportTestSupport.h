@@ -105,6 +105,13 @@ public:
             n += line.severity == severity && line.text == text;
         return n;
     }
+    int countStarting(int severity, const std::string& prefix) const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int n = 0;
+        for (const auto& line : m_lines)
+            n += line.severity == severity && line.text.compare(0, prefix.size(), prefix) == 0;
+        return n;
+    }
     size_t size() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines.size();

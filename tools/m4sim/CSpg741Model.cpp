@@ -1,29 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
-// The SPG741 of mtd_m4sim: a gas volume corrector of the older M4 dialect.
-// The master reads its memory; this model makes that memory up from the seed
-// and the device time, so a dump at any time shows what the meter holds.
+// The SPG741 of mtd_m4sim: a gas volume corrector of the older M4 dialect,
+// written from the meter's public facts (the maker's meter library and its
+// Python and C++ ports), not from the daemon's driver. The master reads its
+// memory; this model builds that memory from the seed and the device time,
+// so a dump at any time shows what the meter holds.
 //
-// What it answers (short frames only, 10 NT FN b3 b4 b5 b6 CS 16):
-//   3F session start   10 NT 3F 47 29 21 CS 16 (identifier 0x4729, firmware 0x21)
-//   45 RAM read        b3 b4 address (low first), b5 count 1..64: the bytes
-//   52 flash read      b3 b4 page (low first), b5 pages 1..4 of 64 bytes
+// Frames (short only, 10 NT FN b3 b4 b5 b6 CS 16):
+//   3F session start  -> 10 NT 3F 47 29 21 CS 16 (identifier 0x4729, version)
+//   45 read flash     b3 b4 first page (low first), b5 pages 1..8
+//                     -> one frame 10 NT 45 <64 bytes> CS 16 for each page
+//   52 read RAM       b3 b4 address (low first), b5 count 1..64
+//                     -> 10 NT 52 <count bytes> CS 16
 //   anything else, or past the end of memory: the refusal 10 NT 21 00 CS 16.
-// Its memory (this simulator's own layout, written from the same notes as the
-// driver's but not from its code):
-//   RAM 00 clock YY MM DD hh mm ss; 08 fault flags u32; 10 P1 t1 Qr1 Q1 P2 t2
-//       Qr2 Q2 as Microchip floats (P in MPa); 30 V1 Vr1 V2 Vr2 as u32 + float;
-//       50 newest slot of the hourly, daily and journal rings (u16, FFFF empty)
-//   flash page 0: serial u24, model byte, contract hour, contract day,
-//       pressure unit 1 (MPa); pages 10.. hourly ring 1080 x 32 bytes; 240..
-//       daily ring 366 x 32; 300.. journal 128 x 8. Erased bytes are FF.
-//   interval record: YY MM DD hh mm ss, floats V1 Vr1 P1 t1 V2 Vr2, u16 flags;
-//       stamped at the end of its interval (hourly at each hour, daily at the
-//       contract hour). Journal record: YY MM DD hh mm ss, fault number, on/off;
-//       one change every five hours.
+// Flash is 0x17C80 bytes. What lies in it follows the public structure:
+//   - settings at 0x200, 16 bytes a parameter: byte 0 bit 0 "operative",
+//     bytes 4..11 the value as text, byte 12 binary; the scheme is parameter 0;
+//     a pressure unit's code is the two low bits of byte 12 (0 kPa, 1 MPa,
+//     2 kgf/cm2, 3 kgf/m2), the high bits hold other things;
+//   - serial number u24 and a check byte; totals as int32 + Microchip float,
+//     kept at the last finished hour (the running hour's part is in RAM);
+//   - per interval archive: a ring of 4-byte headers YY (since 1900) MM DD HH,
+//     a ring of records beside it, and the slot written last as a u16 in
+//     flash; a daily header's hour is not the record's (the contract hour is);
+//   - the fault journal: 8-byte records 10 YY MM DD hh mm NN S (S bit 0 set
+//     when fault NN began), the slot written last as a u16 in flash.
+// RAM: date YY MM DD and time HH MM SS in 4-byte slots, 32 fault flags, the
+// current values as Microchip floats.
+// Where each thing lies, the ring capacities and the record field offsets are
+// NOT public: the numbers below are this simulator's own assumptions (kept in
+// step with the daemon's by hand, both marked "assumed"), so a test against
+// this model judges the structure, not those numbers.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "tools/m4sim/CM4SimModel.h"
 
@@ -31,16 +43,28 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr size_t kRamSize = 0x60;
-constexpr size_t kPage = 64;
-constexpr size_t kFlashPages = 0x310;
-constexpr time_t kEventEvery = 5 * 3600;
-constexpr time_t kEventPhase = 1234;
+constexpr size_t kFlashSize = 0x17C80;  // public
+constexpr size_t kPage = 64;            // public
+constexpr size_t kMaxPages = 8;         // public
+constexpr size_t kMaxRam = 64;          // public
+constexpr size_t kRamSize = 0x10000;
+constexpr size_t kSettings = 0x200;     // public
+constexpr size_t kEntry = 16;           // public
 
-struct RingDef {
-    size_t page, slots, size;
+// Assumed numbers.
+constexpr int kParamRateHour = 24, kParamRateDay = 25, kParamUnitFirst = 26;  // [P1] [dP1] [P2] [dP2] [dP3] [Pb] [P3] [P4]
+constexpr size_t kSerialAt = 0x0000, kTotalsAt = 0x0040;
+constexpr size_t kRamDate = 0x00, kRamTime = 0x04, kRamFlags = 0x08, kRamValues = 0x10, kRamHourPart = 0x40;
+struct Ring {
+    size_t index, headers, records, slots, size;
 };
-constexpr RingDef kHourRing{0x10, 1080, 32}, kDayRing{0x240, 366, 32}, kEventRing{0x300, 128, 8};
+constexpr Ring kHours{0x1000, 0x1040, 0x2140, 1080, 32};
+constexpr Ring kDays{0x1002, 0xA840, 0xAE00, 366, 32};
+constexpr Ring kEvents{0x1004, 0, 0xDC00, 128, 8};
+constexpr time_t kEventEvery = 5 * 3600, kEventPhase = 1260;  // journal: a change every 5 h, at hh:21
+// Pressure units of the sensors as the meter keeps them (binary bytes with
+// other bits set): [P1] kPa, [P2] MPa.
+constexpr uint8_t kUnitBytes[8] = {0xA4, 0x01, 0x7D, 0x01, 0x01, 0x00, 0x01, 0x01};
 
 uint64_t mix(uint64_t x) {
     x += 0x9E3779B97F4A7C15ULL;
@@ -53,11 +77,10 @@ uint64_t mix(uint64_t x) {
 void putMchp(uint8_t* p, float f) {
     uint32_t b;
     std::memcpy(&b, &f, sizeof b);
-    const uint8_t sign = static_cast<uint8_t>(b >> 31), exponent = static_cast<uint8_t>(b >> 23);
     p[0] = static_cast<uint8_t>(b);
     p[1] = static_cast<uint8_t>(b >> 8);
-    p[2] = static_cast<uint8_t>((sign << 7) | ((b >> 16) & 0x7F));
-    p[3] = exponent;
+    p[2] = static_cast<uint8_t>((b >> 31) << 7 | ((b >> 16) & 0x7F));
+    p[3] = static_cast<uint8_t>(b >> 23);
 }
 
 void putU(uint8_t* p, uint32_t v, int n) {
@@ -65,9 +88,17 @@ void putU(uint8_t* p, uint32_t v, int n) {
         p[i] = static_cast<uint8_t>(v >> (8 * i));
 }
 
-std::string num(double v, int digits) {
+std::string num(double v) {
     char b[48];
-    std::snprintf(b, sizeof b, "%.*f", digits, v);
+    std::snprintf(b, sizeof b, "%.6f", static_cast<double>(static_cast<float>(v)));
+    return b;
+}
+
+std::string stampText(time_t t) {
+    const struct tm tm = m4sim::civil(t);
+    char b[32];
+    std::snprintf(b, sizeof b, "%04d-%02d-%02d,%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
     return b;
 }
 
@@ -75,63 +106,64 @@ class CSpg741Model : public CM4SimModel {
 public:
     explicit CSpg741Model(const M4SimOptions& o) : m_o(o) {
         m_historyStart = local(o.start) - static_cast<time_t>(o.archiveDays) * 86400;
+        m_hole = o.holeHours > 0 ? (local(o.start) / 3600 - o.holeHours) : -1;
     }
 
     std::vector<uint8_t> answer(const m4sim::Frame& f, time_t now) override {
         if (f.nt != m_o.nt || f.isLong)
             return {};
         const size_t where = f.body[0] | f.body[1] << 8, count = f.body[2];
-        Bytes a;
-        a.reserve(5 + 4 * kPage);
-        a = {0x10, m_o.nt, f.function};
-        if (f.function == 0x3F) {
-            static const uint8_t ident[3] = {0x47, 0x29, 0x21};
-            a.insert(a.end(), ident, ident + 3);
-        } else if (f.function == 0x45 && count >= 1 && count <= 64 && where + count <= kRamSize) {
-            const Bytes ram = makeRam(local(now));
-            a.insert(a.end(), ram.begin() + static_cast<long>(where), ram.begin() + static_cast<long>(where + count));
-        } else if (f.function == 0x52 && count >= 1 && count <= 4 && where + count <= kFlashPages) {
-            const time_t t = local(now);
+        const time_t t = local(now);
+        if (f.function == 0x3F)
+            return frame(0x3F, Bytes{0x47, 0x29, 0x21});
+        if (f.function == 0x45 && count >= 1 && count <= kMaxPages && (where + count) * kPage <= kFlashSize) {
+            const Bytes flash = flashImage(t);
+            Bytes a;
             for (size_t p = where; p < where + count; ++p) {
-                const Bytes page = makePage(p, t);
-                a.insert(a.end(), page.begin(), page.end());
+                const Bytes page(flash.begin() + static_cast<long>(p * kPage),
+                                 flash.begin() + static_cast<long>((p + 1) * kPage));
+                const Bytes one = frame(0x45, page);
+                a.insert(a.end(), one.begin(), one.end());
             }
-        } else {
-            a = {0x10, m_o.nt, 0x21, 0x00};
+            return a;
         }
-        a.push_back(m4sim::sumCheck(a.data() + 1, a.size() - 1));
-        a.push_back(0x16);
-        return a;
+        if (f.function == 0x52 && count >= 1 && count <= kMaxRam && where + count <= kRamSize) {
+            const Bytes ram = ramImage(t);
+            return frame(0x52, Bytes(ram.begin() + static_cast<long>(where), ram.begin() + static_cast<long>(where + count)));
+        }
+        return frame(0x21, Bytes{0x00});
     }
 
     bool isArchiveRequest(const m4sim::Frame& f) const override {
-        return !f.isLong && f.function == 0x52 && static_cast<size_t>(f.body[0] | f.body[1] << 8) >= kHourRing.page;
+        return !f.isLong && f.function == 0x45 && static_cast<size_t>(f.body[0] | f.body[1] << 8) * kPage >= kHours.index;
     }
 
+    // Lines "<unix> t=<device time> ..." with the values as the meter keeps
+    // them: P1 in kPa (its unit [P1]), volumes in m3, NS the flag word. The
+    // records stamped up to `until`: an interval's record is written when the
+    // interval ends, so this is what the meter holds an interval later.
     bool dumpArchive(int archive, time_t until, std::ostream& out) const override {
-        const RingDef* ring = archive == Hourly ? &kHourRing : archive == Daily ? &kDayRing
-                              : archive == Events ? &kEventRing : nullptr;
-        if (!ring)
-            return false;
-        const time_t t = local(until);
-        long long newest = newestIndex(*ring, t);
-        for (long long k = newest - static_cast<long long>(ring->slots) + 1; k <= newest; ++k) {
-            if (k < firstIndex(*ring))
-                continue;
-            uint8_t rec[32];
-            record(*ring, k, rec);
-            char stamp[32];
-            std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02d,%02d:%02d:%02d", 2000 + rec[0], rec[1], rec[2], rec[3],
-                          rec[4], rec[5]);
-            out << stampOf(*ring, k) - static_cast<time_t>(m_o.tzHours) * 3600 << " t=" << stamp;
-            if (ring == &kEventRing) {
-                out << " NS=" << static_cast<int>(rec[6]) << " on=" << static_cast<int>(rec[7]) << "\n";
-                continue;
+        const time_t t = local(until) + (archive == Hourly ? 3600 : archive == Daily ? 86400 : 0);
+        const time_t tz = static_cast<time_t>(m_o.tzHours) * 3600;
+        if (archive == Events) {
+            const long long newest = newestEvent(t);
+            for (long long k = std::max(firstEvent(), newest - static_cast<long long>(kEvents.slots) + 1); k <= newest; ++k) {
+                const time_t at = eventTime(k);
+                out << at - tz << " t=" << stampText(at) << " NS=" << eventNumber(k) << " on=" << (k % 2 == 0) << "\n";
             }
-            static const char* const names[] = {"V1", "Vr1", "P1", "t1", "V2", "Vr2"};
-            for (int i = 0; i < 6; ++i)
-                out << " " << names[i] << "=" << num(readMchp(rec + 6 + 4 * i), 6);
-            out << " flags=" << (rec[30] | rec[31] << 8) << "\n";
+            return true;
+        }
+        if (archive != Hourly && archive != Daily)
+            return false;
+        const bool hours = archive == Hourly;
+        const std::vector<long long> held = intervals(hours, t);
+        for (long long k : held) {
+            const time_t at = hours ? k * 3600 : k * 86400 + static_cast<time_t>(m_o.rateHour) * 3600;
+            float v[7];
+            values(hours, k, v);
+            out << at - tz << " t=" << stampText(at) << " Vstd1=" << num(v[0]) << " Vw1=" << num(v[1])
+                << " P1=" << num(v[2]) << " T1=" << num(v[3]) << " Vstd2=" << num(v[4]) << " Vw2=" << num(v[5])
+                << " NS=" << static_cast<int>(v[6]) << "\n";
         }
         return true;
     }
@@ -139,125 +171,137 @@ public:
 private:
     time_t local(time_t t) const { return t + static_cast<time_t>(m_o.tzHours) * 3600; }
 
-    static float readMchp(const uint8_t* p) {
-        if (p[3] == 0)
-            return 0.0f;
-        uint32_t b = static_cast<uint32_t>(p[2] >> 7) << 31 | static_cast<uint32_t>(p[3]) << 23 |
-                     static_cast<uint32_t>(p[2] & 0x7F) << 16 | static_cast<uint32_t>(p[1]) << 8 | p[0];
-        float f;
-        std::memcpy(&f, &b, sizeof f);
-        return f;
+    Bytes frame(uint8_t function, const Bytes& data) const {
+        Bytes a = {0x10, m_o.nt, function};
+        a.insert(a.end(), data.begin(), data.end());
+        a.push_back(m4sim::sumCheck(a.data() + 1, a.size() - 1));
+        a.push_back(0x16);
+        return a;
     }
 
-    // Record k of a ring is stamped (device local time):
-    time_t stampOf(const RingDef& r, long long k) const {
-        if (&r == &kHourRing)
-            return static_cast<time_t>(k) * 3600;
-        if (&r == &kDayRing)
-            return static_cast<time_t>(k) * 86400 + static_cast<time_t>(m_o.rateHour) * 3600;
-        return static_cast<time_t>(k) * kEventEvery + kEventPhase;
+    // Interval k (hour or contract day number since 1970, device time) is
+    // written when it has ended; the meter had been running since the history
+    // start, except for the hour `m_hole`. Oldest first, at most a ring's worth.
+    std::vector<long long> intervals(bool hours, time_t t) const {
+        const time_t len = hours ? 3600 : 86400, shift = hours ? 0 : static_cast<time_t>(m_o.rateHour) * 3600;
+        const long long first = (m_historyStart - shift + len - 1) / len;
+        const long long last = (t - shift) / len - 1;
+        std::vector<long long> ks;
+        for (long long k = last; k >= first && ks.size() < (hours ? kHours : kDays).slots; --k)
+            if (!hours || k != m_hole)
+                ks.push_back(k);
+        std::reverse(ks.begin(), ks.end());
+        return ks;
     }
-    long long firstIndex(const RingDef& r) const {
-        long long k = 0;
-        while (stampOf(r, k) <= m_historyStart)  // a handful of steps at most from the estimate below
-            ++k;
-        return k;
+    // The slot of interval k: records are written one after the other.
+    size_t slotOf(bool hours, long long k) const {
+        const long long n = hours && m_hole >= 0 && k > m_hole ? k - 1 : k;
+        return static_cast<size_t>(n % static_cast<long long>((hours ? kHours : kDays).slots));
     }
-    // The newest record written by local time t (-1 and below: none yet).
-    long long newestIndex(const RingDef& r, time_t t) const {
-        long long k = &r == &kHourRing ? t / 3600 : &r == &kDayRing ? t / 86400 : t / kEventEvery;
-        while (k >= 0 && stampOf(r, k) > t)
-            --k;
-        return k;
-    }
-
-    void record(const RingDef& r, long long k, uint8_t* p) const {
-        const time_t stamp = stampOf(r, k);
-        struct tm tm {};
-        gmtime_r(&stamp, &tm);
-        const int f[6] = {tm.tm_year - 100, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
-        for (int i = 0; i < 6; ++i)
-            p[i] = static_cast<uint8_t>(f[i]);
-        const uint64_t h = mix(m_o.seed * 1000003ULL + static_cast<uint64_t>(k) * 7 + (&r == &kDayRing ? 1 : 0));
-        if (&r == &kEventRing) {
-            p[6] = static_cast<uint8_t>((k / 2) % 8);
-            p[7] = k % 2 == 0;
-            return;
-        }
-        const double hours = &r == &kDayRing ? 24.0 : 1.0;
-        const float v1 = static_cast<float>(hours * (10.0 + static_cast<double>(h % 1000) / 100.0));
-        const float values[6] = {v1, v1 * 0.875f, static_cast<float>(0.25 + static_cast<double>(h % 97) / 1000.0),
-                                 static_cast<float>(-5.0 + static_cast<double>((h >> 16) % 300) / 10.0),
-                                 static_cast<float>(hours * 1.5), static_cast<float>(hours * 1.25)};
-        for (int i = 0; i < 6; ++i)
-            putMchp(p + 6 + 4 * i, values[i]);
-        putU(p + 30, static_cast<uint32_t>((h >> 40) % 4), 2);
+    void values(bool hours, long long k, float* v) const {
+        const uint64_t h = mix(m_o.seed * 1000003ULL + static_cast<uint64_t>(k) * 7 + (hours ? 0 : 1));
+        const double n = hours ? 1.0 : 24.0;
+        v[0] = static_cast<float>(n * (10.0 + static_cast<double>(h % 1000) / 100.0));
+        v[1] = v[0] * 0.875f;
+        v[2] = static_cast<float>(250.0 + static_cast<double>(h % 97));  // kPa
+        v[3] = static_cast<float>(-5.0 + static_cast<double>((h >> 16) % 300) / 10.0);
+        v[4] = static_cast<float>(n * 1.5);
+        v[5] = static_cast<float>(n * 1.25);
+        v[6] = static_cast<float>((h >> 40) % 4);
     }
 
-    Bytes makeRam(time_t t) const {
-        Bytes ram(kRamSize, 0);
-        struct tm tm {};
-        gmtime_r(&t, &tm);
-        const int f[6] = {tm.tm_year - 100, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
-        for (int i = 0; i < 6; ++i)
-            ram[i] = static_cast<uint8_t>(f[i]);
-        // A fault is active when its last journal record says "on".
-        uint32_t flags = 0;
-        const long long last = newestIndex(kEventRing, t);
-        if (last >= 0 && last % 2 == 0)
-            flags |= 1u << ((last / 2) % 8);
-        putU(&ram[0x08], flags, 4);
-        const float cur[8] = {0.3125f, 7.5f, 120.0f, 102.5f, 0.0f, 0.0f, 0.0f, 0.0f};
+    long long firstEvent() const { return (m_historyStart - kEventPhase) / kEventEvery + 1; }
+    long long newestEvent(time_t t) const { return (t - kEventPhase) / kEventEvery; }
+    time_t eventTime(long long k) const { return k * kEventEvery + kEventPhase; }
+    int eventNumber(long long k) const { return static_cast<int>((k / 2) % 28); }
+
+    void entry(Bytes& flash, int param, const char* text, uint8_t binary) const {
+        uint8_t* p = &flash[kSettings + static_cast<size_t>(param) * kEntry];
+        std::memset(p, 0, kEntry);
+        p[0] = 0x01;
+        std::memset(p + 4, ' ', 8);
+        std::memcpy(p + 4, text, std::min<size_t>(8, std::strlen(text)));
+        p[12] = binary;
+    }
+
+    double total(int i, double hours) const {
+        static const double base[4] = {50000.0, 60000.0, 1000.25, 1200.5}, rate[4] = {12.5, 10.0, 0, 0};
+        return base[i] + rate[i] * hours;
+    }
+
+    Bytes flashImage(time_t t) const {
+        Bytes flash(kFlashSize, 0xFF);
+        char text[16];
+        entry(flash, 0, "1", 1);
+        std::snprintf(text, sizeof text, "%d", m_o.rateHour);
+        entry(flash, kParamRateHour, text, static_cast<uint8_t>(m_o.rateHour));
+        std::snprintf(text, sizeof text, "%d", m_o.contractDay);
+        entry(flash, kParamRateDay, text, static_cast<uint8_t>(m_o.contractDay));
         for (int i = 0; i < 8; ++i)
-            putMchp(&ram[0x10 + 4 * i], cur[i]);
-        // Totals grow by 12.5 m3 (standard) an hour of device time.
-        const double hours = static_cast<double>(t - m_historyStart) / 3600.0;
-        const double totals[4] = {50000.0 + 12.5 * hours, 60000.0 + 10.0 * hours, 1000.25, 1200.5};
+            entry(flash, kParamUnitFirst + i, "", kUnitBytes[i]);
+        putU(&flash[kSerialAt], m_o.serial, 3);
+        flash[kSerialAt + 3] = m4sim::sumCheck(&flash[kSerialAt], 3);
+        const double hours = std::floor(static_cast<double>(t - m_historyStart) / 3600.0);
         for (int i = 0; i < 4; ++i) {
-            const double whole = std::floor(totals[i]);
-            putU(&ram[0x30 + 8 * i], static_cast<uint32_t>(whole), 4);
-            putMchp(&ram[0x34 + 8 * i], static_cast<float>(totals[i] - whole));
+            const double v = total(i, hours), whole = std::floor(v);
+            putU(&flash[kTotalsAt + 8 * i], static_cast<uint32_t>(whole), 4);
+            putMchp(&flash[kTotalsAt + 8 * i + 4], static_cast<float>(v - whole));
         }
-        const RingDef* rings[3] = {&kHourRing, &kDayRing, &kEventRing};
-        for (int i = 0; i < 3; ++i) {
-            const long long k = newestIndex(*rings[i], t);
-            const uint32_t slot = k >= firstIndex(*rings[i]) ? static_cast<uint32_t>(k % static_cast<long long>(rings[i]->slots)) : 0xFFFF;
-            putU(&ram[0x50 + 2 * i], slot, 2);
+        for (bool h : {true, false}) {
+            const Ring& r = h ? kHours : kDays;
+            const std::vector<long long> ks = intervals(h, t);
+            putU(&flash[r.index], ks.empty() ? 0 : static_cast<uint32_t>(slotOf(h, ks.back())), 2);
+            for (long long k : ks) {
+                const size_t s = slotOf(h, k);
+                const struct tm tm = m4sim::civil(h ? k * 3600 : k * 86400);
+                uint8_t* hd = &flash[r.headers + 4 * s];
+                hd[0] = static_cast<uint8_t>(tm.tm_year), hd[1] = static_cast<uint8_t>(tm.tm_mon + 1);
+                hd[2] = static_cast<uint8_t>(tm.tm_mday), hd[3] = static_cast<uint8_t>(h ? tm.tm_hour : 0);
+                float v[7];
+                values(h, k, v);
+                uint8_t* rec = &flash[r.records + r.size * s];
+                for (int i = 0; i < 6; ++i)
+                    putMchp(rec + 4 * i, v[i]);
+                putU(rec + 24, static_cast<uint32_t>(v[6]), 2);
+            }
         }
+        const long long newest = newestEvent(t);
+        putU(&flash[kEvents.index], newest >= firstEvent() ? static_cast<uint32_t>(newest % kEvents.slots) : 0, 2);
+        for (long long k = std::max(firstEvent(), newest - static_cast<long long>(kEvents.slots) + 1); k <= newest; ++k) {
+            const struct tm tm = m4sim::civil(eventTime(k));
+            uint8_t* rec = &flash[kEvents.records + kEvents.size * static_cast<size_t>(k % kEvents.slots)];
+            const uint8_t r[8] = {0x10, static_cast<uint8_t>(tm.tm_year - 100), static_cast<uint8_t>(tm.tm_mon + 1),
+                                  static_cast<uint8_t>(tm.tm_mday), static_cast<uint8_t>(tm.tm_hour),
+                                  static_cast<uint8_t>(tm.tm_min), static_cast<uint8_t>(eventNumber(k)),
+                                  static_cast<uint8_t>(k % 2 == 0 ? 0x81 : 0x80)};
+            std::memcpy(rec, r, 8);
+        }
+        return flash;
+    }
+
+    Bytes ramImage(time_t t) const {
+        Bytes ram(kRamSize, 0);
+        const struct tm tm = m4sim::civil(t);
+        ram[kRamDate] = static_cast<uint8_t>(tm.tm_year - 100), ram[kRamDate + 1] = static_cast<uint8_t>(tm.tm_mon + 1);
+        ram[kRamDate + 2] = static_cast<uint8_t>(tm.tm_mday);
+        ram[kRamTime] = static_cast<uint8_t>(tm.tm_hour), ram[kRamTime + 1] = static_cast<uint8_t>(tm.tm_min);
+        ram[kRamTime + 2] = static_cast<uint8_t>(tm.tm_sec);
+        // A fault is active when its last journal record says it began.
+        const long long last = newestEvent(t);
+        putU(&ram[kRamFlags], last >= firstEvent() && last % 2 == 0 ? 1u << eventNumber(last) : 0u, 4);
+        // P1 in kPa, P2 in MPa (the sensors' units).
+        const float cur[8] = {312.5f, 7.5f, 120.0f, 102.5f, 0.25f, 3.0f, 0.0f, 0.0f};
+        for (int i = 0; i < 8; ++i)
+            putMchp(&ram[kRamValues + 4 * i], cur[i]);
+        // The running hour's part of the first total (not part of the flash totals).
+        const double hours = static_cast<double>(t - m_historyStart) / 3600.0;
+        putMchp(&ram[kRamHourPart], static_cast<float>(total(0, hours) - total(0, std::floor(hours))));
         return ram;
     }
 
-    Bytes makePage(size_t page, time_t t) const {
-        Bytes p(kPage, 0xFF);
-        if (page == 0) {
-            putU(&p[0], m_o.serial, 3);
-            p[3] = 0;
-            p[4] = static_cast<uint8_t>(m_o.rateHour);
-            p[5] = static_cast<uint8_t>(m_o.contractDay);
-            p[6] = 1;  // MPa
-            return p;
-        }
-        for (const RingDef* r : {&kHourRing, &kDayRing, &kEventRing}) {
-            const size_t perPage = kPage / r->size;
-            if (page < r->page || page >= r->page + (r->slots + perPage - 1) / perPage)
-                continue;
-            const long long newest = newestIndex(*r, t), first = firstIndex(*r);
-            const long long n = static_cast<long long>(r->slots);
-            for (size_t i = 0; i < perPage; ++i) {
-                const long long slot = static_cast<long long>((page - r->page) * perPage + i);
-                if (slot >= n || newest < first)
-                    continue;
-                // The newest record index k <= newest with k mod n == slot.
-                const long long k = newest - ((newest - slot) % n + n) % n;
-                if (k >= first)
-                    record(*r, k, &p[i * r->size]);
-            }
-        }
-        return p;
-    }
-
     M4SimOptions m_o;
-    time_t m_historyStart;  // device local time; records after it exist
+    time_t m_historyStart;  // device local time; intervals starting at or after it were recorded
+    long long m_hole;       // the hour the meter did not record (-1: none)
 };
 
 }  // namespace

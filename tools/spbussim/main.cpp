@@ -21,8 +21,8 @@ namespace {
 
 const char* const kUsage =
     "usage: mtd_spbussim [--link PATH] [--model spg761|spg761.1|spg761.2] [--serial S] [--rate-hour H]\n"
-    "  [--pressure-unit kgf/cm2|MPa|kPa|bar] [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss]\n"
-    "  [--clock-scale X] [--seed N] [--records-per-reply N] [--baud B] [--no-timing]\n"
+    "  [--rate-day D] [--pressure-unit kgf/cm2|MPa|kPa|bar] [--archive-days N] [--now UNIX|YYYY-MM-DD,hh:mm:ss]\n"
+    "  [--clock-scale X] [--seed N] [--event-every N] [--max-reply BYTES] [--baud B] [--no-timing]\n"
     "  [--silent-after N] [--silent-count N] [--fault-share P] [--fault-seed N]\n"
     "  [--dump-archive hourly|daily|events [--dump-until T]]\n";
 
@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
         {"serial", required_argument, nullptr, 's'},        {"rate-hour", required_argument, nullptr, 'r'},
         {"pressure-unit", required_argument, nullptr, 'p'}, {"archive-days", required_argument, nullptr, 'a'},
         {"now", required_argument, nullptr, 'n'},           {"clock-scale", required_argument, nullptr, 'c'},
-        {"seed", required_argument, nullptr, 'S'},          {"records-per-reply", required_argument, nullptr, 'R'},
+        {"seed", required_argument, nullptr, 'S'},          {"event-every", required_argument, nullptr, 'E'},
+        {"max-reply", required_argument, nullptr, 'M'},     {"rate-day", required_argument, nullptr, 'D'},
         {"baud", required_argument, nullptr, 'b'},          {"no-timing", no_argument, nullptr, 'T'},
         {"silent-after", required_argument, nullptr, 'A'},  {"silent-count", required_argument, nullptr, 'C'},
         {"fault-share", required_argument, nullptr, 'f'},   {"fault-seed", required_argument, nullptr, 'F'},
@@ -82,7 +83,9 @@ int main(int argc, char** argv) {
         case 'n': ok = parseSimTime(optarg, cfg.now); break;
         case 'c': cfg.clockScale = std::strtod(optarg, nullptr); ok = cfg.clockScale > 0; break;
         case 'S': ok = toLong(optarg, n); cfg.seed = static_cast<uint32_t>(n); break;
-        case 'R': ok = toLong(optarg, n) && n > 0 && n < 60; cfg.recordsPerReply = static_cast<int>(n); break;
+        case 'E': ok = toLong(optarg, n) && n > 0 && n < 1000; cfg.eventEvery = static_cast<int>(n); break;
+        case 'M': ok = toLong(optarg, n) && n >= 200 && n <= 8000; cfg.maxReply = static_cast<size_t>(n); break;
+        case 'D': ok = toLong(optarg, n) && n >= 1 && n <= 31; cfg.rateDay = static_cast<int>(n); break;
         case 'b': ok = toLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
         case 'T': cfg.timing = false; break;
         case 'A': ok = toLong(optarg, n) && n >= 0; cfg.silentAfter = static_cast<int>(n); break;
@@ -104,8 +107,9 @@ int main(int argc, char** argv) {
         CSpbusSim sim(cfg);
         if (until == 0)
             until = sim.deviceNow();
-        for (const auto& r : sim.records(dump == "hourly" ? 65 : dump == "daily" ? 66 : 96, 0, until, until))
-            std::printf("%lld %s\n", static_cast<long long>(r.first), r.second.c_str());
+        const int archive = dump == "hourly" ? CSpbusSim::kHourly : dump == "daily" ? CSpbusSim::kDaily : CSpbusSim::kEvents;
+        for (const auto& r : sim.records(archive, 0, until, until))
+            std::printf("%lld %s\n", static_cast<long long>(r.time), r.text.c_str());
         return 0;
     }
     struct sigaction sa {};
