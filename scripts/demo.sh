@@ -23,6 +23,7 @@ trap stop_started EXIT
 
 ID=1001
 MODEL=ek270
+WAIT=100  # seconds for the first cycle
 SERIAL=12345678
 MODELS="ek270, ek260, tc220, tc215, tc210, spg742, spg741, spg761, spg761.1 or spg761.2"
 [ "${1:-}" = --model ] && MODEL=${2:?--model wants $MODELS}
@@ -47,6 +48,8 @@ spg761|spg761.1|spg761.2)
     start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --model "$MODEL" \
         --serial $SERIAL --archive-days 3 --baud 9600
     line='"data": "8", "parity": "N"'
+    # The hourly archive comes one hour per request: the first run takes about 100 s.
+    WAIT=300
     cycle_end='CmtdSPG761::cycle_end\(\)' ;;
 *) echo "demo: unknown model '$MODEL' ($MODELS)"; exit 2 ;;
 esac
@@ -61,7 +64,7 @@ start_hostsim "$WORK/host.json" "$WORK/host.record"
 echo "demo: mtd_main -e -i $ID against an $MODEL on $(readlink "$WORK/meter") (9600 Bd, line timing on)"
 start_bg "$WORK/mtd_main.log" "$MTD_MAIN" -e -v 7 -i "$ID"
 MAIN_PID=$BG_PID
-if ! wait_for "$WORK/mtd_main.log" "$cycle_end" 100; then
+if ! wait_for "$WORK/mtd_main.log" "$cycle_end" "$WAIT"; then
     echo "demo: the cycle did not finish in time; last log lines:"
     tail -n 20 "$WORK/mtd_main.log"
     exit 1
