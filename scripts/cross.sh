@@ -41,12 +41,12 @@ export QEMU_LD_PREFIX="$sysroot"
 # The parsers must read the fuzz seed corpora on the controller exactly as on
 # this machine: the same log lines, values and records. A difference is code
 # that depends on the width of long, size_t or time_t, on alignment or on the
-# sign of char. The passport target's scratch folder is named at random, and
-# the drivers' greeting carries the time they were compiled.
+# sign of char. The targets' scratch folders (mtd_fuzz_<name>_XXXXXX) are named
+# at random, and the drivers' greeting carries the time they were compiled.
 replay() {
   for target in $("$host/mtd_fuzz_replay" --list); do
     TZ=UTC "$@" "$target" fuzz/corpus/"$target"/*
-  done | sed -E -e 's#(/tmp/mtd_fuzz_passport_)[^/]*/#\1X/#g' -e 's/, compiled: .*$/, compiled: -/'
+  done | sed -E -e 's#(mtd_fuzz_[a-z]+_)[A-Za-z0-9]{6}/#\1X/#g' -e 's/, compiled: .*$/, compiled: -/'
 }
 host="$dir/host-replay"
 cmake -S . -B "$host" -G Ninja -DMTD_BUILD_TESTS=OFF -DMTD_BUILD_TOOLS=OFF -DMTD_FUZZ_REPLAY=ON >&2
