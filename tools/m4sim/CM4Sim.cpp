@@ -20,17 +20,14 @@ bool CM4Sim::open() {
 }
 
 bool CM4Sim::start() {
-    if (m_thread.joinable())
+    if (m_serving.serving())
         return false;
     m_started = std::chrono::steady_clock::now();
-    m_thread = std::thread([this] { serve(); });
-    return true;
+    return m_serving.start([this] { serve(); });
 }
 
 void CM4Sim::stop() {
-    m_line.stop();
-    if (m_thread.joinable())
-        m_thread.join();
+    m_serving.stop();
 }
 
 time_t CM4Sim::deviceNow() const {

@@ -17,6 +17,7 @@
 #include "tools/m4sim/CM4SimModel.h"
 #include "tools/simline/CLineFaults.h"
 #include "tools/simline/CSimLine.h"
+#include "tools/simline/CSimServeThread.h"
 
 struct M4SimServerOptions {
     CSimLine::Options line;
@@ -58,7 +59,7 @@ private:
     CSimLine m_line;
     CLineFaults m_faults;
     std::chrono::steady_clock::time_point m_started;
-    std::thread m_thread;
+    CSimServeThread m_serving{m_line};
     std::atomic<uint64_t> m_answered{0};
     int m_counted = 0;
     int m_ignored = 0;

@@ -4,37 +4,18 @@
 // counts. Options: docs/mtd_m4sim.1.
 
 #include <getopt.h>
-#include <signal.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <string>
-#include <thread>
 
 #include "tools/m4sim/CM4Sim.h"
+#include "tools/simline/SimMain.h"
 #include "tools/simline/SimTime.h"
 
 namespace {
-
-std::atomic<bool> g_stop{false};
-std::atomic<bool> g_report{false};
-
-void onSignal(int sig) {
-    if (sig == SIGUSR1)
-        g_report = true;
-    else
-        g_stop = true;
-}
-
-bool toInt(const char* text, long long& out) {
-    char* end = nullptr;
-    out = std::strtoll(text, &end, 10);
-    return *text != '\0' && *end == '\0';
-}
 
 int dumpArchiveKind(const std::string& name) {
     if (name == "hourly" || name == "0")
@@ -93,7 +74,7 @@ int main(int argc, char** argv) {
         const char* v = optarg ? optarg : "";
         long long n = 0;
         bool ok = true;
-        auto number = [&](long long lo, long long hi) { return (ok = toInt(v, n) && n >= lo && n <= hi); };
+        auto number = [&](long long lo, long long hi) { return (ok = simToLong(v, n) && n >= lo && n <= hi); };
         if (key == "model") o.model = v;
         else if (key == "link") s.line.link = v;
         else if (key == "address") { if (number(0, 255)) o.nt = static_cast<uint8_t>(n); }
@@ -139,23 +120,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "mtd_m4sim: cannot open a pseudo-terminal\n");
         return 1;
     }
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGUSR1, &sa, nullptr);
+    simCatchSignals();
     std::printf("pty %s\n", sim.slavePath().c_str());
     sim.start();
     std::printf("ready\n");
     std::fflush(stdout);
-    while (!g_stop) {
-        if (g_report.exchange(false)) {
-            std::printf("%s\n", sim.faultSummary().c_str());
-            std::fflush(stdout);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    sim.stop();
-    std::printf("%s\n", sim.faultSummary().c_str());
+    simServeUntilSignal([&] { return sim.faultSummary(); }, [&] { sim.stop(); });
     return 0;
 }

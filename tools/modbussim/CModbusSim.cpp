@@ -250,16 +250,11 @@ uint16_t CModbusSim::crc(const uint8_t* p, size_t n) { return crc16(p, n); }
 bool CModbusSim::open() { return m_line.open(); }
 
 bool CModbusSim::start() {
-    if (m_thread.joinable())
-        return false;
-    m_thread = std::thread([this] { serve(); });
-    return true;
+    return m_serving.start([this] { serve(); });
 }
 
 void CModbusSim::stop() {
-    m_line.stop();
-    if (m_thread.joinable())
-        m_thread.join();
+    m_serving.stop();
 }
 
 std::time_t CModbusSim::deviceNow() const {

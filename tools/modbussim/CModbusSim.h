@@ -25,6 +25,7 @@
 
 #include "tools/simline/CLineFaults.h"
 #include "tools/simline/CSimLine.h"
+#include "tools/simline/CSimServeThread.h"
 
 struct SModbusSimConfig {
     std::string templateFile;
@@ -87,7 +88,7 @@ private:
     SModbusSimConfig m_cfg;
     CSimLine m_line;
     CLineFaults m_faults;
-    std::thread m_thread;
+    CSimServeThread m_serving{m_line};
     std::atomic<int> m_requests{0};
     std::chrono::steady_clock::time_point m_steadyStart;
     int m_slave = 1;

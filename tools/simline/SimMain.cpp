@@ -38,7 +38,7 @@ void simCatchSignals() {
     signal(SIGPIPE, SIG_IGN);
 }
 
-void simServeUntilSignal(const std::function<std::string()>& summary) {
+void simServeUntilSignal(const std::function<std::string()>& summary, const std::function<void()>& beforeLast) {
     while (g_signal.load() == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         if (g_usr1.exchange(false)) {
@@ -46,6 +46,8 @@ void simServeUntilSignal(const std::function<std::string()>& summary) {
             std::fflush(stdout);
         }
     }
+    if (beforeLast)
+        beforeLast();
     std::printf("%s\n", summary().c_str());
     std::fflush(stdout);
 }

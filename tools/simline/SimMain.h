@@ -14,5 +14,7 @@ bool simToLong(const char* text, long long& out);
 // and SIGPIPE is ignored; call it before announcing "ready".
 void simCatchSignals();
 // Blocks until SIGINT or SIGTERM; prints summary() on SIGUSR1 and once more
-// before it returns.
-void simServeUntilSignal(const std::function<std::string()>& summary);
+// before it returns, after beforeLast() when one is given (a simulator that
+// stops its line first reports the counts of every byte it served).
+void simServeUntilSignal(const std::function<std::string()>& summary,
+                         const std::function<void()>& beforeLast = {});

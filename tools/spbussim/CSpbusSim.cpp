@@ -196,16 +196,11 @@ bool CSpbusSim::open() {
 }
 
 bool CSpbusSim::start() {
-    if (m_thread.joinable())
-        return false;
-    m_thread = std::thread([this] { serve(); });
-    return true;
+    return m_serving.start([this] { serve(); });
 }
 
 void CSpbusSim::stop() {
-    m_line.stop();
-    if (m_thread.joinable())
-        m_thread.join();
+    m_serving.stop();
 }
 
 std::time_t CSpbusSim::deviceNow() const {

@@ -43,6 +43,7 @@
 
 #include "tools/simline/CLineFaults.h"
 #include "tools/simline/CSimLine.h"
+#include "tools/simline/CSimServeThread.h"
 
 struct SSpbusSimConfig {
     std::string model = "761";        // "761", "761.1" or "761.2"
@@ -108,7 +109,7 @@ private:
     SSpbusSimConfig m_cfg;
     CSimLine m_line;
     CLineFaults m_faults;
-    std::thread m_thread;
+    CSimServeThread m_serving{m_line};
     std::atomic<int> m_requests{0};
     std::time_t m_historyStart = 0;
     std::chrono::steady_clock::time_point m_steadyStart;

@@ -4,18 +4,15 @@
 // the line-fault summary on exit and on SIGUSR1. Options: docs/mtd_spbussim.1.
 
 #include <getopt.h>
-#include <signal.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
-#include <thread>
 
-#include "tools/spbussim/CSpbusSim.h"
+#include "tools/simline/SimMain.h"
 #include "tools/simline/SimTime.h"
+#include "tools/spbussim/CSpbusSim.h"
 
 namespace {
 
@@ -25,22 +22,6 @@ const char* const kUsage =
     "  [--clock-scale X] [--seed N] [--event-every N] [--max-reply BYTES] [--baud B] [--no-timing]\n"
     "  [--silent-after N] [--silent-count N] [--fault-share P] [--fault-seed N]\n"
     "  [--dump-archive hourly|daily|events [--dump-until T]]\n";
-
-std::atomic<int> g_signal{0};
-std::atomic<bool> g_usr1{false};
-
-void onSignal(int sig) {
-    if (sig == SIGUSR1)
-        g_usr1 = true;
-    else
-        g_signal = sig;
-}
-
-bool toLong(const char* text, long long& out) {
-    char* end = nullptr;
-    out = std::strtoll(text, &end, 10);
-    return *text != '\0' && *end == '\0';
-}
 
 }  // namespace
 
@@ -72,26 +53,26 @@ int main(int argc, char** argv) {
             break;
         }
         case 's': cfg.serial = optarg; break;
-        case 'r': ok = toLong(optarg, n) && n >= 0 && n < 24; cfg.rateHour = static_cast<int>(n); break;
+        case 'r': ok = simToLong(optarg, n) && n >= 0 && n < 24; cfg.rateHour = static_cast<int>(n); break;
         case 'p': {
             const std::string u = optarg;
             ok = u == "kgf/cm2" || u == "MPa" || u == "kPa" || u == "bar";
             cfg.pressureUnit = u;
             break;
         }
-        case 'a': ok = toLong(optarg, n) && n >= 0 && n < 400; cfg.archiveDays = static_cast<int>(n); break;
+        case 'a': ok = simToLong(optarg, n) && n >= 0 && n < 400; cfg.archiveDays = static_cast<int>(n); break;
         case 'n': ok = parseSimTime(optarg, cfg.now); break;
         case 'c': cfg.clockScale = std::strtod(optarg, nullptr); ok = cfg.clockScale > 0; break;
-        case 'S': ok = toLong(optarg, n); cfg.seed = static_cast<uint32_t>(n); break;
-        case 'E': ok = toLong(optarg, n) && n > 0 && n < 1000; cfg.eventEvery = static_cast<int>(n); break;
-        case 'M': ok = toLong(optarg, n) && n >= 200 && n <= 8000; cfg.maxReply = static_cast<size_t>(n); break;
-        case 'D': ok = toLong(optarg, n) && n >= 1 && n <= 31; cfg.rateDay = static_cast<int>(n); break;
-        case 'b': ok = toLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
+        case 'S': ok = simToLong(optarg, n); cfg.seed = static_cast<uint32_t>(n); break;
+        case 'E': ok = simToLong(optarg, n) && n > 0 && n < 1000; cfg.eventEvery = static_cast<int>(n); break;
+        case 'M': ok = simToLong(optarg, n) && n >= 200 && n <= 8000; cfg.maxReply = static_cast<size_t>(n); break;
+        case 'D': ok = simToLong(optarg, n) && n >= 1 && n <= 31; cfg.rateDay = static_cast<int>(n); break;
+        case 'b': ok = simToLong(optarg, n) && n > 0; cfg.baud = static_cast<int>(n); break;
         case 'T': cfg.timing = false; break;
-        case 'A': ok = toLong(optarg, n) && n >= 0; cfg.silentAfter = static_cast<int>(n); break;
-        case 'C': ok = toLong(optarg, n) && n >= 0; cfg.silentCount = static_cast<int>(n); break;
+        case 'A': ok = simToLong(optarg, n) && n >= 0; cfg.silentAfter = static_cast<int>(n); break;
+        case 'C': ok = simToLong(optarg, n) && n >= 0; cfg.silentCount = static_cast<int>(n); break;
         case 'f': cfg.faultShare = std::strtod(optarg, nullptr); ok = cfg.faultShare >= 0 && cfg.faultShare <= 1; break;
-        case 'F': ok = toLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
+        case 'F': ok = simToLong(optarg, n); cfg.faultSeed = static_cast<uint32_t>(n); break;
         case 'd': dump = optarg; ok = dump == "hourly" || dump == "daily" || dump == "events"; break;
         case 'u': ok = parseSimTime(optarg, until); break;
         default: std::fputs(kUsage, c == 'h' ? stdout : stderr); return c == 'h' ? 0 : 2;
@@ -112,12 +93,7 @@ int main(int argc, char** argv) {
             std::printf("%lld %s\n", static_cast<long long>(r.time), r.text.c_str());
         return 0;
     }
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGUSR1, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    simCatchSignals();
     CSpbusSim sim(cfg, link);
     if (!sim.open()) {
         std::fprintf(stderr, "mtd_spbussim: can't open a pseudo-terminal\n");
@@ -126,14 +102,6 @@ int main(int argc, char** argv) {
     std::printf("pty %s\nready\n", sim.slavePath().c_str());
     std::fflush(stdout);
     sim.start();
-    while (g_signal.load() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (g_usr1.exchange(false)) {
-            std::printf("%s\n", sim.faultSummary().c_str());
-            std::fflush(stdout);
-        }
-    }
-    sim.stop();
-    std::printf("%s\n", sim.faultSummary().c_str());
+    simServeUntilSignal([&] { return sim.faultSummary(); }, [&] { sim.stop(); });
     return 0;
 }
