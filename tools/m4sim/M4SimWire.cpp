@@ -5,16 +5,12 @@
 #include <cstddef>
 #include <cstring>
 
+#include "tools/simline/SimChecks.h"
+
 namespace m4sim {
 
 uint16_t crc(const uint8_t* data, size_t n) {
-    uint16_t c = 0;
-    for (size_t i = 0; i < n; ++i) {
-        c ^= static_cast<uint16_t>(data[i]) << 8;
-        for (int b = 0; b < 8; ++b)
-            c = (c & 0x8000) ? static_cast<uint16_t>((c << 1) ^ 0x1021) : static_cast<uint16_t>(c << 1);
-    }
-    return c;
+    return simCrc16x1021(data, n);
 }
 
 uint8_t sumCheck(const uint8_t* data, size_t n) {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/simline/SimChecks.h"
 
 namespace {
 
@@ -42,13 +43,6 @@ std::string crcArc(const std::string& text) {
     char buf[8];
     std::snprintf(buf, sizeof buf, "%04X", crc);
     return buf;
-}
-
-uint64_t mix(uint64_t x) {
-    x += 0x9E3779B97F4A7C15ull;
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    return x ^ (x >> 31);
 }
 
 std::string fmtTime(std::time_t t) {
@@ -666,7 +660,7 @@ std::vector<std::string> CMeterSim::archiveRecords(int archive, std::time_t from
     if (k < 1)
         k = 1;
     for (;; ++k) {
-        uint64_t h = mix(m_cfg.seed * 1000003ull + static_cast<uint64_t>(archive) * 7919ull + static_cast<uint64_t>(k));
+        uint64_t h = simMix64(m_cfg.seed * 1000003ull + static_cast<uint64_t>(archive) * 7919ull + static_cast<uint64_t>(k));
         std::time_t t = base + k * step + (jitter ? static_cast<std::time_t>(h % 3600) : 0);
         if (t > to)
             break;

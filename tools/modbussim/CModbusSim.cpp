@@ -152,13 +152,7 @@ CModbusSim::Item clockOf(const Json::Value& v, const Json::Value& root, const ch
 
 CModbusSim::CModbusSim(SModbusSimConfig config, std::string link)
     : m_cfg(std::move(config)),
-      m_line([&] {
-          CSimLine::Options o;
-          o.baud = m_cfg.baud;
-          o.timing = m_cfg.timing;
-          o.link = std::move(link);
-          return o;
-      }()),
+      m_line(CSimLine::lineOptions(m_cfg.baud, m_cfg.timing, std::move(link))),
       m_faults(m_cfg.faultSeed, m_cfg.faultShare),
       m_steadyStart(std::chrono::steady_clock::now()) {
     if (m_cfg.now == 0)

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/CUniqueFd.h"
@@ -29,6 +30,14 @@ public:
         bool timing = true;
         std::string link;  // symlink made to the slave side, when set
     };
+    // A line of the usual 10-bit frames (start, 8 data bits, stop).
+    static Options lineOptions(int baud, bool timing, std::string link) {
+        Options o;
+        o.baud = baud;
+        o.timing = timing;
+        o.link = std::move(link);
+        return o;
+    }
 
     explicit CSimLine(Options options);
     ~CSimLine();

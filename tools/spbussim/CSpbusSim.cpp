@@ -5,28 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/simline/SimChecks.h"
+
 namespace {
 
 constexpr uint8_t SOH = 0x01, STX = 0x02, ETX = 0x03, HT = 0x09, FF = 0x0C, DLE = 0x10, ISI = 0x1F;
-
-// CRC-16, polynomial 0x1021, start 0, bit by bit: written here on its own so
-// that a mistake in the daemon's table-free version cannot hide in both.
-uint16_t crc16(const uint8_t* p, size_t n) {
-    uint16_t crc = 0;
-    for (size_t i = 0; i < n; ++i) {
-        crc ^= static_cast<uint16_t>(p[i]) << 8;
-        for (int b = 0; b < 8; ++b)
-            crc = (crc & 0x8000) ? static_cast<uint16_t>((crc << 1) ^ 0x1021) : static_cast<uint16_t>(crc << 1);
-    }
-    return crc;
-}
-
-uint64_t mix(uint64_t x) {
-    x += 0x9E3779B97F4A7C15ull;
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    return x ^ (x >> 31);
-}
 
 std::string fixed(double v, int digits) {
     char buf[48];
@@ -154,7 +137,7 @@ std::vector<uint8_t> frameOf(uint8_t fn, const std::string& head, const std::vec
     b.push_back(DLE);
     b.push_back(ETX);
     etxPos = static_cast<long>(b.size()) - 1;
-    const uint16_t crc = crc16(b.data() + 2, b.size() - 2);
+    const uint16_t crc = simCrc16x1021(b.data() + 2, b.size() - 2);
     b.push_back(static_cast<uint8_t>(crc >> 8));
     b.push_back(static_cast<uint8_t>(crc));
     return b;
@@ -171,13 +154,7 @@ size_t wireSize(const std::vector<std::string>& rec) {
 
 CSpbusSim::CSpbusSim(SSpbusSimConfig config, std::string link)
     : m_cfg(std::move(config)),
-      m_line([&] {
-          CSimLine::Options o;
-          o.baud = m_cfg.baud;
-          o.timing = m_cfg.timing;
-          o.link = std::move(link);
-          return o;
-      }()),
+      m_line(CSimLine::lineOptions(m_cfg.baud, m_cfg.timing, std::move(link))),
       m_faults(m_cfg.faultSeed, m_cfg.faultShare) {
     if (m_cfg.now == 0)
         m_cfg.now = std::time(nullptr);
@@ -209,7 +186,7 @@ std::time_t CSpbusSim::deviceNow() const {
 }
 
 double CSpbusSim::slotValue(int archive, int pipe, int column, std::time_t slot) const {
-    const uint64_t h = mix(m_cfg.seed * 1000003ull + static_cast<uint64_t>(slot) * 31 + static_cast<uint64_t>(archive) * 7 +
+    const uint64_t h = simMix64(m_cfg.seed * 1000003ull + static_cast<uint64_t>(slot) * 31 + static_cast<uint64_t>(archive) * 7 +
                            static_cast<uint64_t>(pipe) * 131);
     const double scale = archive == kHourly ? 1 : 24;
     const double vstd = (12 + static_cast<double>(h % 800) / 100) * scale;
@@ -227,7 +204,7 @@ std::vector<CSpbusSim::Record> CSpbusSim::records(int archive, std::time_t from,
     if (archive == kEvents) {
         // Some hours have a situation come or go, some two in the same second.
         for (std::time_t hour = m_historyStart; hour + 3600 <= until && hour <= to; hour += 3600) {
-            const uint64_t h = mix(m_cfg.seed * 7919ull + static_cast<uint64_t>(hour));
+            const uint64_t h = simMix64(m_cfg.seed * 7919ull + static_cast<uint64_t>(hour));
             if (h % static_cast<uint64_t>(m_cfg.eventEvery) != 0)
                 continue;
             const std::time_t t = hour + static_cast<std::time_t>((h >> 8) % 3600);
@@ -250,7 +227,7 @@ std::vector<CSpbusSim::Record> CSpbusSim::records(int archive, std::time_t from,
     if (from > t)
         t += (from - t + period - 1) / period * period;
     for (; t <= to && t + period <= until; t += period) {
-        const uint64_t ns = mix(m_cfg.seed * 13ull + static_cast<uint64_t>(t)) % 17 == 0 ? 4 : 0;
+        const uint64_t ns = simMix64(m_cfg.seed * 13ull + static_cast<uint64_t>(t)) % 17 == 0 ? 4 : 0;
         // Vstd Vw P T of pipeline 1, then the situation number of the common channel.
         out.push_back({t,
                        fixed(slotValue(archive, 1, 3, t), 3) + " " + fixed(slotValue(archive, 1, 2, t), 3) + " " +
@@ -306,7 +283,7 @@ void CSpbusSim::slice(int archive, std::time_t at, std::vector<Fields>& out) con
     for (int pipe = 1; pipe <= kPipes; ++pipe)
         for (int c = 0; c < 4; ++c)
             out.push_back({held ? fixed(slotValue(archive, pipe, c, slot), kPipeColumns[c].digits) : kNoData});
-    const uint64_t ns = mix(m_cfg.seed * 13ull + static_cast<uint64_t>(slot)) % 17 == 0 ? 4 : 0;
+    const uint64_t ns = simMix64(m_cfg.seed * 13ull + static_cast<uint64_t>(slot)) % 17 == 0 ? 4 : 0;
     out.push_back({held ? std::to_string(ns) : kNoData});
 }
 
@@ -453,7 +430,7 @@ void CSpbusSim::serve() {
 
 void CSpbusSim::handle(const std::vector<uint8_t>& f) {
     const size_t etx = f.size() - 3;
-    if (f.size() < 12 || crc16(f.data() + 2, etx - 1) != static_cast<uint16_t>(f[etx + 1] << 8 | f[etx + 2]))
+    if (f.size() < 12 || simCrc16x1021(f.data() + 2, etx - 1) != static_cast<uint16_t>(f[etx + 1] << 8 | f[etx + 2]))
         return;  // a frame the line damaged: the meter keeps quiet
     // Only the frame without addresses: DLE ISI right after DLE SOH.
     if (f[2] != DLE || f[3] != ISI)
