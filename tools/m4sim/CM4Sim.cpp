@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "tools/simline/SimTime.h"
+
 CM4Sim::CM4Sim(std::unique_ptr<CM4SimModel> model, M4SimOptions options, M4SimServerOptions server)
     : m_model(std::move(model)),
       m_options(std::move(options)),
@@ -31,8 +33,7 @@ void CM4Sim::stop() {
 }
 
 time_t CM4Sim::deviceNow() const {
-    const double real = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_started).count();
-    return m_options.start + static_cast<time_t>(real * m_server.clockScale);
+    return simDeviceTime(m_options.start, m_started, m_server.clockScale);
 }
 
 bool CM4Sim::silent(const m4sim::Frame& frame) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "tools/simline/SimChecks.h"
+#include "tools/simline/SimTime.h"
 
 namespace {
 
@@ -131,8 +132,7 @@ bool CMeterSim::isTc() const {
 }
 
 std::time_t CMeterSim::deviceNow() const {
-    double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_steadyStart).count();
-    return m_clockStart + static_cast<std::time_t>(std::floor(elapsed * m_cfg.clockScale));
+    return simDeviceTime(m_clockStart, m_steadyStart, m_cfg.clockScale);
 }
 
 std::string CMeterSim::slavePath() const {

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tools/simline/SimTime.h"
+
 namespace {
 
 enum Kind { kHolding = 0, kInput = 1, kCoil = 2, kDiscrete = 3 };
@@ -252,8 +254,7 @@ void CModbusSim::stop() {
 }
 
 std::time_t CModbusSim::deviceNow() const {
-    const double real = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_steadyStart).count();
-    return m_cfg.now + static_cast<std::time_t>(std::floor(real * m_cfg.clockScale));
+    return simDeviceTime(m_cfg.now, m_steadyStart, m_cfg.clockScale);
 }
 
 namespace {

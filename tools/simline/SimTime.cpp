@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SimTime.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -19,4 +20,9 @@ bool parseSimTime(const char* text, std::time_t& out) {
     tm.tm_mon -= 1;
     out = timegm(&tm);
     return true;
+}
+
+std::time_t simDeviceTime(std::time_t start, std::chrono::steady_clock::time_point since, double scale) {
+    const double real = std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+    return start + static_cast<std::time_t>(std::floor(real * scale));
 }

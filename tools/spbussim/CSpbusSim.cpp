@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "tools/simline/SimChecks.h"
+#include "tools/simline/SimTime.h"
 
 namespace {
 
@@ -181,8 +182,7 @@ void CSpbusSim::stop() {
 }
 
 std::time_t CSpbusSim::deviceNow() const {
-    const double real = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_steadyStart).count();
-    return m_cfg.now + static_cast<std::time_t>(std::floor(real * m_cfg.clockScale));
+    return simDeviceTime(m_cfg.now, m_steadyStart, m_cfg.clockScale);
 }
 
 double CSpbusSim::slotValue(int archive, int pipe, int column, std::time_t slot) const {
