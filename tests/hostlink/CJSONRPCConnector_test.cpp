@@ -38,16 +38,25 @@ const char* kConfig = R"({
                           {"manufacturer": "vkt-7", "period_current": "15"}]}
 })";
 
+// A started simulator; `config` nullptr: none loaded.
 struct Running {
     LogWatch log;
-    CHostSim sim{freePorts()};
-    Running(const char* config = kConfig)
+    CHostSim sim;
+    explicit Running(const char* config = kConfig, CHostSimOptions o = freePorts()) : sim(o)
     {
         std::string error;
-        EXPECT_TRUE(sim.loadConfigText(config, error)) << error;
+        if (config)
+            EXPECT_TRUE(sim.loadConfigText(config, error)) << error;
         EXPECT_TRUE(sim.Start(error)) << error;
     }
 };
+
+CHostSimOptions garbage(int answers)
+{
+    CHostSimOptions o = freePorts();
+    o.garbage = answers;
+    return o;
+}
 
 CValueRecord value(const char* name, const char* text, long long t, const char* error = "")
 {
@@ -249,13 +258,9 @@ TEST(CJSONRPCConnector, SensorsServiceDownGivesUpAfter50Attempts)
 
 TEST(CJSONRPCConnector, NonJsonReplyIsLoggedAndRetried)
 {
-    LogWatch log;
-    CHostSimOptions o = freePorts();
-    o.garbage = 2;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.loadConfigText(kConfig, error));
-    ASSERT_TRUE(sim.Start(error));
+    Running r(kConfig, garbage(2));
+    auto& log = r.log;
+    auto& sim = r.sim;
     CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
     CDeviceConfig c;
     ASSERT_TRUE(link.GetInitParameters1(c));
@@ -272,12 +277,11 @@ TEST(CJSONRPCConnector, NonJsonReplyIsLoggedAndRetried)
 // A JSON-RPC error object is a parsed reply: a Warning, no retry, empty maps, defaults still applied.
 TEST(CJSONRPCConnector, ErrorReplyLeavesConfigEmpty)
 {
-    LogWatch log;
     CHostSimOptions o = freePorts();
     o.rpcError = true;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.Start(error));
+    Running r(nullptr, o);
+    auto& log = r.log;
+    auto& sim = r.sim;
     CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
     CDeviceConfig c;
     ASSERT_TRUE(link.GetInitParameters1(c));
@@ -342,16 +346,11 @@ TEST(CJSONRPCConnector, WrongRelayNumberSendsNothing)
 
 TEST(CJSONRPCConnector, SensorsServiceGarbageCountsAsAttempt)
 {
-    LogWatch log;
-    CHostSimOptions o = freePorts();
-    o.garbage = 1;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.Start(error));
-    CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
+    Running r(nullptr, garbage(1));
+    CJSONRPCConnector link("42", r.sim.hostUrl(), r.sim.sensorsUrl());
     EXPECT_TRUE(link.ExecSensorsJSONRPCFunc(true, 2));
-    EXPECT_EQ(log.count("CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA"), 1u);
-    EXPECT_EQ(sim.requests().size(), 2u);
+    EXPECT_EQ(r.log.count("CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA"), 1u);
+    EXPECT_EQ(r.sim.requests().size(), 2u);
 }
 
 }  // namespace
