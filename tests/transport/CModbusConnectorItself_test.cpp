@@ -142,7 +142,7 @@ TEST_F(ModbusConnectorTest, EveryTransactionAgainstARealSlave) {
 }
 
 TEST_F(ModbusConnectorTest, InvalidSlaveIdSendsNothingAndDoesNotBlink) {
-    FileWatch tx((dir / "led_tx"));
+    FileWatch tx(dir / "led_tx");
     uint16_t got[2];
     EXPECT_EQ(-1, modbus->ReadHoldingRegisters(248, 0, 1, got, true));
     EXPECT_EQ(-1, modbus->ReadHoldingRegisters(-1, 0, 1, got, true));
@@ -223,7 +223,7 @@ TEST(ModbusConnector, LibraryDebugOutputOnlyAtLevel7) {
 TEST(ModbusConnector, OpenFailureAndClosedContext) {
     TempDir dir;
     LogCapture log;
-    const std::string path = (dir / "no_such_tty");
+    const std::string path = dir / "no_such_tty";
     CModbusConnectorItself c(PortSettings::parse({{"name", path}}), ledsIn(dir));
     EXPECT_FALSE(c.open_device());
     EXPECT_FALSE(c.is_open());
