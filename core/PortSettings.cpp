@@ -57,5 +57,7 @@ uint32_t PortSettings::timeoutOr(uint32_t fallback, const char* owner) const {
         MTD_LOG(Err, "%s - negative timeout %ld ms, using %u ms.", owner, timeoutMs, fallback);
         return fallback;
     }
-    return timeoutMs > static_cast<long>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(timeoutMs);
+    // Compared unsigned: with a 32-bit long (armhf) UINT32_MAX cast to long is -1,
+    // and every time-out would become endless.
+    return static_cast<unsigned long long>(timeoutMs) > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(timeoutMs);
 }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "framework/CMtdStatus.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <json/json.h>
@@ -11,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/CUniqueFd.h"
+#include "core/ReplaceFile.h"
 #include "core/logger.h"
 #include "core/ArchiveRecord.h"
 #include "storage/CControlFiles.h"
@@ -26,20 +24,6 @@ namespace {
 const char* const kArchiveKeys[] = {"hourly", "daily", "events", "interventions"};
 
 Json::Value timeValue(time_t t) { return Json::Value(static_cast<Json::Int64>(t)); }
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -122,24 +106,10 @@ std::string CMtdStatus::document(time_t now) const {
 bool CMtdStatus::write(time_t now) const {
     if (m_path.empty())
         return false;
-    const std::string temp = m_dir + ".mtd_status_" + m_meterId + ".json.tmp";
-    const std::string text = document(now);
-    CUniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
     const char* step = nullptr;
-    if (!fd.valid())
-        step = "open";
-    else if (!writeAll(fd.get(), text))
-        step = "write";
-    else if (::fsync(fd.get()) != 0)
-        step = "fsync";
-    else if (!fd.close())
-        step = "close";
-    else if (::rename(temp.c_str(), m_path.c_str()) != 0)
-        step = "rename";
-    if (step) {
+    if (!mtd::replaceFile(m_path, document(now), &step)) {
         const int err = errno;
-        MTD_LOG(Warning, "CMtdStatus::write() - %s of '%s' failed: %s", step, temp.c_str(), std::strerror(err));
-        ::unlink(temp.c_str());
+        MTD_LOG(Warning, "CMtdStatus::write() - %s of '%s' failed: %s", step, m_path.c_str(), std::strerror(err));
         return false;
     }
     return true;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 // A driver's device operations over whatever the line delivers, in the order a
-// cycle calls them. An exception that ends a cycle (CDisconnectException and
+// cycle calls them; what they return goes to the replay report (FuzzLog.h). An exception that ends a cycle (CDisconnectException and
 // friends) ends that step only, which is fine: the next step reads on.
 
 #include <ctime>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "framework/CMtdBaseDriver.h"
+#include "fuzz/FuzzLog.h"
 #include "tests/support/ArchiveCollector.h"
 
 template <typename F>
@@ -22,10 +23,11 @@ void ignoringCycleEnd(F f) {
 
 inline void runDriverSteps(CMtdBaseDriver& driver, std::initializer_list<int> kinds, time_t from, time_t to) {
     ignoringCycleEnd([&] { driver.init(); });
-    ignoringCycleEnd([&] { driver.get_all_system_values(); });
-    ignoringCycleEnd([&] { driver.get_all_curtime_cur_integ_values(); });
+    ignoringCycleEnd([&] { fuzzReport(driver.get_all_system_values()); });
+    ignoringCycleEnd([&] { fuzzReport(driver.get_all_curtime_cur_integ_values()); });
     for (int kind : kinds) {
         std::vector<ArchiveRecord> out;
         ignoringCycleEnd([&] { test_support::readArchive(driver, kind, from, to, out); });
+        fuzzReport(out);
     }
 }

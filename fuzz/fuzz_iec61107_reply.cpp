@@ -46,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (reply.size() > CGost61107::kMaxReply + 1)
                 __builtin_trap();
             proto.parse(request, values, reply.data(), reply.size());
+            fuzzReport(values);
         }
         if (replay->remaining() + proto.pending() == before)
             break;

@@ -3,9 +3,10 @@
 # The daemon at work: installs what is missing, builds, then inside a private
 # namespace (own loopback, tmpfs over /tmp and /mnt/storage) runs mtd_hostsim
 # and an EK270 simulated by mtd_metersim (three days of archives, line timing
-# at 9600 Bd), lets mtd_main -e do one full cycle, stops it with SIGINT and
+# at 9600 Bd; --model ek260, tc220, tc215 or tc210 for its relatives), lets mtd_main -e do one full cycle, stops it with SIGINT and
 # shows what was read. --model spg742 (or spg741) plays that Logika corrector
-# with mtd_m4sim instead.
+# with mtd_m4sim instead, --model spg761 (spg761.1, spg761.2) the SPbus one with
+# mtd_spbussim.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,11 +23,13 @@ trap stop_started EXIT
 
 ID=1001
 MODEL=ek270
+WAIT=100  # seconds for the first cycle
 SERIAL=12345678
-[ "${1:-}" = --model ] && MODEL=${2:?--model wants ek270, spg742 or spg741}
+MODELS="ek270, ek260, tc220, tc215, tc210, spg742, spg741, spg761, spg761.1 or spg761.2"
+[ "${1:-}" = --model ] && MODEL=${2:?--model wants $MODELS}
 case $MODEL in
-ek270)
-    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/meter" --model EK270 \
+ek270|ek260|tc220|tc215|tc210)
+    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_metersim" --link "$WORK/meter" --model "${MODEL^^}" \
         --serial 12345678 --archive-days 3 --baud 9600 --max-speed 5
     line='"data": "7", "parity": "E", "password1": "00000000", "password2": "11111111"'
     cycle_end='CmtdEK2xxTC2xx::cycle_end\(\) - session closed' ;;
@@ -41,7 +44,14 @@ spg741)
         --serial $SERIAL --archive-days 3 --baud 9600
     line='"data": "8", "parity": "N", "address": "0"'
     cycle_end='CmtdSPG741::cycle_end\(\) - session left' ;;
-*) echo "demo: unknown model '$MODEL' (ek270, spg742, spg741)"; exit 2 ;;
+spg761|spg761.1|spg761.2)
+    start_bg "$WORK/sim.out" "$BUILD_DIR/mtd_spbussim" --link "$WORK/meter" --model "$MODEL" \
+        --serial $SERIAL --archive-days 3 --baud 9600
+    line='"data": "8", "parity": "N"'
+    # The hourly archive comes one hour per request: the first run takes about 100 s.
+    WAIT=300
+    cycle_end='CmtdSPG761::cycle_end\(\)' ;;
+*) echo "demo: unknown model '$MODEL' ($MODELS)"; exit 2 ;;
 esac
 wait_for "$WORK/sim.out" '^ready' 5 || { echo "simulator did not start"; cat "$WORK/sim.out"; exit 1; }
 
@@ -54,7 +64,7 @@ start_hostsim "$WORK/host.json" "$WORK/host.record"
 echo "demo: mtd_main -e -i $ID against an $MODEL on $(readlink "$WORK/meter") (9600 Bd, line timing on)"
 start_bg "$WORK/mtd_main.log" "$MTD_MAIN" -e -v 7 -i "$ID"
 MAIN_PID=$BG_PID
-if ! wait_for "$WORK/mtd_main.log" "$cycle_end" 100; then
+if ! wait_for "$WORK/mtd_main.log" "$cycle_end" "$WAIT"; then
     echo "demo: the cycle did not finish in time; last log lines:"
     tail -n 20 "$WORK/mtd_main.log"
     exit 1
@@ -66,7 +76,7 @@ echo
 echo "== system values read =="
 grep -E "receive\('Read (Serial Number|Meter Model|Rate Hour|Firmware|Archive Period|K Calculation Mode)'\): Recv: <STX>" \
     "$WORK/mtd_main.log" | sed -E "s/.*receive\('(.*)'\): Recv: <STX>(.*)<ETX>.*/  \1: \2/" || true
-grep -E 'archiving period is|parseIdent|get_all_system_values\(\) - [A-Za-z]+ = ' "$WORK/mtd_main.log" |
+grep -E 'archiving period is|parseIdent|get_all_system_values\(\) - [A-Za-z]+ = |::init\(\) - model ' "$WORK/mtd_main.log" |
     sed -E 's/.*\] //' | sed 's/^/  /' || true
 
 echo

@@ -141,8 +141,9 @@ LogikaRequest paramRequest(const S& p) {
     return r;
 }
 
-long integerOf(const M4::ParamValue& v) {
-    return v.kind == M4::ParamValue::Integer ? static_cast<long>(v.integer) : std::atol(v.text.c_str());
+// 64 bits, so that a 32-bit controller reads (and logs) the same number as any other.
+long long integerOf(const M4::ParamValue& v) {
+    return v.kind == M4::ParamValue::Integer ? static_cast<long long>(v.integer) : std::strtoll(v.text.c_str(), nullptr, 10);
 }
 
 }  // namespace
@@ -289,9 +290,9 @@ std::vector<CValueRecord> CmtdSpgM4::get_all_system_values() {
             continue;
         }
         if (&row.param == &kRateHour) {
-            const long h = integerOf(v);
+            const long long h = integerOf(v);
             if (h < 0 || h > 23) {
-                MTD_DLOG(Err, "CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %ld !!!", h);
+                MTD_DLOG(Err, "CmtdSpgM4::get_all_system_values() - WRONG RATE HOUR %lld !!!", h);
                 continue;
             }
             m_rateHour = static_cast<int>(h);

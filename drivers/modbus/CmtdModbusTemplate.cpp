@@ -34,10 +34,10 @@
 // gap. After a restart the store's newest record decides what is new, so
 // nothing is made twice.
 //
-// Sources of the protocol facts: Modbus Application Protocol Specification
-// V1.1b3 (function codes 01-04 and 16, exception codes, the 125-register and
-// 2000-bit read limits) and Modbus over Serial Line Specification V1.02 (RTU
-// framing, CRC, 3.5 character silence), both published by modbus.org. Device
+// Sources of the protocol facts: the Modbus Application Protocol, V1.1b3
+// (function codes 01-04 and 16, exception codes, the 125-register and 2000-bit
+// read limits), and Modbus over Serial Line, V1.02 (RTU framing, CRC, the 3.5
+// character silence), both published by modbus.org. Device
 // register maps come from the makers' manuals through the templates.
 
 #include "drivers/modbus/CmtdModbusTemplate.h"

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Operator controls of the real mtd_main against an EK270 (mtd_metersim): a
 # pause file keeps the line quiet and the archives catch up after it, a
-# force-update file cuts a 300 s wait short, mtd_status reports and alerts.
+# force-update file cuts a 300 s wait short, mtd_status reports and alerts, also
+# as Prometheus figures (checked with promtool).
 # ops_controls.sh BUILD_DIR (re-runs itself in `unshare -rmn`).
 . "$(dirname "$0")/lib.sh"
 e2e_case "$@"
@@ -78,11 +79,32 @@ check "status: stale meter marked" grep -q "^$ID .*NOT READ FOR 3 PERIODS" "$WOR
 "$STATUS_TOOL" --now $((last + 3 * 300)) >/dev/null 2>&1
 check "status: exactly three periods is still fine" test $? = 0
 
+# ---- the same figures for node_exporter's textfile collector ----
+PROM="$WORK/textfile/mtd_main.prom"
+mkdir "$WORK/textfile"
+"$STATUS_TOOL" --prometheus --output "$PROM"
+check "prometheus: fresh meter exits 0" test $? = 0
+check "prometheus: promtool accepts the file" sh -c "promtool check metrics <'$PROM'"
+check "prometheus: cycles of the meter" grep -q "^mtd_meter_cycles_total{meter_id=\"$ID\"} 2\$" "$PROM"
+check "prometheus: hourly archive lag" grep -Eq "^mtd_meter_archive_lag_seconds\{meter_id=\"$ID\",kind=\"hourly\"\} [0-9]+\$" "$PROM"
+check "prometheus: nothing else left in the folder" test "$(ls -A "$WORK/textfile")" = mtd_main.prom
+"$STATUS_TOOL" --prometheus --output "$PROM" --now $((last + 3 * 300 + 1))
+check "prometheus: three periods unread exits 1" test $? = 1
+check "prometheus: stale meter marked" grep -q "^mtd_meter_stale{meter_id=\"$ID\"} 1\$" "$PROM"
+check "prometheus: age of the last good read" grep -q "^mtd_meter_last_good_read_age_seconds{meter_id=\"$ID\"} 901\$" "$PROM"
+"$STATUS_TOOL" --prometheus --output "$WORK/nowhere/mtd_main.prom" 2>"$WORK/prom.err"
+check "prometheus: unwritable folder exits 1" test $? = 1
+check "prometheus: unwritable folder named" grep -q "mtd_status: open of '$WORK/nowhere/mtd_main.prom' failed: " "$WORK/prom.err"
+
 mkdir "$WORK/bad"
 echo '{"meter_id": ' >"$WORK/bad/mtd_status_9.json"
 "$STATUS_TOOL" --dir "$WORK/bad" >"$WORK/st.out" 2>&1
 check "status: broken file exits 1" test $? = 1
 check "status: broken file named" grep -q "mtd_status: $WORK/bad/mtd_status_9.json: " "$WORK/st.out"
+echo '{"meter_id": "7\\\"x", "model": "a\nb\\", "counters": {"cycles": 1}}' >"$WORK/bad/mtd_status_8.json"
+"$STATUS_TOOL" --dir "$WORK/bad" --prometheus >"$WORK/st.prom" 2>/dev/null
+check "prometheus: odd labels escaped" sh -c "promtool check metrics <'$WORK/st.prom'"
+check "prometheus: unreadable file counted" grep -q '^mtd_status_unreadable_files 1$' "$WORK/st.prom"
 "$STATUS_TOOL" --dir "$WORK/empty" >"$WORK/st.out" 2>&1
 check "status: no directory exits 1" test $? = 1
 "$STATUS_TOOL" --now x >/dev/null 2>&1

@@ -47,4 +47,12 @@ sed -e "s|/usr/libexec/mtd_main/mtd_main-line|$src/packaging/mtd_main-line|" \
     -e '/^Documentation=/d' "$src/packaging/mtd_main@.service" >"$unit"
 out=$(systemd-analyze verify "$unit" 2>&1 || true)
 [ -z "$out" ] || fail "systemd-analyze verify: $out"
+# The examples of the tools package, the status tool pointed at the built one.
+tools_contents=$(dpkg-deb -c "$tools")
+for example in mtd_status-prometheus.service mtd_status-prometheus.timer; do
+  grep -q "/usr/share/doc/mtd-main-tools/examples/$example\$" <<<"$tools_contents" || fail "$example not in the tools package"
+  sed -e "s|/usr/bin/mtd_status|$build/mtd_status|" -e '/^Documentation=/d' "$src/packaging/$example" >"$work/$example"
+done
+out=$(cd "$work" && systemd-analyze verify mtd_status-prometheus.timer mtd_status-prometheus.service 2>&1 || true)
+[ -z "$out" ] || fail "systemd-analyze verify of the examples: $out"
 echo "package test passed: $(cd "$work" && echo *.deb *.ddeb)"

@@ -2,6 +2,7 @@
 #include "CStatusReport.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <initializer_list>
 #include <exception>
@@ -69,6 +70,35 @@ std::string duration(long long s) {
 std::string counter(const Json::Value& doc, const char* name) {
     const Json::Value& v = member(member(doc, "counters"), name);
     return v.isUInt64() ? std::to_string(v.asUInt64()) : "-";
+}
+
+__attribute__((format(printf, 2, 3))) void appendf(std::string& out, const char* format, ...) {
+    va_list args, again;
+    va_start(args, format);
+    va_copy(again, args);
+    const int n = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    if (n > 0) {
+        const size_t at = out.size();
+        out.resize(at + static_cast<size_t>(n) + 1);
+        std::vsnprintf(&out[at], static_cast<size_t>(n) + 1, format, again);
+        out.resize(at + static_cast<size_t>(n));
+    }
+    va_end(again);
+}
+
+// A label value in the exposition format: backslash, double quote and line feed escaped.
+std::string labelValue(const Json::Value& v) {
+    std::string out;
+    for (char c : v.isString() ? v.asString() : std::string()) {
+        if (c == '\\' || c == '"')
+            out += '\\';
+        if (c == '\n')
+            out += "\\n";
+        else
+            out += c;
+    }
+    return out;
 }
 
 }  // namespace
@@ -162,4 +192,79 @@ std::string CStatusReport::json(int unreadable) const {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = " ";
     return Json::writeString(builder, out) + "\n";
+}
+
+std::string CStatusReport::prometheus(int unreadable) const {
+    std::string out;
+    auto family = [&out](const char* name, const char* type, const char* help) {
+        appendf(out, "# HELP %s %s\n# TYPE %s %s\n", name, help, name, type);
+    };
+    auto sample = [&out](const char* name, const Meter& m, const std::string& extra, long long value) {
+        appendf(out, "%s{meter_id=\"%s\"%s} %lld\n", name, labelValue(m.doc["meter_id"]).c_str(), extra.c_str(),
+                value);
+    };
+    family("mtd_status_meters", "gauge", "Meters with a readable status file.");
+    appendf(out, "mtd_status_meters %zu\n", m_meters.size());
+    family("mtd_status_unreadable_files", "gauge", "Status files that could not be read.");
+    appendf(out, "mtd_status_unreadable_files %d\n", unreadable);
+
+    family("mtd_meter_info", "gauge", "Model and driver class of the meter (always 1).");
+    for (const Meter& m : m_meters)
+        sample("mtd_meter_info", m,
+               ",model=\"" + labelValue(m.doc["model"]) + "\",driver=\"" + labelValue(m.doc["driver"]) + "\"", 1);
+    family("mtd_meter_state", "gauge", "1 for the state the meter's polling thread is in, 0 for the others.");
+    for (const Meter& m : m_meters) {
+        const Json::Value& state = m.doc["state"];
+        for (const char* name : {"reading", "waiting", "failing", "paused"})
+            sample("mtd_meter_state", m, std::string(",state=\"") + name + "\"",
+                   state.isString() && state.asString() == name);
+    }
+    family("mtd_meter_last_good_read_age_seconds", "gauge",
+           "Seconds since the last cycle that ended well (since the start when none has).");
+    for (const Meter& m : m_meters)
+        if (m.age >= 0)
+            sample("mtd_meter_last_good_read_age_seconds", m, "", m.age);
+    family("mtd_meter_data_rate_seconds", "gauge", "Pause between the end of one cycle and the start of the next.");
+    for (const Meter& m : m_meters) {
+        const Json::Value& rate = m.doc["data_rate"];
+        if (rate.isInt64() && rate.asInt64() >= 0 && rate.asInt64() <= kMaxTime)
+            sample("mtd_meter_data_rate_seconds", m, "", rate.asInt64());
+    }
+    family("mtd_meter_stale", "gauge", "1 when the meter was not read for three data_rate periods (60 s at least).");
+    for (const Meter& m : m_meters)
+        sample("mtd_meter_stale", m, "", m.stale);
+    family("mtd_meter_archive_lag_seconds", "gauge", "Seconds from the newest stored record of the archive to now.");
+    for (const Meter& m : m_meters)
+        for (const char* kind : kArchives) {
+            const long long last = asTime(member(member(member(m.doc, "archives"), kind), "last"));
+            if (last > 0)
+                sample("mtd_meter_archive_lag_seconds", m, std::string(",kind=\"") + kind + "\"", m_now - last);
+        }
+    static const struct {
+        const char* member;
+        const char* name;
+        const char* help;
+    } kCounters[] = {
+        {"cycles", "mtd_meter_cycles_total", "Polling cycles since the daemon started."},
+        {"failed_cycles", "mtd_meter_failed_cycles_total", "Polling cycles that ended with an error."},
+        {"timeouts", "mtd_meter_timeouts_total", "Requests the meter did not answer in time."},
+        {"checksum_errors", "mtd_meter_checksum_errors_total", "Replies refused for a bad check sum."},
+        {"retries", "mtd_meter_retries_total", "Requests sent again after a failed attempt."},
+        {"records_stored", "mtd_meter_records_stored_total", "Archive records stored."},
+    };
+    for (const auto& c : kCounters) {
+        family(c.name, "counter", c.help);
+        for (const Meter& m : m_meters) {
+            const Json::Value& v = member(member(m.doc, "counters"), c.member);
+            if (v.isInt64() && v.asInt64() >= 0)
+                sample(c.name, m, "", v.asInt64());
+        }
+    }
+    family("mtd_meter_resident_memory_bytes", "gauge", "Resident memory of the process serving the meter.");
+    for (const Meter& m : m_meters) {
+        const Json::Value& kib = m.doc["rss_kb"];
+        if (kib.isInt64() && kib.asInt64() > 0 && kib.asInt64() <= kMaxTime)
+            sample("mtd_meter_resident_memory_bytes", m, "", kib.asInt64() * 1024);
+    }
+    return out;
 }

@@ -2,7 +2,7 @@
 #pragma once
 // What mtd_status makes of the daemon's status files: each file's text is
 // judged (age of the last good read against three data_rate periods) and the
-// meters are printed as a table or as one JSON document.
+// meters are printed as a table, as one JSON document or as Prometheus metrics.
 //
 // The files lie in a folder every local user can write to, so the text may be
 // anything: whatever it holds, a file is either taken (every member read with
@@ -28,6 +28,9 @@ public:
     std::string table() const;
     // {"now", "stale", "unreadable", "meters": [...]}, indented.
     std::string json(int unreadable) const;
+    // The Prometheus text exposition format: one metric family per figure, each
+    // meter a sample labelled meter_id; a figure the file lacks has no sample.
+    std::string prometheus(int unreadable) const;
 
     // A status file is a few KiB; anything much larger is not one of ours.
     static constexpr long kMaxStatusBytes = 1 << 20;

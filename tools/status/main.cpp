@@ -2,9 +2,11 @@
 // mtd_status: reads every "mtd_status_<id>.json" that the daemon's polling
 // threads keep in the status directory and prints one line per meter: state,
 // age of the last good read, how far each archive lags behind now, error
-// counts. With --json the same as one JSON document. Exit status 1 when a meter
-// has not been read for three data_rate periods (or no status can be read), so
-// a cron job or a monitoring agent can alert on it.
+// counts. With --json the same as one JSON document, with --prometheus in the
+// Prometheus text format for node_exporter's textfile collector; --output puts
+// it into a file, replaced whole so the collector never reads half of it. Exit
+// status 1 when a meter has not been read for three data_rate periods (or no
+// status can be read), so a cron job or a monitoring agent can alert on it.
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -22,17 +24,20 @@
 #include <vector>
 
 #include "core/Defaults.h"
+#include "core/ReplaceFile.h"
 #include "CStatusReport.h"
 
 namespace {
 
 const char* const kUsage =
-    "Usage: mtd_status [--dir DIR] [--json] [--now SECONDS]\n"
+    "Usage: mtd_status [--dir DIR] [--json | --prometheus] [--output FILE] [--now SECONDS]\n"
     "    --dir DIR      directory of the status files (default /tmp/)\n"
     "    --json         one JSON document instead of the table\n"
+    "    --prometheus   Prometheus text format (node_exporter's textfile collector)\n"
+    "    --output FILE  replace FILE with the output instead of printing it\n"
     "    --now SECONDS  judge ages against this Unix time instead of the clock\n"
     "Exit status: 0 all meters read recently, 1 a meter not read for three\n"
-    "data_rate periods or no readable status, 2 bad options.\n";
+    "data_rate periods, no readable status or the output not written, 2 bad options.\n";
 
 // The whole file, up to one byte past the limit (so a larger one is seen as
 // such). Non-blocking and without following links: a FIFO or a link planted
@@ -86,21 +91,34 @@ std::vector<std::string> statusFiles(const std::string& dir, bool& ok) {
 
 int main(int argc, char** argv) {
     std::string dir = mtd::defaults::kControlDir;
-    bool json = false;
+    enum { TABLE, JSON, PROMETHEUS } format = TABLE;
+    std::string output;
     long long now = static_cast<long long>(std::time(nullptr));
     static const option kOptions[] = {{"dir", required_argument, nullptr, 'd'},
                                       {"json", no_argument, nullptr, 'j'},
+                                      {"prometheus", no_argument, nullptr, 'p'},
+                                      {"output", required_argument, nullptr, 'o'},
                                       {"now", required_argument, nullptr, 'n'},
                                       {"help", no_argument, nullptr, 'h'},
                                       {nullptr, 0, nullptr, 0}};
     int opt;
-    while ((opt = getopt_long(argc, argv, "d:jn:h", kOptions, nullptr)) != -1) {
+    while ((opt = getopt_long(argc, argv, "d:jpo:n:h", kOptions, nullptr)) != -1) {
         switch (opt) {
         case 'd':
             dir = optarg;
             break;
         case 'j':
-            json = true;
+            format = JSON;
+            break;
+        case 'p':
+            format = PROMETHEUS;
+            break;
+        case 'o':
+            output = optarg;
+            if (output.empty() || output.back() == '/') {
+                std::fprintf(stderr, "mtd_status: --output wants a file name, got '%s'\n", optarg);
+                return 2;
+            }
             break;
         case 'n': {
             char* end = nullptr;
@@ -144,9 +162,18 @@ int main(int argc, char** argv) {
     else if (report.empty() && unreadable == 0)
         std::fprintf(stderr, "mtd_status: no status files in '%s'\n", dir.c_str());
 
-    if (json)
-        std::cout << report.json(unreadable);
-    else
-        std::cout << report.table();
+    const std::string out = format == PROMETHEUS ? report.prometheus(unreadable)
+                            : format == JSON     ? report.json(unreadable)
+                                                 : report.table();
+    if (output.empty()) {
+        std::cout << out;
+    } else {
+        // 0644: the collector runs as another user.
+        const char* step = nullptr;
+        if (!mtd::replaceFile(output, out, &step, 0644)) {
+            std::fprintf(stderr, "mtd_status: %s of '%s' failed: %s\n", step, output.c_str(), std::strerror(errno));
+            return 1;
+        }
+    }
     return report.stale() > 0 || unreadable > 0 || report.empty() ? 1 : 0;
 }
