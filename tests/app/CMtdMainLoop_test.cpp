@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DriverRig.h"
 #include "support/TempDir.h"
 #include <signal.h>
 #include <stdlib.h>
@@ -30,14 +31,6 @@ using std::chrono::seconds;
 
 constexpr time_t kNow = 1710028800 + 3600;
 
-class StillClock : public CMtdClock {
-public:
-    time_t now() const override { return kNow; }
-    std::chrono::system_clock::time_point deadlineFor(time_t) const override {
-        return std::chrono::system_clock::now() + std::chrono::hours(1);
-    }
-};
-
 // A driver whose init() can be held (a long device operation) and that counts
 // what the main loop and the polling thread do with it.
 class HeldDriver : public CMtdBaseDriver {
@@ -47,7 +40,7 @@ public:
         config.meter_id = id;
         save_init_params(config);
         setPaths(DriverPaths{dir, dir});
-        setClock(std::make_shared<StillClock>());
+        setClock(std::make_shared<test_support::StillClock>(kNow));
     }
     ~HeldDriver() override { StopPolling(); }
 

@@ -24,6 +24,8 @@
 
 namespace {
 
+using test_support::byName;
+
 std::string sourceDir() { return MTD_TEST_SOURCE_DIR; }
 
 // A minimal good template with `extra` spliced into its top level.
@@ -213,13 +215,6 @@ struct Rig {
         line->attach(driver, config);
     }
 };
-
-std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& values) {
-    std::map<std::string, CValueRecord> m;
-    for (const auto& v : values)
-        m[v.name] = v;
-    return m;
-}
 
 TEST(ModbusTemplateDriver, ValuesInTheDaemonsUnitsAndOneRecordAnHour) {
     Rig rig("swapped-meter", sourceDir() + "/tests/data/modbus", {1010});

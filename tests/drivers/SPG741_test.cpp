@@ -23,6 +23,8 @@
 
 namespace {
 
+using test_support::byName;
+
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 constexpr double kKpa = 0.0101971621, kMpa = 10.1971621;  // to kgf/cm2
 
@@ -139,13 +141,6 @@ void expectArchive(Rig& rig, const ArchiveRead& r) {
     test_support::readArchive(rig.driver, r.arch, r.from, rig.options.start, out);
     expectSame(out, rig.since(r.dump, r.from));
     EXPECT_GE(out.size(), r.atLeast);
-}
-
-std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
-    std::map<std::string, CValueRecord> m;
-    for (const auto& r : v)
-        m[r.name] = r;
-    return m;
 }
 
 // Flash reads are 0x45 and come one frame a page, RAM reads are 0x52; the

@@ -21,6 +21,8 @@
 
 namespace {
 
+using test_support::byName;
+
 using logika_test::Bytes;
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01 10:15:00 on the device clock
 
@@ -58,13 +60,6 @@ struct Rig {
         line.attach(driver, meterConfig(model == 1 ? "spg761.1" : "spg761", serial));
     }
 };
-
-std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
-    std::map<std::string, CValueRecord> m;
-    for (const auto& r : v)
-        m[r.name] = r;
-    return m;
-}
 
 // The records as the simulator's own dump shows them: "<time> <v1> <v2> ...".
 std::vector<std::string> asDump(const std::vector<ArchiveRecord>& records) {

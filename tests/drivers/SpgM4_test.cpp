@@ -22,6 +22,8 @@
 
 namespace {
 
+using test_support::byName;
+
 using Bytes = std::vector<uint8_t>;
 constexpr std::time_t kStart = 1714558500;  // 2024-05-01,10:15:00 UTC
 
@@ -86,13 +88,6 @@ std::string line(const ArchiveRecord& r) {
     for (const auto& f : r.fields)
         s += " " + f.first + "=" + f.second;
     return s;
-}
-
-std::map<std::string, CValueRecord> byName(const std::vector<CValueRecord>& v) {
-    std::map<std::string, CValueRecord> m;
-    for (const auto& r : v)
-        m[r.name] = r;
-    return m;
 }
 
 TEST(SpgM4, SessionSystemAndCurrentValues) {

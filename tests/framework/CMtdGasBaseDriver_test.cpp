@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include <stdlib.h>
 
@@ -30,21 +31,6 @@ public:
     using gas::CMtdGasBaseDriver::RemovePasportFile;
 };
 
-struct Lines {
-    logger log{"/dev/null", false};
-    std::mutex mutex;
-    std::vector<std::pair<int, std::string>> lines;
-    Lines() {
-        log.setLevel(logger::DEBUG);
-        log.setObserver([this](int severity, const std::string& text) {
-            std::lock_guard<std::mutex> lock(mutex);
-            lines.emplace_back(severity, text);
-        });
-        g_logger = &log;
-    }
-    ~Lines() { g_logger = nullptr; }
-};
-
 TEST(GasBaseDriver, RemovePasportFileLogsEveryOutcome) {
     test_support::TempDir tmp("mtd_passport");
     const std::string& dir = tmp.path;
@@ -69,14 +55,11 @@ TEST(GasBaseDriver, RemovePasportFileLogsEveryOutcome) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.legend);
-        Lines lines;
+        test_support::LogCapture log;
         PassportDriver driver(row.id, row.controlDir);
         driver.RemovePasportFile();
-        ASSERT_EQ(lines.lines.size(), 1u);
-        EXPECT_EQ(lines.lines[0].first, row.severity);
-        EXPECT_NE(lines.lines[0].second.find(std::string("CMtdGasBaseDriver::RemovePasportFile ") + row.text),
-                  std::string::npos)
-            << lines.lines[0].second;
+        EXPECT_EQ(log.lines().size(), 1u);
+        EXPECT_EQ(log.count(row.severity, std::string("CMtdGasBaseDriver::RemovePasportFile ") + row.text), 1);
         if (!row.leftBehind.empty()) {
             EXPECT_TRUE(std::ifstream(row.leftBehind).good());
         }

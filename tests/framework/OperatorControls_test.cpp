@@ -4,6 +4,7 @@
 // The main loop's 5 s step is played by calling GetArchActual().
 #include <gtest/gtest.h>
 
+#include "support/DriverRig.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include <json/json.h>
@@ -26,14 +27,6 @@ using std::chrono::seconds;
 
 // 2024-03-10 12:30:00 UTC
 constexpr time_t kNow = 1710028800 + 12 * 3600 + 1800;
-
-class ManualClock : public CMtdClock {
-public:
-    time_t now() const override { return kNow; }
-    std::chrono::system_clock::time_point deadlineFor(time_t) const override {
-        return std::chrono::system_clock::now() + std::chrono::hours(1);
-    }
-};
 
 class CountingDriver : public CMtdBaseDriver {
 public:
@@ -91,7 +84,7 @@ struct Fixture {
         config.params = {{"data_rate", dataRate}, {"manufacturer", "ek270"}};
         d.save_init_params(config);
         d.setPaths(DriverPaths{dir + "store/", dir + "control/"});
-        d.setClock(std::make_shared<ManualClock>());
+        d.setClock(std::make_shared<test_support::StillClock>(kNow));
         d.Start();
     }
     Json::Value status(const std::string& id) const {

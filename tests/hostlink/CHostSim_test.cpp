@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include "support/TempDir.h"
+
 namespace {
 
 // The simulator answers anything with a JSON-RPC object, never a crash.
@@ -61,11 +63,8 @@ TEST(CHostSim, RejectsBadConfiguration)
 // The record file gets every request whole, one JSON line each.
 TEST(CHostSim, RecordsOneJsonLinePerRequest)
 {
-    std::string pattern = testing::TempDir() + "hostsim_test.XXXXXX";
-    std::vector<char> dir(pattern.begin(), pattern.end());
-    dir.push_back('\0');
-    ASSERT_NE(mkdtemp(dir.data()), nullptr);
-    const std::string path = std::string(dir.data()) + "/record.jsonl";
+    test_support::TempDir dir("hostsim_test");
+    const std::string path = dir / "record.jsonl";
     {
         CHostSimOptions o;
         o.hostPort = 0;
@@ -86,8 +85,6 @@ TEST(CHostSim, RecordsOneJsonLinePerRequest)
         lines.push_back(line);
     EXPECT_EQ(lines, (std::vector<std::string>{R"({"id":1,"method":"put_one_value"})", R"({"id":2,"method":"x"})",
                                                R"("not\njson")"}));
-    std::remove(path.c_str());
-    rmdir(dir.data());
 }
 
 }  // namespace

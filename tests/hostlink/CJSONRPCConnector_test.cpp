@@ -38,16 +38,26 @@ const char* kConfig = R"({
                           {"manufacturer": "vkt-7", "period_current": "15"}]}
 })";
 
+// A started simulator; `config` nullptr: none loaded.
 struct Running {
     LogWatch log;
-    CHostSim sim{freePorts()};
-    Running(const char* config = kConfig)
+    CHostSim sim;
+    explicit Running(const char* config = kConfig, CHostSimOptions o = freePorts()) : sim(o)
     {
         std::string error;
-        EXPECT_TRUE(sim.loadConfigText(config, error)) << error;
+        if (config) {
+            EXPECT_TRUE(sim.loadConfigText(config, error)) << error;
+        }
         EXPECT_TRUE(sim.Start(error)) << error;
     }
 };
+
+CHostSimOptions garbage(int answers)
+{
+    CHostSimOptions o = freePorts();
+    o.garbage = answers;
+    return o;
+}
 
 CValueRecord value(const char* name, const char* text, long long t, const char* error = "")
 {
@@ -249,13 +259,9 @@ TEST(CJSONRPCConnector, SensorsServiceDownGivesUpAfter50Attempts)
 
 TEST(CJSONRPCConnector, NonJsonReplyIsLoggedAndRetried)
 {
-    LogWatch log;
-    CHostSimOptions o = freePorts();
-    o.garbage = 2;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.loadConfigText(kConfig, error));
-    ASSERT_TRUE(sim.Start(error));
+    Running r(kConfig, garbage(2));
+    auto& log = r.log;
+    auto& sim = r.sim;
     CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
     CDeviceConfig c;
     ASSERT_TRUE(link.GetInitParameters1(c));
@@ -272,22 +278,20 @@ TEST(CJSONRPCConnector, NonJsonReplyIsLoggedAndRetried)
 // A JSON-RPC error object is a parsed reply: a Warning, no retry, empty maps, defaults still applied.
 TEST(CJSONRPCConnector, ErrorReplyLeavesConfigEmpty)
 {
-    LogWatch log;
     CHostSimOptions o = freePorts();
     o.rpcError = true;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.Start(error));
+    Running r(nullptr, o);
+    auto& log = r.log;
+    auto& sim = r.sim;
     CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
     CDeviceConfig c;
     ASSERT_TRUE(link.GetInitParameters1(c));
     EXPECT_EQ(c.get("period_current"), "20");
     EXPECT_EQ(c.get("systems"), "");
     EXPECT_EQ(sim.requests().size(), 1u);
-    auto warnings = log.matching("CJSONRPCConnector::SendParameters - the host service answered with an error: "
-                                 "{\"code\":-32000,");
-    ASSERT_EQ(warnings.size(), 1u);
-    EXPECT_EQ(warnings[0].severity, logger::WARNING);
+    const std::string error = "CJSONRPCConnector::SendParameters - the host service answered with an error: {\"code\":-32000,";
+    EXPECT_EQ(log.count(error), 1u);
+    EXPECT_EQ(log.countContaining(error, logger::WARNING), 1);
 }
 
 // An orderly shutdown while the host service is down ends the retry loop.
@@ -300,7 +304,7 @@ TEST(CJSONRPCConnector, CancelFlagEndsRetryLoop)
     link.setCancelFlag(&cancel);
     bool ok = true;
     std::thread caller([&] { ok = link.SendAllCurrentValues({value("P", "1", 1)}); });
-    ASSERT_TRUE(log.waitFor("Error while sending data! retry!!!", 1));
+    ASSERT_TRUE(log.waitFor(test_support::LogCapture::kAny, "CJSONRPCConnector::SendParameters - Error while sending data! retry!!!"));
     cancel = true;
     caller.join();
     EXPECT_FALSE(ok);
@@ -322,7 +326,7 @@ TEST(CJSONRPCConnector, CancelFlagAbortsHangingExchange)
         Json::Value reply;
         ok = link.ExecJSONRPCFunc("get_config2", Json::Value(), reply);
     });
-    ASSERT_TRUE(log.waitFor("CJSONRPCConnector::ExecJSONRPCFunc query is ", 1));
+    ASSERT_TRUE(log.waitFor(test_support::LogCapture::kAny, "CJSONRPCConnector::ExecJSONRPCFunc query is "));
     cancel = true;
     caller.join();
     EXPECT_FALSE(ok);
@@ -342,16 +346,11 @@ TEST(CJSONRPCConnector, WrongRelayNumberSendsNothing)
 
 TEST(CJSONRPCConnector, SensorsServiceGarbageCountsAsAttempt)
 {
-    LogWatch log;
-    CHostSimOptions o = freePorts();
-    o.garbage = 1;
-    CHostSim sim(o);
-    std::string error;
-    ASSERT_TRUE(sim.Start(error));
-    CJSONRPCConnector link("42", sim.hostUrl(), sim.sensorsUrl());
+    Running r(nullptr, garbage(1));
+    CJSONRPCConnector link("42", r.sim.hostUrl(), r.sim.sensorsUrl());
     EXPECT_TRUE(link.ExecSensorsJSONRPCFunc(true, 2));
-    EXPECT_EQ(log.count("CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA"), 1u);
-    EXPECT_EQ(sim.requests().size(), 2u);
+    EXPECT_EQ(r.log.count("CJSONRPCConnector::ExecSensorsJSONRPCFunc() - ERROR PARSING DATA"), 1u);
+    EXPECT_EQ(r.sim.requests().size(), 2u);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
-// Shared helpers of the host-link tests: a logger whose lines can be awaited,
-// a loopback port that refuses connections until it is released, a host
+// Shared helpers of the host-link tests: a loopback port that refuses connections until it is released, a host
 // service that comes up late on such a port, and a clock whose pauses take no time.
 
 #include <arpa/inet.h>
@@ -17,63 +16,14 @@
 #include <vector>
 
 #include "core/logger.h"
+#include "support/LogCapture.h"
 #include "hostlink/CHostLinkClock.h"
 #include "tools/hostsim/CHostSim.h"
 
-class LogWatch {
+// Host-link lines are asked for by any part of their text.
+class LogWatch : public test_support::LogCapture {
 public:
-    struct Line {
-        int severity;
-        std::string text;
-        std::chrono::steady_clock::time_point at;
-    };
-
-    LogWatch() : m_log("/dev/null", false)
-    {
-        m_log.setLevel(logger::DEBUG);
-        m_log.setObserver([this](int severity, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.push_back({severity, text, std::chrono::steady_clock::now()});
-            m_changed.notify_all();
-        });
-        g_logger = &m_log;
-    }
-    ~LogWatch()
-    {
-        g_logger = nullptr;
-        m_log.setObserver(nullptr);
-    }
-    LogWatch(const LogWatch&) = delete;
-    LogWatch& operator=(const LogWatch&) = delete;
-
-    // Lines containing `part`.
-    std::vector<Line> matching(const std::string& part) const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<Line> out;
-        for (const Line& l : m_lines)
-            if (l.text.find(part) != std::string::npos)
-                out.push_back(l);
-        return out;
-    }
-    size_t count(const std::string& part) const { return matching(part).size(); }
-
-    bool waitFor(const std::string& part, size_t n, std::chrono::seconds timeout = std::chrono::seconds(20))
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, timeout, [&] {
-            size_t c = 0;
-            for (const Line& l : m_lines)
-                c += l.text.find(part) != std::string::npos;
-            return c >= n;
-        });
-    }
-
-private:
-    logger m_log;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Line> m_lines;
+    size_t count(const std::string& part) const { return static_cast<size_t>(countContaining(part)); }
 };
 
 // A loopback port bound but not listening: connections to it are refused

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 // Test kit for the protocol layers: a meter played on the master end of a
-// pseudo-terminal while the real CConnector opens the slave end, a fake pause
-// that records what the protocol asked for, and a logger whose lines can be
-// inspected.
+// pseudo-terminal while the real CConnector opens the slave end, and a fake
+// pause that records what the protocol asked for.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -20,46 +19,14 @@
 #include <vector>
 
 #include "core/logger.h"
+#include "support/LogCapture.h"
 #include "transport/CConnector.h"
 
 namespace logika_test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Captures log lines for the duration of a test (the file itself is /dev/null).
-class LogCapture {
-public:
-    LogCapture() : m_log("/dev/null", false) {
-        m_log.setLevel(logger::DEBUG);
-        m_log.setObserver([this](int sev, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.push_back({sev, text});
-        });
-        m_previous = g_logger;
-        g_logger = &m_log;
-    }
-    ~LogCapture() { g_logger = m_previous; }
-    bool contains(const std::string& part, int severity = -1) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (const auto& l : m_lines)
-            if (l.second.find(part) != std::string::npos && (severity < 0 || l.first == severity))
-                return true;
-        return false;
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> out;
-        for (const auto& l : m_lines)
-            out.push_back(l.second);
-        return out;
-    }
-
-private:
-    logger m_log;
-    logger* m_previous;
-    mutable std::mutex m_mutex;
-    std::vector<std::pair<int, std::string>> m_lines;
-};
+using test_support::LogCapture;
 
 // The meter. `frameSize` tells from the bytes so far how long the request is
 // (0: not known yet); `respond` gets each whole request and its number and

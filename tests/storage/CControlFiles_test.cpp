@@ -53,23 +53,6 @@ TEST(ControlFiles, LockLifecycleModeAndSymlinkNotFollowed) {
     EXPECT_FALSE(exists(target));
 }
 
-TEST(ControlFiles, PauseAndForceUpdateFlags) {
-    TempDir dir;
-    CControlFiles cf(dir.path);
-    EXPECT_FALSE(cf.pauseActive("77"));
-    writeFile(dir.path + "pause_gmd_77", "");
-    EXPECT_TRUE(cf.pauseActive("77"));
-    EXPECT_FALSE(cf.pauseActive("78"));
-    writeFile(dir.path + "pause_gmd_all", "");
-    EXPECT_TRUE(cf.pauseActive("78"));
-
-    EXPECT_FALSE(cf.takeForceUpdate("77"));
-    writeFile(dir.path + "gmd_force_update_77", "");
-    EXPECT_TRUE(cf.forceUpdateRequested("77"));
-    EXPECT_TRUE(cf.takeForceUpdate("77"));
-    EXPECT_FALSE(cf.forceUpdateRequested("77"));
-}
-
 TEST(ControlFiles, UnsafeMeterIds) {
     struct {
         std::string id;
@@ -141,8 +124,9 @@ TEST(ControlFiles, PassportFiles) {
         EXPECT_EQ(row.values, values.size()) << row.legend;
         const std::string legend = row.legend;
         const bool notRegular = legend == "directory" || legend == "fifo" || legend.rfind("symlink", 0) == 0;
-        if (row.expected == CControlFiles::PASSPORT_REFUSED)
+        if (row.expected == CControlFiles::PASSPORT_REFUSED) {
             EXPECT_EQ(notRegular, exists(path)) << row.legend;
+        }
         if (row.expected == CControlFiles::PASSPORT_OK) {
             EXPECT_TRUE(exists(path)) << row.legend << ": removing is the caller's job";
         }

@@ -66,6 +66,10 @@ public:
             out.push_back(m.second);
         return out;
     }
+    void clear() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_messages.clear();
+    }
     logger& log() { return m_log; }
 
 private:

@@ -18,7 +18,7 @@ constexpr uint32_t kOnTimeUs = 100000;
 
 TEST(Led, OneFlashPerBurstThenDarkBeforeTheNext) {
     TempDir dir;
-    const std::string path = dir.file("led");
+    const std::string path = dir / "led";
     std::ofstream(path) << "stale";
     FileWatch watch(path);
     {
@@ -52,13 +52,13 @@ TEST(Led, MissingControlFileCostsNothing) {
     TempDir dir;
     LogCapture log;
     {
-        CLed led(dir.file("no_such_dir/led"), kOnTimeUs);
+        CLed led(dir / "no_such_dir/led", kOnTimeUs);
         EXPECT_FALSE(led.hasFile());
         led.Start();
         for (int i = 0; i < 1000; ++i)
             led.Blink(true);
     }
-    EXPECT_LE(log.size(), 1u);
+    EXPECT_LE(log.lines().size(), 1u);
 }
 
 }  // namespace

@@ -78,6 +78,7 @@ private:
 class ModbusConnectorTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        log.log().setLevel(logger::INFO);  // libmodbus stays quiet below debug
         modbus = std::make_unique<CModbusConnectorItself>(
             PortSettings::parse({{"protocol", "modbus"}, {"name", pty.slavePath}, {"timeout", "100"}}), ledsIn(dir));
         ASSERT_TRUE(modbus->open_device());
@@ -89,7 +90,7 @@ protected:
         slave.reset();
     }
 
-    LogCapture log{logger::INFO};
+    LogCapture log;
     TempDir dir;
     PtyPair pty;
     std::unique_ptr<CModbusConnectorItself> modbus;
@@ -141,7 +142,7 @@ TEST_F(ModbusConnectorTest, EveryTransactionAgainstARealSlave) {
 }
 
 TEST_F(ModbusConnectorTest, InvalidSlaveIdSendsNothingAndDoesNotBlink) {
-    FileWatch tx(dir.file("led_tx"));
+    FileWatch tx(dir / "led_tx");
     uint16_t got[2];
     EXPECT_EQ(-1, modbus->ReadHoldingRegisters(248, 0, 1, got, true));
     EXPECT_EQ(-1, modbus->ReadHoldingRegisters(-1, 0, 1, got, true));
@@ -198,11 +199,12 @@ TEST(ModbusConnector, TimeoutFigures) {
 std::string stdoutOfRequestAtLevel(int level) {
     TempDir dir;
     PtyPair pty;
-    LogCapture log(level);
+    LogCapture log;
+    log.log().setLevel(level);
     CModbusConnectorItself c(PortSettings::parse({{"name", pty.slavePath}, {"timeout", "100"}}), ledsIn(dir));
     std::fflush(stdout);
     CUniqueFd saved(dup(STDOUT_FILENO));
-    CUniqueFd capture(::open(dir.file("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    CUniqueFd capture(::open((dir / "stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     dup2(capture.get(), STDOUT_FILENO);
     if (c.open_device()) {
         uint16_t got[1];
@@ -210,7 +212,7 @@ std::string stdoutOfRequestAtLevel(int level) {
     }
     std::fflush(stdout);
     dup2(saved.get(), STDOUT_FILENO);
-    return readFile(dir.file("stdout"));
+    return readFile(dir / "stdout");
 }
 
 TEST(ModbusConnector, LibraryDebugOutputOnlyAtLevel7) {
@@ -221,7 +223,7 @@ TEST(ModbusConnector, LibraryDebugOutputOnlyAtLevel7) {
 TEST(ModbusConnector, OpenFailureAndClosedContext) {
     TempDir dir;
     LogCapture log;
-    const std::string path = dir.file("no_such_tty");
+    const std::string path = dir / "no_such_tty";
     CModbusConnectorItself c(PortSettings::parse({{"name", path}}), ledsIn(dir));
     EXPECT_FALSE(c.open_device());
     EXPECT_FALSE(c.is_open());

@@ -217,7 +217,7 @@ TEST_F(RSConnectorTest, ReadBufferCycleRestartsTheSilenceTimeoutForEveryChunk) {
 
 TEST_F(RSConnectorTest, WriteFlushDrainAndTheTransmitLed) {
     auto c = openWith({});
-    FileWatch tx(dir.file("led_tx"));
+    FileWatch tx(dir / "led_tx");
     const unsigned char frame[] = {0x2F, 0x3F, 0x21, 0x0D, 0x0A};
     EXPECT_EQ(5, c->WriteBuffer(frame, sizeof frame, true));
     EXPECT_EQ(0, c->DrainOutput());
@@ -235,7 +235,7 @@ TEST_F(RSConnectorTest, WriteFlushDrainAndTheTransmitLed) {
 }
 
 TEST_F(RSConnectorTest, OpenFailureAndClosedPort) {
-    PortParams params{{"name", dir.file("no_such_tty")}, {"timeout", "5000"}};
+    PortParams params{{"name", dir / "no_such_tty"}, {"timeout", "5000"}};
     CRSConnector c(PortSettings::parse(params), ledsIn(dir));
     EXPECT_FALSE(c.open_device());
     EXPECT_FALSE(c.is_open());
@@ -297,11 +297,11 @@ TEST_F(RSConnectorTest, ConnectorChoosesTheTransportAndReopensAtANewSpeed) {
 // "name" comes from the host configuration: only a terminal is opened, and a
 // file given instead is never written to. A link to the port is fine.
 TEST_F(RSConnectorTest, OpensOnlyATerminal) {
-    const std::string state = dir.file("state.last");
+    const std::string state = dir / "state.last";
     {
         std::ofstream(state) << "1700000000\n";
     }
-    const std::string fifo = dir.file("fifo");
+    const std::string fifo = dir / "fifo";
     ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
     for (const std::string& path : {state, fifo, std::string("/dev/null")}) {
         SCOPED_TRACE(path);
@@ -312,11 +312,11 @@ TEST_F(RSConnectorTest, OpensOnlyATerminal) {
         EXPECT_FALSE(c.is_open());
         const unsigned char signOn[] = {'/', '?', '!', '\r', '\n'};
         EXPECT_EQ(-1, c.WriteBuffer(signOn, sizeof signOn, false));
-        EXPECT_EQ(1, log.countStarting(logger::ERR, "CRSConnector::open_device - " + path + " is not a serial port"));
+        EXPECT_EQ(1, log.count(logger::ERR, "CRSConnector::open_device - " + path + " is not a serial port"));
     }
     EXPECT_EQ("1700000000\n", readFile(state));
 
-    const std::string link = dir.file("by-id-link");
+    const std::string link = dir / "by-id-link";
     ASSERT_EQ(0, ::symlink(pty.slavePath.c_str(), link.c_str()));
     CRSConnector viaLink(PortSettings::parse({{"name", link}}), ledsIn(dir));
     EXPECT_TRUE(viaLink.open_device());
@@ -360,5 +360,5 @@ TEST_F(RSConnectorTest, TricklingReplyIsCutOff) {
     EXPECT_LT(cycleMs, 1500);
     EXPECT_LT(byteMs, 1500);
     EXPECT_LT(bytes, 10);
-    EXPECT_EQ(2, log.countStarting(logger::ERR, "CRSConnector - reply too slow for the line, cut off"));
+    EXPECT_EQ(2, log.count(logger::ERR, "CRSConnector - reply too slow for the line, cut off"));
 }

@@ -2,7 +2,7 @@
 #pragma once
 // Real peers for the transport tests: a pseudo-terminal pair (the connector
 // opens the slave path, the test speaks on the master), a temporary directory
-// for LED control files and log files, a logger that records every message, and
+// for LED control files and log files (shared with the other suites), and
 // an inotify watch to block until an LED file changes.
 
 #include <fcntl.h>
@@ -24,20 +24,13 @@
 #include "core/logger.h"
 #include "transport/CTransport.h"
 #include "core/CUniqueFd.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 namespace mtdtest {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/mtd_transport_XXXXXX";
-        if (!mkdtemp(tmpl))
-            throw std::runtime_error("mkdtemp");
-        path = tmpl;
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string file(const std::string& name) const { return path + "/" + name; }
-};
+using test_support::TempDir;
+using test_support::LogCapture;
 
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -82,58 +75,6 @@ struct PtyPair {
     }
 };
 
-// Installs a logger at level 7 writing into a temp file and records the messages.
-class LogCapture {
-public:
-    explicit LogCapture(int level = logger::DEBUG) : m_log(m_dir.file("log").c_str(), false) {
-        m_log.setLevel(level);
-        m_log.setObserver([this](int severity, const std::string& text) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_lines.push_back({severity, text});
-        });
-        m_previous = g_logger;
-        g_logger = &m_log;
-    }
-    ~LogCapture() { g_logger = m_previous; }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    int count(int severity, const std::string& text) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const auto& line : m_lines)
-            n += line.severity == severity && line.text == text;
-        return n;
-    }
-    int countStarting(int severity, const std::string& prefix) const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        int n = 0;
-        for (const auto& line : m_lines)
-            n += line.severity == severity && line.text.compare(0, prefix.size(), prefix) == 0;
-        return n;
-    }
-    size_t size() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines.size();
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.clear();
-    }
-    logger& log() { return m_log; }
-
-private:
-    struct Line {
-        int severity;
-        std::string text;
-    };
-    TempDir m_dir;
-    logger m_log;
-    logger* m_previous = nullptr;
-    mutable std::mutex m_mutex;
-    std::vector<Line> m_lines;
-};
-
 // Blocks until a file's contents satisfy a predicate, woken by inotify.
 class FileWatch {
 public:
@@ -176,8 +117,8 @@ private:
 
 inline LedPaths ledsIn(const TempDir& dir) {
     LedPaths leds;
-    leds.transmit = dir.file("led_tx");
-    leds.receive = dir.file("led_rx");
+    leds.transmit = dir / "led_tx";
+    leds.receive = dir / "led_rx";
     return leds;
 }
 
