@@ -2,6 +2,8 @@
 #include "drivers/DriverFactory.h"
 
 #include <cstring>
+#include <memory>
+#include <type_traits>
 
 #include "drivers/ek2xx/CmtdEK2xxTC2xx.h"
 #include "drivers/logika/CmtdSPG741.h"
@@ -14,7 +16,7 @@
 
 // Adding a device family:
 //   1. its class in drivers/<family>/, derived from gas::CMtdGasBaseDriver;
-//   2. a make function below and its model rows switched from nullptr to it;
+//   2. its model rows switched from nullptr to make<ItsClass>;
 //   3. tests under tests/drivers/ against a simulated meter.
 // The order of the rows matters: "contains" rows catch longer strings, so a
 // row must come before any "contains" row whose text it includes.
@@ -23,33 +25,45 @@ namespace {
 
 using Row = DriverModelRow;
 
+// Builds driver D for a matched row with the row's model code; a driver whose
+// rows carry no code takes none.
+template <class D>
+std::unique_ptr<CMtdBaseDriver> make(int code) {
+    if constexpr (std::is_constructible_v<D, int>) {
+        return std::make_unique<D>(code);
+    } else {
+        (void)code;
+        return std::make_unique<D>();
+    }
+}
+
 // Rows are tested top to bottom; the first match decides.
 const DriverModelRow kModelTable[] = {
     // "modbus:<template>": a meter described by a register-map template. First,
     // so that a template named like a "contains" row ("modbus:ultramag-b")
     // still reaches it; no other model string starts with "modbus:".
-    {"modbus:", Row::PREFIX, "CmtdModbusTemplate", 0, nullptr, 0, &CmtdModbusTemplate::create},
-    {"ek270", Row::EXACT, "CmtdEK2xxTC2xx", 2, nullptr, 0, &CmtdEK2xxTC2xx::create},
-    {"ek260", Row::EXACT, "CmtdEK2xxTC2xx", 1, nullptr, 0, &CmtdEK2xxTC2xx::create},
-    {"tc220", Row::EXACT, "CmtdEK2xxTC2xx", 3, nullptr, 0, &CmtdEK2xxTC2xx::create},
+    {"modbus:", Row::PREFIX, "CmtdModbusTemplate", 0, nullptr, 0, &make<CmtdModbusTemplate>},
+    {"ek270", Row::EXACT, "CmtdEK2xxTC2xx", 2, nullptr, 0, &make<CmtdEK2xxTC2xx>},
+    {"ek260", Row::EXACT, "CmtdEK2xxTC2xx", 1, nullptr, 0, &make<CmtdEK2xxTC2xx>},
+    {"tc220", Row::EXACT, "CmtdEK2xxTC2xx", 3, nullptr, 0, &make<CmtdEK2xxTC2xx>},
     {"vkg-3t", Row::EXACT, "CmtdWKG3T", 0, nullptr, 0, nullptr},
     {"micont186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
     {"mikont-186", Row::EXACT, "CmtdMicont186", 0, nullptr, 0, nullptr},
-    {"spg761.1", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &CmtdSPG761::create},
-    {"spg761.2", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &CmtdSPG761::create},
-    {"spg761", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &CmtdSPG761::create},
+    {"spg761.1", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &make<CmtdSPG761>},
+    {"spg761.2", Row::EXACT, "CmtdSPG761", 1, nullptr, 0, &make<CmtdSPG761>},
+    {"spg761", Row::EXACT, "CmtdSPG761", 0, nullptr, 0, &make<CmtdSPG761>},
     // "ek88" is tested twice; the second row can never decide. Kept as the
     // table has always been.
     {"ek88", Row::EXACT, "CmtdEK88", 0, nullptr, 0, nullptr},
     {"ek88", Row::EXACT, "CmtdEK88", 0, nullptr, 0, nullptr},
-    {"spg742", Row::EXACT, "CmtdSpgM4", 1, nullptr, 0, &CmtdSpgM4::create},
+    {"spg742", Row::EXACT, "CmtdSpgM4", 1, nullptr, 0, &make<CmtdSpgM4>},
     {"irvis-rs4m", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"irvis-rs4m-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"irvis-ultra", Row::EXACT, "CmtdIrvis", 0, nullptr, 0, nullptr},
     {"vrsg-1", Row::CONTAINS, "CmtdVrsg", 2, nullptr, 0, nullptr},
-    {"spg741", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
-    {"spg741.1", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
-    {"spg741.2", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &CmtdSPG741::create},
+    {"spg741", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &make<CmtdSPG741>},
+    {"spg741.1", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &make<CmtdSPG741>},
+    {"spg741.2", Row::EXACT, "CmtdSPG741", 0, nullptr, 0, &make<CmtdSPG741>},
     {"im2300gas", Row::CONTAINS, "CmtdIM2300Agas", 0, nullptr, 0, nullptr},
     {"im2300x", Row::CONTAINS, "CmtdIM2300GasNotModbus", 0, nullptr, 0, nullptr},
     {"vkg-2", Row::CONTAINS, "CmtdWKG2", 0, nullptr, 0, nullptr},
@@ -67,8 +81,8 @@ const DriverModelRow kModelTable[] = {
     // The TC-90K is served by the TC-90T driver; the TC-90K class is never chosen.
     {"tc-90k", Row::EXACT, "CmtdTC90T", 0, nullptr, 0, nullptr},
     {"tc-90t", Row::EXACT, "CmtdTC90T", 0, nullptr, 0, nullptr},
-    {"tc215", Row::EXACT, "CmtdEK2xxTC2xx", 5, nullptr, 0, &CmtdEK2xxTC2xx::create},
-    {"tc210", Row::EXACT, "CmtdEK2xxTC2xx", 4, nullptr, 0, &CmtdEK2xxTC2xx::create},
+    {"tc215", Row::EXACT, "CmtdEK2xxTC2xx", 5, nullptr, 0, &make<CmtdEK2xxTC2xx>},
+    {"tc210", Row::EXACT, "CmtdEK2xxTC2xx", 4, nullptr, 0, &make<CmtdEK2xxTC2xx>},
     {"bvr.m", Row::CONTAINS, "CmtdBVRM", 2, nullptr, 0, nullptr},
     {"bk-10a", Row::CONTAINS, "CmtdBKxx", 0, nullptr, 0, nullptr},
     {"superflow-23", Row::CONTAINS, "CmtdSuperFlow", 0, nullptr, 0, nullptr},

@@ -21,37 +21,12 @@ set -uo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
 SRC=$(cd "$HERE/.." && pwd)
-QUICK=0
-BUILD=1
-BUILD_ARG=
-for arg in "$@"; do
-    case $arg in
-    --fleet) ;;
-    --quick) QUICK=1 ;;
-    --no-build) BUILD=0 ;;
-    -h | --help)
-        sed -n '3,20p' "$0"
-        exit 0
-        ;;
-    *) BUILD_ARG=$arg ;;
-    esac
-done
-BUILD_DIR=${BUILD_ARG:-$SRC/build-bench}
-if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
-    if ((BUILD)); then
-        "$SRC/scripts/deps.sh" || exit 2
-        if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
-            cmake -S "$SRC" -B "$BUILD_DIR" -G Ninja -DMTD_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null || exit 2
-        fi
-        cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim >/dev/null || exit 2
-    fi
-    BUILD_DIR=$(cd "$BUILD_DIR" 2>/dev/null && pwd) || {
-        echo "bench-fleet.sh: no build directory ${BUILD_ARG:-$SRC/build-bench}" >&2
-        exit 2
-    }
-    export BUILD_DIR QUICK
-    MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
-fi
+# bench.sh --fleet builds, then starts this script in its own namespaces.
+[ -n "${MTD_BENCH_IN_NS:-}" ] && [ -n "${BUILD_DIR:-}" ] || {
+    echo "bench-fleet.sh: run it as scripts/bench.sh --fleet [--quick] [--no-build] [BUILD_DIR]" >&2
+    exit 2
+}
+QUICK=${QUICK:-0}
 
 . "$SRC/tests/e2e/lib.sh"
 e2e_enter_ns

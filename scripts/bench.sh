@@ -18,11 +18,8 @@ set -uo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
 SRC=$(cd "$HERE/.." && pwd)
-# A whole controller (8 lines of 4 meters) is measured by its own script.
-for arg in "$@"; do
-    [ "$arg" = --fleet ] && exec "$HERE/bench-fleet.sh" "$@"
-done
 QUICK=0
+FLEET=0
 BUILD=1
 BUILD_ARG=
 ONLY=
@@ -31,6 +28,7 @@ for arg in "$@"; do
     if ((want_only)); then ONLY=$arg; want_only=0; continue; fi
     case $arg in
     --quick) QUICK=1 ;;
+    --fleet) FLEET=1 ;;
     --only) want_only=1 ;;
     --no-build) BUILD=0 ;;
     -h | --help)
@@ -59,6 +57,8 @@ if [ -z "${MTD_BENCH_IN_NS:-}" ]; then
         cmake --build "$BUILD_DIR" --target mtd_main mtd_hostsim mtd_metersim mtd_m4sim mtd_spbussim mtd_bench_floor \
             >/dev/null || exit 2
     fi
+    # A whole controller (8 lines of 4 meters) is measured by its own script.
+    ((FLEET)) && MTD_BENCH_IN_NS=1 exec unshare -rmn "$HERE/bench-fleet.sh"
     MTD_BENCH_IN_NS=1 exec unshare -rmn "$0" "$@"
 fi
 
@@ -450,6 +450,21 @@ bench_ek_config() {
         printf '}}\n'
     } >"$file"
 }
+# first_run_figures SECTION NAME BAUD DAYS REQUESTS BYTES MEASURED_S: a timed
+# first run against the time its bytes take on the line
+first_run_figures() {
+    local ideal
+    ideal=$(calc "$6 * 10 / $3" 3)
+    put "$1" baud "$3"
+    put "$1" history_days "$4"
+    put "$1" requests "$5"
+    put "$1" line_bytes "$6"
+    put "$1" bytes_time_s "$ideal"
+    put "$1" measured_s "$7"
+    put "$1" efficiency "$(calc "$ideal / $7" 3)"
+    echo "$2 line efficiency (bytes time / measured): $(calc "$ideal / $7" 2)"
+}
+
 # spg742_runs: the SPG742's timed first run at 9600 Bd against mtd_m4sim with its
 # line timing on (a week of hourly records, the daily archive and the journal of
 # each channel). M4 wants no quiet before a request: the driver sends the next
@@ -483,15 +498,8 @@ spg742_runs() {
     measured=$(first_to_last "$LOG" "M4::SendRequest\('[^']*'\): Send" "M4::SendRequest\('[^']*'\): Recv")
     bytes=$((b1 - b0))
     ideal=$(calc "$bytes * 10 / 9600" 3)
-    put spg742_line baud 9600
-    put spg742_line history_days "$hist"
+    first_run_figures spg742_line SPG742 9600 "$hist" "$sends" "$bytes" "$measured"
     put spg742_line hourly_records "$(find /mnt/storage/910 -name 'Hourly_JSONRPC-*.jsonl' -exec cat {} + 2>/dev/null | wc -l)"
-    put spg742_line requests "$sends"
-    put spg742_line line_bytes "$bytes"
-    put spg742_line bytes_time_s "$ideal"
-    put spg742_line measured_s "$measured"
-    put spg742_line efficiency "$(calc "$ideal / $measured" 3)"
-    echo "SPG742 line efficiency (bytes time / measured): $(calc "$ideal / $measured" 2)"
     # The simulator paces its answers only; the requests reach it at once. Adding
     # their bytes time to the measured time gives the figure of a real line.
     local req
@@ -530,7 +538,7 @@ spg741_runs() {
     wait_for "$WORK/spg741.sim" '^ready' 5 || { echo "bench.sh: mtd_m4sim did not start" >&2; return; }
     write_ek_model_config "$WORK/spg741.json" "$id" spg741 "$link" 741005 600
     start_hostsim "$WORK/spg741.json" "$WORK/spg741.rec" || return
-    local b0 b1 first_send last_recv measured bytes ideal requests
+    local b0 b1 first_send last_recv measured bytes requests
     b0=$(io_bytes "$simpid")
     start_daemon spg741 7 "$id"
     if ! wait_for "$LOG" 'Journal ring read up to' 600; then
@@ -543,15 +551,7 @@ spg741_runs() {
     last_recv=$(log_seconds "$(grep -E "\\[CmtdSPG741\\] .*: Recv " "$LOG" | tail -1)")
     measured=$(calc "$last_recv - $first_send + ($last_recv < $first_send ? 86400 : 0)" 3)
     bytes=$((b1 - b0))
-    ideal=$(calc "$bytes * 10 / 2400" 3)
-    put spg741_line baud 2400
-    put spg741_line history_days "$days"
-    put spg741_line requests "$requests"
-    put spg741_line line_bytes "$bytes"
-    put spg741_line bytes_time_s "$ideal"
-    put spg741_line measured_s "$measured"
-    put spg741_line efficiency "$(calc "$ideal / $measured" 3)"
-    echo "SPG741 line efficiency (bytes time / measured): $(calc "$ideal / $measured" 2)"
+    first_run_figures spg741_line SPG741 2400 "$days" "$requests" "$bytes" "$measured"
     stop_pid "$PID"
     stop_pid "$HOSTSIM_PID"
     stop_pid "$simpid"

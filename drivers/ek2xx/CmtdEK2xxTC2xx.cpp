@@ -213,10 +213,6 @@ std::string fmtNumber(double v) {
 
 CmtdEK2xxTC2xx::CmtdEK2xxTC2xx(int model) : m_model(model) {}
 
-std::unique_ptr<CMtdBaseDriver> CmtdEK2xxTC2xx::create(int model) {
-    return std::make_unique<CmtdEK2xxTC2xx>(model);
-}
-
 CmtdEK2xxTC2xx::~CmtdEK2xxTC2xx() {
     StopPolling();
 }

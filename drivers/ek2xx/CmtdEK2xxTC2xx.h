@@ -31,8 +31,6 @@ public:
     enum Model { EK260 = 1, EK270 = 2, TC220 = 3, TC210 = 4, TC215 = 5 };
 
     explicit CmtdEK2xxTC2xx(int model);
-    // For the factory's model table.
-    static std::unique_ptr<CMtdBaseDriver> create(int model);
     ~CmtdEK2xxTC2xx() override;
 
     const char* driverName() const override { return "CmtdEK2xxTC2xx"; }

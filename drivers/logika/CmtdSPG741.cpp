@@ -96,10 +96,6 @@ CmtdSPG741::~CmtdSPG741() {
     StopPolling();
 }
 
-std::unique_ptr<CMtdBaseDriver> CmtdSPG741::create(int) {
-    return std::make_unique<CmtdSPG741>();
-}
-
 void CmtdSPG741::setTiming(M4::Timing timing, ProtocolSleep sleep) {
     m_timing = timing;
     m_sleep = std::move(sleep);

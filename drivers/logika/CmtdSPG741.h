@@ -61,8 +61,6 @@ class CmtdSPG741 : public logika::CLogikaBaseDriver {
 public:
     CmtdSPG741();
     ~CmtdSPG741() override;
-    // For the factory's model table (the rows carry no model code).
-    static std::unique_ptr<CMtdBaseDriver> create(int model);
 
     const char* driverName() const override { return "CmtdSPG741"; }
     void SaveConnector(CConnector* connector) override;

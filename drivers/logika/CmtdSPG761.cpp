@@ -143,10 +143,6 @@ int fullYear(int y) {
 
 CmtdSPG761::CmtdSPG761(int model) : m_model(model) {}
 
-std::unique_ptr<CMtdBaseDriver> CmtdSPG761::create(int model) {
-    return std::make_unique<CmtdSPG761>(model);
-}
-
 CmtdSPG761::~CmtdSPG761() {
     StopPolling();
 }

@@ -68,7 +68,6 @@ class CmtdSPG761 : public logika::CLogikaBaseDriver {
 public:
     // Model code 0: the old generation ("spg761"); 1: the new one ("spg761.1", "spg761.2").
     explicit CmtdSPG761(int model);
-    static std::unique_ptr<CMtdBaseDriver> create(int model);
     ~CmtdSPG761() override;
 
     const char* driverName() const override { return "CmtdSPG761"; }

@@ -150,10 +150,6 @@ long long integerOf(const M4::ParamValue& v) {
 
 CmtdSpgM4::CmtdSpgM4(int model) : m_model(model) {}
 
-std::unique_ptr<CMtdBaseDriver> CmtdSpgM4::create(int model) {
-    return std::make_unique<CmtdSpgM4>(model);
-}
-
 CmtdSpgM4::~CmtdSpgM4() {
     StopPolling();
 }

@@ -19,8 +19,6 @@ public:
     enum Model { SPG742 = 1 };
 
     explicit CmtdSpgM4(int model);
-    // For the factory's model table.
-    static std::unique_ptr<CMtdBaseDriver> create(int model);
     ~CmtdSpgM4() override;
 
     const char* driverName() const override { return "CmtdSpgM4"; }

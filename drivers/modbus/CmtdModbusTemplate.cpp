@@ -200,8 +200,6 @@ private:
 
 CmtdModbusTemplate::CmtdModbusTemplate() = default;
 
-std::unique_ptr<CMtdBaseDriver> CmtdModbusTemplate::create(int) { return std::make_unique<CmtdModbusTemplate>(); }
-
 CmtdModbusTemplate::~CmtdModbusTemplate() { StopPolling(); }
 
 void CmtdModbusTemplate::SaveConnector(CConnector* connector) {

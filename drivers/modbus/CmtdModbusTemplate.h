@@ -18,8 +18,6 @@
 class CmtdModbusTemplate : public gas::CMtdGasBaseDriver {
 public:
     CmtdModbusTemplate();
-    // For the factory's model table; the template's name comes with the configuration.
-    static std::unique_ptr<CMtdBaseDriver> create(int code);
     ~CmtdModbusTemplate() override;
 
     const char* driverName() const override { return "CmtdModbusTemplate"; }
