@@ -8,7 +8,6 @@ e2e_case "$@"
 
 DEV=$(ek_device_start 10)
 SIM=(--now "$DEV" --archive-days 1 --seed 9 --model EK270)
-CLOSED='cycle_end\(\) - session closed'
 
 # ---- gas passport written into the meter, then the file is gone ----
 id=4001
@@ -19,7 +18,7 @@ printf '{"PassCO2":"0.52","PassN2":"1.1","PassP":"1.0332"}\n' >"$WORK/passport"
 mv "$WORK/passport" /tmp/gmd_set_value_$id
 start_bg "$WORK/pass.log" "$MTD_MAIN" -e -v 7 -i $id
 pid=$BG_PID
-check "passport: cycle completes" wait_for "$WORK/pass.log" "$CLOSED" 30
+check "passport: cycle completes" wait_for "$WORK/pass.log" "$EK_CYCLE_END" 30
 check "passport: CO2 written" grep -qx 'W1 11:314.1(0.52)' "$WORK/pass.sim"
 check "passport: N2 written" grep -qx 'W1 14:314.1(1.1)' "$WORK/pass.sim"
 # 1.0332 kgf/cm2 in the meter's bar.
@@ -41,7 +40,7 @@ write_ek_model_config "$WORK/bcc.json" $id ek270 "$WORK/ek.tty"
 start_hostsim "$WORK/bcc.json" "$WORK/bcc.rec" || exit 1
 start_bg "$WORK/bcc.log" "$MTD_MAIN" -e -v 7 -i $id
 pid=$BG_PID
-check "faults: cycle completes" wait_for "$WORK/bcc.log" "$CLOSED" 40
+check "faults: cycle completes" wait_for "$WORK/bcc.log" "$EK_CYCLE_END" 40
 check "faults: error code logged" grep -q "DEVICE RETURNS ERROR CODE '#0001' !!!" "$WORK/bcc.log"
 check "faults: failed values skipped" test "$(count_in "$WORK/bcc.log" "CAN'T GET CURRENT PARAMETER 'Read (Temperature|Correction)")" = 2
 check "faults: the rest published" ek_check_current "$WORK/bcc.rec" EK270 bar T=- Kcorr=- Vstd.crash=12.5000 Kcomp=1.0023

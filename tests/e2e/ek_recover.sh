@@ -8,7 +8,6 @@ e2e_case "$@"
 
 DEV=$(ek_device_start 10)
 SIM=(--now "$DEV" --archive-days 1 --seed 7 --model EK270)
-CLOSED='cycle_end\(\) - session closed'
 
 # ---- wrong serial number: the cycle ends; the right meter on the same line is read ----
 id=3001
@@ -25,7 +24,7 @@ check "wrong serial: nothing published" sh -c "! grep -q put_all_current_values 
 check "wrong serial: no archive read" sh -c "! grep -q 'get_arch_values(' '$WORK/serial.log'"
 stop_pid "$METERSIM_PID"
 start_metersim "$WORK/serial2.sim" --link "$WORK/ek.tty" --no-timing "${SIM[@]}" --serial 12345678 || exit 1
-check "right serial: next cycle completes" wait_for "$WORK/serial.log" "$CLOSED" 30
+check "right serial: next cycle completes" wait_for "$WORK/serial.log" "$EK_CYCLE_END" 30
 check "right serial: values published" grep -q put_all_current_values "$WORK/serial.rec"
 check "right serial: archives complete" ek_check_archives "$WORK/serial.log" $id EK270 "${SIM[@]}"
 kill -INT "$pid"
@@ -49,7 +48,7 @@ partial=$(find /mnt/storage/$id -name 'Hourly_JSONRPC-*' -exec cat {} + | wc -l)
 check "silent: what was read is stored ($partial hourly)" test "$partial" -gt 0
 stop_pid "$METERSIM_PID"
 start_metersim "$WORK/silent2.sim" --link "$WORK/ek.tty" --no-timing "${SIM[@]}" || exit 1
-check "silent: next cycle completes" wait_for "$WORK/silent.log" "$CLOSED" 30
+check "silent: next cycle completes" wait_for "$WORK/silent.log" "$EK_CYCLE_END" 30
 check "silent: nothing lost, nothing twice" ek_check_archives "$WORK/silent.log" $id EK270 "${SIM[@]}"
 check "silent: the rest came in a batch of its own" \
     test "$(find /mnt/storage/$id -name 'Hourly_JSONRPC-*' | wc -l)" -ge 2

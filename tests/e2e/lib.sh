@@ -156,6 +156,9 @@ wait_exit() {
     return 1
 }
 
+# The EK driver's last line of a cycle (after the archives, the session closed).
+EK_CYCLE_END='cycle_end\(\) - session closed'
+
 # e2e_private_etc: a private, empty /etc/mtd_main for the units' line files; the
 # rest of /etc is a tmpfs of links to the real entries, which stay untouched.
 e2e_private_etc() {
