@@ -41,4 +41,14 @@ protected:
                            const std::string& sys) const;
 };
 
+// A row of a driver's table of published current values: the read that gets
+// it, the published name, the DataUnit it is published in, and whether it is a
+// pressure (converted to kgf/cm2 from the meter's own unit).
+struct CurrentValue {
+    const char* request;
+    const char* name;
+    uint32_t unit;
+    bool pressure;
+};
+
 }  // namespace gas

@@ -144,12 +144,7 @@ namespace {
 
 // What the host service gets, in this order: the read, the published name and
 // the unit of the value as published (pressures are converted to kgf/cm2).
-struct CurrentValue {
-    const char* request;
-    const char* name;
-    uint32_t unit;
-    bool pressure;
-};
+using CurrentValue = gas::CurrentValue;
 const CurrentValue kCurrent[] = {
     {"Read Std. Volume", "Vstd", DU_M3, false},        {"Read Work Volume", "Vw", DU_M3, false},
     {"Read Crash Std. Volume", "Vstd.crash", DU_M3, false}, {"Read Crash Work Volume", "Vw.crash", DU_M3, false},

@@ -30,12 +30,7 @@ constexpr size_t kFullReply = 5000;
 constexpr int kSlicesPerBlock = 24;
 
 // Published current values, in this order; pressures converted to kgf/cm2.
-struct CurrentValue {
-    const char* request;
-    const char* name;
-    uint32_t unit;
-    bool pressure;
-};
+using CurrentValue = gas::CurrentValue;
 const CurrentValue kCurrent[] = {
     {"Read Std. Volume", "Vstd", DU_M3, false},  {"Read Work Volume", "Vw", DU_M3, false},
     {"Read Pressure", "P", DU_KGF_CM2, true},    {"Read Temperature", "T", DU_GRAD, false},
