@@ -81,16 +81,8 @@ grep -E 'archiving period is|parseIdent|get_all_system_values\(\) - [A-Za-z]+ = 
 
 echo
 echo "== current values as the host service received them =="
-python3 - "$WORK/host.record" <<'PY'
-import json, sys
-for line in open(sys.argv[1]):
-    try:
-        req = json.loads(line)
-    except ValueError:
-        continue
-    if req.get("method") != "put_all_current_values":
-        continue
-    params = req.get("params")
+{ echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$WORK/host.record"
+for params in puts(sys.argv[1]):
     values = params.get("values", params) if isinstance(params, dict) else params
     for v in values if isinstance(values, list) else []:
         name = v.get("value_name", v.get("name", "?"))

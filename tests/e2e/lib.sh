@@ -530,6 +530,15 @@ def report(bad):
     for b in bad:
         print("  " + b)
     sys.exit(1 if bad else 0)
+def puts(record):
+    """The values of every put_all_current_values in RECORD, oldest first."""
+    for line in open(record):
+        try:
+            req = json.loads(line)
+        except ValueError:
+            continue
+        if req.get("method") == "put_all_current_values":
+            yield req.get("params")
 '
 
 # ek_check_current RECORD MODEL PRESSURE_UNIT NAME=VALUE... : the last

@@ -80,18 +80,11 @@ check "bad template: never polled" bash -c "! grep -q '\[2602\]\[CmtdModbusTempl
 check "bad template: the other meter's cycles go on" \
     test "$(grep -c 'end all current values' "$WORK/flow.log")" -ge 3
 
-python3 - "$WORK/rec" "$dev" <<'PY' || FAILURES=$((FAILURES + 1))
-import json, sys
+{ echo "$CURRENT_PY"; cat <<'PY'; } | python3 - "$WORK/rec" "$dev" || FAILURES=$((FAILURES + 1))
 rec, dev = sys.argv[1], int(sys.argv[2])
 pub = {}
-for line in open(rec):
-    try:
-        req = json.loads(line)
-    except ValueError:
-        continue
-    if req.get("method") != "put_all_current_values":
-        continue
-    values = {v["name"]: v for v in req["params"]}
+for params in puts(rec):
+    values = {v["name"]: v for v in params}
     # The requests do not name the meter; the value names tell the templates apart.
     meter = "2603" if "Qw" in values else "2601"
     pub.setdefault(meter, {}).update(values)
