@@ -60,6 +60,8 @@ public:
     int type() const { return m_type; }
     time_t from() const { return m_from; }
     time_t to() const { return m_to; }
+    // The newest timestamp the store held when the read began (0: none).
+    time_t stored() const { return m_stored; }
     bool journal() const { return m_type == ARCH_JOURNAL_EVENT || m_type == ARCH_JOURNAL_INTERVENT; }
     // The window ends no later than `t` (the device's own clock).
     void clipTo(time_t t);

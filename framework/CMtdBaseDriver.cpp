@@ -445,8 +445,12 @@ bool CMtdBaseDriver::archiveDue(int archType, time_t next) {
     return true;
 }
 
+time_t CMtdBaseDriver::lastStoredTime(int archType) const {
+    return m_store ? m_store->GetLastTimestamp(archType) : 0;
+}
+
 time_t CMtdBaseDriver::GetMaxTimestampIn(int archType, time_t start) {
-    const time_t last = m_store ? m_store->GetLastTimestamp(archType) : 0;
+    const time_t last = lastStoredTime(archType);
     MTD_LOG(Info, "CMtdBaseDriver::GetMaxTimestampIn() start timestamp = %d, max read timestamp = %d (%s)", (int)start,
             (int)last, TimeText(last).text);
     return last;

@@ -170,8 +170,9 @@ protected:
     time_t now() const { return m_clock->now(); }
     // Blocks until the driver's clock reaches `target`; false when stopping.
     bool waitUntilTime(time_t target);
-    // The archive store, from the start of the thread on (nullptr before).
-    GasFileConnector* archiveStore() { return m_store.get(); }
+    // The newest stored timestamp of an archive kind; 0 when none, or before
+    // the thread has opened the store.
+    time_t lastStoredTime(int archType) const;
     const DriverPaths& paths() const { return m_paths; }
     // Seconds after midnight of the contract hour, from the configuration ("rate_hour").
     time_t rateHourOffset() const;

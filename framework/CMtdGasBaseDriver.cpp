@@ -11,7 +11,6 @@
 #include "hostlink/CJSONRPCConnector.h"
 #include "core/logger.h"
 #include "storage/CControlFiles.h"
-#include "storage/GasFileConnector.h"
 
 namespace gas {
 
@@ -20,8 +19,7 @@ CMtdGasBaseDriver::CMtdGasBaseDriver() = default;
 CMtdGasBaseDriver::~CMtdGasBaseDriver() { StopPolling(); }
 
 int CMtdGasBaseDriver::GetRateHour(int n) {
-    GasFileConnector* store = archiveStore();
-    const time_t dailyLast = store ? store->GetLastTimestamp(ARCH_DAILY) : 0;
+    const time_t dailyLast = lastStoredTime(ARCH_DAILY);
     MTD_DLOG(Debug, "CMtdGasBaseDriver::GetRateHour(%d) - daily_last = %d", n,
             (int)dailyLast);
     struct tm ti {};

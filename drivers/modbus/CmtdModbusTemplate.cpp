@@ -52,7 +52,6 @@
 #include "core/Exceptions.h"
 #include "core/logger.h"
 #include "protocols/ModBus.h"
-#include "storage/GasFileConnector.h"
 #include "transport/CConnector.h"
 #include "transport/CLinkStats.h"
 #include "transport/CModbusConnectorItself.h"
@@ -483,8 +482,8 @@ void CmtdModbusTemplate::keepRecords(time_t readAt, const std::vector<std::pair<
         if (kind == ARCH_DAILY && toDeviceTime(hour).tm_hour != contractHour())
             continue;
         Kept& k = m_kept[kind];
-        if (!k.fromStore && archiveStore()) {
-            k.lastMade = std::max(k.lastMade, static_cast<time_t>(archiveStore()->GetLastTimestamp(kind)));
+        if (!k.fromStore) {
+            k.lastMade = std::max(k.lastMade, lastStoredTime(kind));
             k.fromStore = true;
         }
         if (hour <= k.lastMade)
@@ -505,7 +504,7 @@ void CmtdModbusTemplate::keepRecords(time_t readAt, const std::vector<std::pair<
 
 void CmtdModbusTemplate::pendingRecords(CArchiveSink& sink) {
     Kept& k = m_kept[sink.type()];
-    const time_t stored = archiveStore() ? archiveStore()->GetLastTimestamp(sink.type()) : 0;
+    const time_t stored = sink.stored();
     // What the store holds is done with; what it refused waits for the next reader.
     while (!k.pending.empty() && k.pending.front().timestamp <= stored)
         k.pending.pop_front();
